@@ -1,0 +1,21 @@
+# tav_library(NAME SOURCES... [DEPS target...])
+# One library per source directory; every library sees src/ as its include root,
+# so headers are named by directory ("platform/platform.h").
+function(tav_library name)
+  cmake_parse_arguments(TL "" "" "SOURCES;DEPS" ${ARGN})
+  add_library(${name} STATIC ${TL_SOURCES})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+  if(TL_DEPS)
+    target_link_libraries(${name} PUBLIC ${TL_DEPS})
+  endif()
+endfunction()
+
+# tav_test(NAME SOURCES... DEPS target...)
+# A GoogleTest executable whose tests run one per process under CTest.
+function(tav_test name)
+  cmake_parse_arguments(TT "" "" "SOURCES;DEPS" ${ARGN})
+  add_executable(${name} ${TT_SOURCES})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+  target_link_libraries(${name} PRIVATE ${TT_DEPS} GTest::gtest GTest::gtest_main)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60)
+endfunction()

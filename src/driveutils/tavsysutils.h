@@ -1,0 +1,29 @@
+// Process-wide logging state and the log stream of the drive code.
+#pragma once
+
+#include <ostream>
+#include <streambuf>
+
+// Debug level and syslog switch of the whole process; a host program sets them.
+extern int tavGlobalDebugLevel;
+extern int tavGlobalUseSyslog;
+
+// A stream buffer that hands each flushed run of text on as one message: to
+// syslog as "corvane" when tavGlobalUseSyslog is set, else to standard output.
+class tav_syslogbuf : public std::streambuf {
+public:
+    static constexpr int kBufferSize = 2048;
+
+    tav_syslogbuf();
+    ~tav_syslogbuf() override;
+
+protected:
+    int sync() override;
+    int_type overflow(int_type c) override;
+
+private:
+    char buffer[kBufferSize];
+};
+
+extern tav_syslogbuf sbuf;
+extern std::ostream tav_logstream;

@@ -1,0 +1,200 @@
+// The platform seam: every contact of the system with devices, kernel
+// interfaces, appliance files, shell commands and the clock goes through the
+// active Platform. Production's platform is a plain pass-through to libc;
+// another one (the simulated appliance, a fault-injecting test platform) can
+// be installed for the life of a scope with ScopedPlatform.
+//
+// Code outside src/platform/ calls the free functions of namespace plat below
+// (plat::open, plat::ioctl, ...) and never the libc functions of the same name.
+#pragma once
+
+#include <cstdio>
+#include <ctime>
+#include <dirent.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+namespace plat {
+
+class Platform {
+public:
+    virtual ~Platform() = default;
+
+    // File descriptors.
+    virtual int open(const char* path, int flags, mode_t mode) = 0;
+    virtual int close(int fd) = 0;
+    virtual ssize_t read(int fd, void* buf, size_t count) = 0;
+    virtual ssize_t write(int fd, const void* buf, size_t count) = 0;
+    virtual ssize_t pread(int fd, void* buf, size_t count, off_t offset) = 0;
+    virtual ssize_t pwrite(int fd, const void* buf, size_t count, off_t offset) = 0;
+    virtual off_t lseek(int fd, off_t offset, int whence) = 0;
+    virtual int fsync(int fd) = 0;
+    virtual int ioctl(int fd, unsigned long request, void* arg) = 0;
+    virtual int fstat(int fd, struct ::stat* st) = 0;
+    virtual void* mmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset) = 0;
+    virtual int munmap(void* addr, size_t length) = 0;
+
+    // Paths.
+    virtual int stat(const char* path, struct ::stat* st) = 0;
+    virtual int lstat(const char* path, struct ::stat* st) = 0;
+    virtual int access(const char* path, int mode) = 0;
+    virtual int mkdir(const char* path, mode_t mode) = 0;
+    virtual int mknod(const char* path, mode_t mode, dev_t dev) = 0;
+    virtual int unlink(const char* path) = 0;
+    virtual int rename(const char* from, const char* to) = 0;
+    virtual int remove(const char* path) = 0;
+    virtual int mkstemp(char* templ) = 0;
+    virtual DIR* opendir(const char* path) = 0;
+    virtual FILE* fopen(const char* path, const char* mode) = 0;
+    virtual int chdir(const char* path) = 0;
+
+    // Processes and commands.
+    virtual int system(const char* command) = 0;
+    virtual FILE* popen(const char* command, const char* mode) = 0;
+    virtual int pclose(FILE* stream) = 0;
+
+    // Time. waitTimeout is a wait that is only a wait: a select on no descriptors.
+    virtual time_t time(time_t* out) = 0;
+    virtual int gettimeofday(struct timeval* tv) = 0;
+    virtual unsigned int sleep(unsigned int seconds) = 0;
+    virtual int usleep(useconds_t usec) = 0;
+    virtual int nanosleep(const struct timespec* req, struct timespec* rem) = 0;
+    virtual int waitTimeout(struct timeval* timeout) = 0;
+
+    // A socket used only to query network interfaces by ioctl (SIOCGIFCONF,
+    // SIOCGIFADDR, SIOCGIFHWADDR, ...); its ioctls and close go through the seam.
+    virtual int socket(int domain, int type, int protocol) = 0;
+
+    // The closed vendor controller library.
+    virtual int InitMegaLib() = 0;
+    virtual int GetDllVersion(char* major, char* minor) = 0;
+    virtual int MegaLibCommand(int opcode, int adapter, int channel, int target, int size,
+                               void* buffer) = 0;
+};
+
+// The pass-through to the host's libc and, for the vendor library, to a copy
+// of it found at run time (none installed: no controllers).
+Platform& hostPlatform();
+
+// The platform now in force.
+Platform& current();
+
+// Installs a platform for the life of the scope and restores the previous one.
+class ScopedPlatform {
+public:
+    explicit ScopedPlatform(Platform& platform);
+    ~ScopedPlatform();
+    ScopedPlatform(const ScopedPlatform&) = delete;
+    ScopedPlatform& operator=(const ScopedPlatform&) = delete;
+
+private:
+    Platform* previous_;
+};
+
+// A platform that hands every call to another; derive from it to change a few.
+class ForwardingPlatform : public Platform {
+public:
+    explicit ForwardingPlatform(Platform& inner) : inner_(inner) {}
+
+    int open(const char* path, int flags, mode_t mode) override { return inner_.open(path, flags, mode); }
+    int close(int fd) override { return inner_.close(fd); }
+    ssize_t read(int fd, void* buf, size_t count) override { return inner_.read(fd, buf, count); }
+    ssize_t write(int fd, const void* buf, size_t count) override { return inner_.write(fd, buf, count); }
+    ssize_t pread(int fd, void* buf, size_t count, off_t offset) override
+    {
+        return inner_.pread(fd, buf, count, offset);
+    }
+    ssize_t pwrite(int fd, const void* buf, size_t count, off_t offset) override
+    {
+        return inner_.pwrite(fd, buf, count, offset);
+    }
+    off_t lseek(int fd, off_t offset, int whence) override { return inner_.lseek(fd, offset, whence); }
+    int fsync(int fd) override { return inner_.fsync(fd); }
+    int ioctl(int fd, unsigned long request, void* arg) override { return inner_.ioctl(fd, request, arg); }
+    int fstat(int fd, struct ::stat* st) override { return inner_.fstat(fd, st); }
+    void* mmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset) override
+    {
+        return inner_.mmap(addr, length, prot, flags, fd, offset);
+    }
+    int munmap(void* addr, size_t length) override { return inner_.munmap(addr, length); }
+    int stat(const char* path, struct ::stat* st) override { return inner_.stat(path, st); }
+    int lstat(const char* path, struct ::stat* st) override { return inner_.lstat(path, st); }
+    int access(const char* path, int mode) override { return inner_.access(path, mode); }
+    int mkdir(const char* path, mode_t mode) override { return inner_.mkdir(path, mode); }
+    int mknod(const char* path, mode_t mode, dev_t dev) override { return inner_.mknod(path, mode, dev); }
+    int unlink(const char* path) override { return inner_.unlink(path); }
+    int rename(const char* from, const char* to) override { return inner_.rename(from, to); }
+    int remove(const char* path) override { return inner_.remove(path); }
+    int mkstemp(char* templ) override { return inner_.mkstemp(templ); }
+    DIR* opendir(const char* path) override { return inner_.opendir(path); }
+    FILE* fopen(const char* path, const char* mode) override { return inner_.fopen(path, mode); }
+    int chdir(const char* path) override { return inner_.chdir(path); }
+    int system(const char* command) override { return inner_.system(command); }
+    FILE* popen(const char* command, const char* mode) override { return inner_.popen(command, mode); }
+    int pclose(FILE* stream) override { return inner_.pclose(stream); }
+    time_t time(time_t* out) override { return inner_.time(out); }
+    int gettimeofday(struct timeval* tv) override { return inner_.gettimeofday(tv); }
+    unsigned int sleep(unsigned int seconds) override { return inner_.sleep(seconds); }
+    int usleep(useconds_t usec) override { return inner_.usleep(usec); }
+    int nanosleep(const struct timespec* req, struct timespec* rem) override { return inner_.nanosleep(req, rem); }
+    int waitTimeout(struct timeval* timeout) override { return inner_.waitTimeout(timeout); }
+    int socket(int domain, int type, int protocol) override { return inner_.socket(domain, type, protocol); }
+    int InitMegaLib() override { return inner_.InitMegaLib(); }
+    int GetDllVersion(char* major, char* minor) override { return inner_.GetDllVersion(major, minor); }
+    int MegaLibCommand(int opcode, int adapter, int channel, int target, int size, void* buffer) override
+    {
+        return inner_.MegaLibCommand(opcode, adapter, channel, target, size, buffer);
+    }
+
+protected:
+    Platform& inner() { return inner_; }
+
+private:
+    Platform& inner_;
+};
+
+// The calls of the system: each goes to the platform now in force.
+inline int open(const char* path, int flags, mode_t mode = 0) { return current().open(path, flags, mode); }
+inline int close(int fd) { return current().close(fd); }
+inline ssize_t read(int fd, void* buf, size_t count) { return current().read(fd, buf, count); }
+inline ssize_t write(int fd, const void* buf, size_t count) { return current().write(fd, buf, count); }
+inline ssize_t pread(int fd, void* buf, size_t count, off_t offset) { return current().pread(fd, buf, count, offset); }
+inline ssize_t pwrite(int fd, const void* buf, size_t count, off_t offset)
+{
+    return current().pwrite(fd, buf, count, offset);
+}
+inline off_t lseek(int fd, off_t offset, int whence) { return current().lseek(fd, offset, whence); }
+inline int fsync(int fd) { return current().fsync(fd); }
+inline int ioctl(int fd, unsigned long request, void* arg = nullptr) { return current().ioctl(fd, request, arg); }
+inline int fstat(int fd, struct ::stat* st) { return current().fstat(fd, st); }
+inline void* mmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset)
+{
+    return current().mmap(addr, length, prot, flags, fd, offset);
+}
+inline int munmap(void* addr, size_t length) { return current().munmap(addr, length); }
+inline int stat(const char* path, struct ::stat* st) { return current().stat(path, st); }
+inline int lstat(const char* path, struct ::stat* st) { return current().lstat(path, st); }
+inline int access(const char* path, int mode) { return current().access(path, mode); }
+inline int mkdir(const char* path, mode_t mode) { return current().mkdir(path, mode); }
+inline int mknod(const char* path, mode_t mode, dev_t dev) { return current().mknod(path, mode, dev); }
+inline int unlink(const char* path) { return current().unlink(path); }
+inline int rename(const char* from, const char* to) { return current().rename(from, to); }
+inline int remove(const char* path) { return current().remove(path); }
+inline int mkstemp(char* templ) { return current().mkstemp(templ); }
+inline DIR* opendir(const char* path) { return current().opendir(path); }
+inline FILE* fopen(const char* path, const char* mode) { return current().fopen(path, mode); }
+inline int chdir(const char* path) { return current().chdir(path); }
+inline int system(const char* command) { return current().system(command); }
+inline FILE* popen(const char* command, const char* mode) { return current().popen(command, mode); }
+inline int pclose(FILE* stream) { return current().pclose(stream); }
+inline time_t time(time_t* out) { return current().time(out); }
+inline int gettimeofday(struct timeval* tv) { return current().gettimeofday(tv); }
+inline unsigned int sleep(unsigned int seconds) { return current().sleep(seconds); }
+inline int usleep(useconds_t usec) { return current().usleep(usec); }
+inline int nanosleep(const struct timespec* req, struct timespec* rem) { return current().nanosleep(req, rem); }
+inline int waitTimeout(struct timeval* timeout) { return current().waitTimeout(timeout); }
+inline int socket(int domain, int type, int protocol) { return current().socket(domain, type, protocol); }
+
+} // namespace plat
