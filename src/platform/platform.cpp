@@ -47,6 +47,7 @@ public:
     DIR* opendir(const char* path) override { return ::opendir(path); }
     FILE* fopen(const char* path, const char* mode) override { return ::fopen(path, mode); }
     int chdir(const char* path) override { return ::chdir(path); }
+    void sync() override { ::sync(); }
     int system(const char* command) override { return ::system(command); }
     FILE* popen(const char* command, const char* mode) override { return ::popen(command, mode); }
     int pclose(FILE* stream) override { return ::pclose(stream); }
@@ -57,6 +58,10 @@ public:
     int nanosleep(const struct timespec* req, struct timespec* rem) override { return ::nanosleep(req, rem); }
     int waitTimeout(struct timeval* timeout) override { return ::select(0, nullptr, nullptr, nullptr, timeout); }
     int socket(int domain, int type, int protocol) override { return ::socket(domain, type, protocol); }
+    int setsockopt(int fd, int level, int name, const void* value, socklen_t length) override
+    {
+        return ::setsockopt(fd, level, name, value, length);
+    }
     int InitMegaLib() override { return megalib::library().InitMegaLib(); }
     int GetDllVersion(char* major, char* minor) override { return megalib::library().GetDllVersion(major, minor); }
     int MegaLibCommand(int opcode, int adapter, int channel, int target, int size, void* buffer) override

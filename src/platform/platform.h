@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <ctime>
 #include <dirent.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/types.h>
@@ -49,6 +50,8 @@ public:
     virtual DIR* opendir(const char* path) = 0;
     virtual FILE* fopen(const char* path, const char* mode) = 0;
     virtual int chdir(const char* path) = 0;
+    // Writes every file system's buffers out (the system-wide sync).
+    virtual void sync() = 0;
 
     // Processes and commands.
     virtual int system(const char* command) = 0;
@@ -64,8 +67,9 @@ public:
     virtual int waitTimeout(struct timeval* timeout) = 0;
 
     // A socket used only to query network interfaces by ioctl (SIOCGIFCONF,
-    // SIOCGIFADDR, SIOCGIFHWADDR, ...); its ioctls and close go through the seam.
+    // SIOCGIFADDR, SIOCGIFHWADDR, ...); its options, ioctls and close go through the seam.
     virtual int socket(int domain, int type, int protocol) = 0;
+    virtual int setsockopt(int fd, int level, int name, const void* value, socklen_t length) = 0;
 
     // The closed vendor controller library.
     virtual int InitMegaLib() = 0;
@@ -131,6 +135,7 @@ public:
     DIR* opendir(const char* path) override { return inner_.opendir(path); }
     FILE* fopen(const char* path, const char* mode) override { return inner_.fopen(path, mode); }
     int chdir(const char* path) override { return inner_.chdir(path); }
+    void sync() override { inner_.sync(); }
     int system(const char* command) override { return inner_.system(command); }
     FILE* popen(const char* command, const char* mode) override { return inner_.popen(command, mode); }
     int pclose(FILE* stream) override { return inner_.pclose(stream); }
@@ -141,6 +146,10 @@ public:
     int nanosleep(const struct timespec* req, struct timespec* rem) override { return inner_.nanosleep(req, rem); }
     int waitTimeout(struct timeval* timeout) override { return inner_.waitTimeout(timeout); }
     int socket(int domain, int type, int protocol) override { return inner_.socket(domain, type, protocol); }
+    int setsockopt(int fd, int level, int name, const void* value, socklen_t length) override
+    {
+        return inner_.setsockopt(fd, level, name, value, length);
+    }
     int InitMegaLib() override { return inner_.InitMegaLib(); }
     int GetDllVersion(char* major, char* minor) override { return inner_.GetDllVersion(major, minor); }
     int MegaLibCommand(int opcode, int adapter, int channel, int target, int size, void* buffer) override
@@ -186,6 +195,7 @@ inline int mkstemp(char* templ) { return current().mkstemp(templ); }
 inline DIR* opendir(const char* path) { return current().opendir(path); }
 inline FILE* fopen(const char* path, const char* mode) { return current().fopen(path, mode); }
 inline int chdir(const char* path) { return current().chdir(path); }
+inline void sync() { current().sync(); }
 inline int system(const char* command) { return current().system(command); }
 inline FILE* popen(const char* command, const char* mode) { return current().popen(command, mode); }
 inline int pclose(FILE* stream) { return current().pclose(stream); }
@@ -196,5 +206,9 @@ inline int usleep(useconds_t usec) { return current().usleep(usec); }
 inline int nanosleep(const struct timespec* req, struct timespec* rem) { return current().nanosleep(req, rem); }
 inline int waitTimeout(struct timeval* timeout) { return current().waitTimeout(timeout); }
 inline int socket(int domain, int type, int protocol) { return current().socket(domain, type, protocol); }
+inline int setsockopt(int fd, int level, int name, const void* value, socklen_t length)
+{
+    return current().setsockopt(fd, level, name, value, length);
+}
 
 } // namespace plat
