@@ -27,3 +27,11 @@ private:
 
 extern tav_syslogbuf sbuf;
 extern std::ostream tav_logstream;
+
+// Closes every descriptor of the process except the standard three, as listed
+// in "/proc/<pid>/fd". 0, or -1 when that directory does not open.
+int closeFileDescriptors(int pid);
+
+// Runs a command in a child with only the standard descriptors: the raw wait
+// status, or -1 when fork or waitpid fails.
+int tav_system(const char* command);

@@ -145,3 +145,73 @@ void tavSectorHash(const void* sector, uint8_t hash[SECTOR_HASH_SIZE]);
 void tavSetSectorHash(void* sector);
 // Whether the first 16 bytes are the hash of the rest.
 bool tavSectorHashValid(const void* sector);
+
+// --- Signature codes -------------------------------------------------------
+
+// The verdict texts of the signature codes; "unknown" for any other value.
+const char* getDriveSignatureText(int code);
+
+// --- ATA identity queries ----------------------------------------------------
+// 0 on success, -10 when the device does not open, -11 when the ioctl fails.
+
+int getDriveCapacity(const char* dev, char* out, int len);
+int getDriveMode(const char* dev, char* out, int len);
+int getDriveModel(const char* dev, char* out, int len);
+int getDriveSerialNumber(const char* dev, char* out, int len);
+
+// The transfer class named by an identify capability word ("UDMA 100MB"),
+// or the empty text when none applies.
+const char* tavCapabilityClass(unsigned short capability);
+
+// --- Partition tables --------------------------------------------------------
+
+// Sizes in sectors. 0 good; 1 the disk did not open (or a bad size); 2 a
+// table write failed; 3 the kernel did not re-read the table.
+int buildPartitions(const char* diskID, uint32_t osPartitionSize, uint32_t os2PartitionSize,
+                    uint32_t dataPartitionSize, uint32_t logPartitionSize, int32_t bootPartitionSize,
+                    bool twologs);
+int buildDataPartition(const char* diskID, uint32_t dataPartitionSize);
+
+// Walks the table chain from the descriptor's position into sectors[index..max).
+// The free form keeps no result; tavWalkPartitions gives 0, 3 (read failure)
+// or 8 (a link that leads outside the device).
+void readPartition(int fd, long long offset, _one_sector* sectors, int index, int max);
+int tavWalkPartitions(int fd, long long offset, _one_sector* sectors, int index, int max);
+
+// The expected layout, tested in order on the table sectors of a walk.
+constexpr int PARTITION_WALK_MAX = 12;
+constexpr uint32_t SIGNATURE_PARTITION_SECTORS = 2048;
+constexpr uint8_t PARTITION_TYPE_LINUX = 0x83;
+constexpr uint8_t PARTITION_TYPE_EXTENDED = 0x05;
+
+struct TavPartitionCheck {
+    int sector;              // table sector of the walk
+    int entry;               // 0-based entry
+    uint8_t type;            // required type byte
+    bool signatureSize;      // the entry must also be SIGNATURE_PARTITION_SECTORS long
+    const char* failure;     // text of a failed type check
+    const char* debugLine;   // format with type, offset and count, logged on a pass
+};
+
+class TavPartitionReporter {
+public:
+    virtual ~TavPartitionReporter() = default;
+    virtual void noTable() = 0;
+    virtual void failed(const TavPartitionCheck& check) = 0;
+    virtual void wrongSignatureSize(uint32_t count) = 0;
+};
+
+// 0 when every check passes, else 8 after one report. Passes log their debug line.
+int tavCheckPartitionLayout(const _one_sector* sectors, TavPartitionReporter& report);
+
+// 0, 3 (open failed) or 8, with the checks above and log-format messages.
+int verifyDrivePartitions(const char* dev);
+
+// Converts a sector number to CHS bytes of a table entry.
+struct hd_geometry;
+void getCHS(uint32_t size, uint8_t* head, uint8_t* sector, uint8_t* cyl, const hd_geometry* diskGeometry,
+            uint32_t cylSize);
+
+// Reads the header and `count` records of the old IDE naming "/dev/hd<letter>1";
+// the record of the letter's position, or null.
+SECT_AUTO_RAID* readSignature(char letter, SECT_INDEX_TABLE* header, SECT_AUTO_RAID* records, int count);
