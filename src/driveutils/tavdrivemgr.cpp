@@ -1,0 +1,3 @@
+#include "driveutils/tavdrivemgr.h"
+
+int TavDriveMgr::nDrives = 0;
