@@ -26,6 +26,7 @@ bool TavObxInfo::loadData()
         hwid_freeModelInfo(model);
     } else {
         std::snprintf(caModelName, sizeof caModelName, "UNKNOWN");
+        iModelId = 0;
     }
 
     caSerialNumber[0] = '\0';

@@ -1,0 +1,72 @@
+#include <cstring>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "hwlib/tavethutils.h"
+#include "hwlib_fixture.h"
+
+namespace {
+
+using tavtest::HwlibTest;
+using tavtest::NetPlatform;
+
+TEST_F(HwlibTest, MacTextIsCutByTheLengthAndNeedsFifteen)
+{
+    char text[32];
+    EXPECT_EQ(eth_getMAC(0, text, 14), -2);
+    EXPECT_EQ(eth_getMAC(0, text, 18), 0);
+    EXPECT_STREQ(text, "00:1A:2B:3C:4D:5E");
+    EXPECT_EQ(eth_getMAC(1, text, 15), 0);
+    EXPECT_STREQ(text, "00:1A:2B:3C:4D");
+    EXPECT_EQ(module.opened, module.closed);
+}
+
+TEST_F(HwlibTest, AddressesAndNumbers)
+{
+    char text[32];
+    EXPECT_EQ(eth_getAddress(0, text, 16), 0);
+    EXPECT_STREQ(text, "10.0.0.5");
+    EXPECT_EQ(eth_getAddress(1, text, 16), 0);
+    EXPECT_STREQ(text, "0.0.0.0");
+    EXPECT_EQ(eth_getMTU(1, text, 16), 0);
+    EXPECT_STREQ(text, "9000");
+    EXPECT_EQ(eth_getMTU(1, text, 15), -2);
+    EXPECT_EQ(eth_getNetmask(0, text, sizeof text), -4); // not answered by this module
+}
+
+TEST_F(HwlibTest, InfoFromSocketResultCodes)
+{
+    char text[32] = "stale";
+    ifreq data{};
+    std::strcpy(data.ifr_name, "eth0");
+    EXPECT_EQ(eth_getInfoFromSocket(-1, text, 32, SIOCGIFADDR, &data), -1);
+    EXPECT_EQ(eth_getInfoFromSocket(NetPlatform::kSocket, nullptr, 32, SIOCGIFADDR, &data), -3);
+    EXPECT_EQ(eth_getInfoFromSocket(NetPlatform::kSocket, text, 32, SIOCGIFFLAGS, &data), -5);
+    EXPECT_EQ(eth_getInfoFromSocket(NetPlatform::kSocket, text, 15, SIOCGIFADDR, &data), -2);
+    std::strcpy(data.ifr_name, "eth7");
+    EXPECT_EQ(eth_getInfoFromSocket(NetPlatform::kSocket, text, 32, SIOCGIFADDR, &data), -4);
+    EXPECT_STREQ(text, ""); // cleared before the call
+    std::strcpy(data.ifr_name, "bond0");
+    EXPECT_EQ(eth_getMACFromSocket(NetPlatform::kSocket, text, 32, &data), 0);
+    EXPECT_STREQ(text, "00:1A:2B:3C:4D:5E");
+    EXPECT_EQ(eth_getAddressFromSocket(NetPlatform::kSocket, text, 32, &data), 0);
+    EXPECT_STREQ(text, "10.0.0.9");
+
+    module.noSocket = true;
+    EXPECT_EQ(eth_getMAC(0, text, 32), -1);
+    EXPECT_EQ(eth_getCount(), -1);
+    EXPECT_EQ(eth_getStatus(0), -1);
+}
+
+TEST_F(HwlibTest, CountAndStatusOfTheEthInterfaces)
+{
+    EXPECT_EQ(eth_getCount(), 2);
+    EXPECT_EQ(eth_getStatus(0), 1);
+    EXPECT_EQ(eth_getStatus(1), 0);
+    EXPECT_EQ(eth_getStatus(2), -4);
+    EXPECT_EQ(eth_getStatus(-1), -4);
+    EXPECT_EQ(module.opened, module.closed);
+}
+
+} // namespace
