@@ -1,0 +1,47 @@
+// Making a new simulated module of a platform identifier: its bays at the
+// device names of the platform's layout, a blank drive of distinct serial
+// number in each, the module's serial number and identity files, and the
+// state files of the simulation. Families that come later add their files by
+// registering a generator.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "manifest.h"
+#include "module.h"
+
+namespace sim {
+
+struct CreateOptions {
+    int platform = 1;
+    std::string moduleSerial;        // made from the directory's path when empty
+    uint64_t sectors = 156301488;    // per drive (80 GB); images are sparse
+    std::string model = "SIM-ATA 80G";
+    std::string firmware = "SIM1.00";
+};
+
+struct Layout {
+    const char* family;
+    std::vector<const char*> devices;  // whole-disk nodes, in position order
+};
+
+// The layout of a platform identifier; null, with the reason, for a family
+// the simulation does not model yet.
+const Layout* layoutFor(int platform, std::string& why);
+
+// Device numbers of a whole-disk node: IDE by interface (3, 22, 33, 34, ...)
+// with 64 minors a unit, SCSI disks 8, 65, 66, ... with 16 minors a disk in
+// order of `scsiIndex`. False for a name of no known kind.
+bool deviceNumbers(const std::string& device, int scsiIndex, Bay& bay);
+
+// Adds files to every new module after the common ones; gives "" or a reason.
+using ModuleGenerator = std::function<std::string(Module&, const Manifest&)>;
+void addModuleGenerator(ModuleGenerator generator);
+
+// `dir` must be absent or empty. Gives "" or the reason it could not.
+std::string createModule(const std::string& dir, const CreateOptions& options);
+
+} // namespace sim

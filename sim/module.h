@@ -1,0 +1,126 @@
+// A simulated module: one directory holding the module's file tree and the
+// state of the simulation. The system's paths map into the tree ("/dev/x" is
+// DIR/dev/x, "./configs/x" is DIR/configs/x); the simulation's own files lie
+// in DIR/sim, which no mapped path reaches:
+//
+//   sim/manifest       platform, module serial number, bays and drives (manifest.h)
+//   sim/clock          virtual time: "SECONDS MICROSECONDS"
+//   sim/faults         armed faults, one a line (faults.h)
+//   sim/commands.log   every command run: "TIME system|popen STATUS [unknown] COMMAND"
+//   sim/ata.log        ATA commands: "TIME DEVICE WHAT"
+//   sim/mounts         mounted file systems: "SOURCE TARGET TYPE"
+//   sim/services       "NAME running|stopped"
+//   sim/tables/bayN    the partitions of bay N as last read: "part N START SIZE" (sectors)
+//   sim/shelf/SERIAL.img  images of drives out of their bays
+//   sim/lock           taken (flock) around every change of a state file
+//
+// A drive's image is a sparse file at its bay's device path. Every state file
+// is read afresh when it changed, so separate processes see one module.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <sys/time.h>
+#include <vector>
+
+#include "manifest.h"
+#include "partitions.h"
+
+namespace sim {
+
+// A device node of a bay: the whole disk, a partition window, or the SCSI
+// generic node. Offsets and sizes in bytes.
+struct DeviceNode {
+    int bay = 0;
+    int partition = 0;       // 0 the disk, N a partition, -1 the generic node
+    std::string image;       // host path of the image file
+    uint64_t offset = 0;
+    uint64_t size = 0;
+    unsigned major = 0;
+    unsigned minor = 0;
+    bool character = false;
+};
+
+class Module {
+public:
+    // `dir` must exist; it is made absolute.
+    explicit Module(const std::string& dir);
+
+    const std::string& dir() const { return dir_; }
+    std::string statePath(const std::string& name) const { return dir_ + "/sim/" + name; }
+    std::string hostPath(const std::string& vpath) const { return dir_ + vpath; }
+    static bool isModule(const std::string& dir);
+
+    Manifest manifest();
+    // Read-modify-write of the manifest under the lock; `change` returns false to abandon.
+    bool updateManifest(const std::function<bool(Manifest&)>& change);
+    void writeManifest(const Manifest& m);
+
+    // The node at `vpath` when it names a node of some bay (present or not):
+    // nullopt when it is no device path; `present` false when the bay is empty
+    // or the partition does not exist.
+    std::optional<DeviceNode> device(const std::string& vpath, bool& present);
+
+    std::vector<Window> windows(int bay);
+    // The kernel's re-read of a bay's table: reads the image, stores and returns.
+    std::vector<Window> rereadPartitions(int bay);
+
+    timeval now();
+    void advance(uint64_t microseconds);
+
+    void logCommand(const std::string& kind, int status, bool known, const std::string& command);
+    void logAta(const std::string& device, const std::string& what);
+    std::string readState(const std::string& name);
+    void writeState(const std::string& name, const std::string& text);
+    void appendState(const std::string& name, const std::string& line);
+
+    // Drive handling; each gives "" or the reason it could not.
+    std::string pull(int bay);
+    std::string insert(int bay, const std::string& serial);  // serial "" makes a blank new drive
+    std::string swap(int bayA, int bayB);
+    // Writes `bytes` at `offset` of a device node (disk or partition), bounded by it.
+    std::string overwrite(const std::string& vpath, uint64_t offset, const std::string& bytes);
+
+    std::string shelfImage(const std::string& serial) const;
+    // A serial number no drive of the manifest has, for a new drive.
+    std::string newDriveSerial(const Manifest& m, int hint);
+
+    // Holds the module's lock for a scope.
+    class Lock {
+    public:
+        explicit Lock(Module& m);
+        ~Lock();
+        Lock(const Lock&) = delete;
+        Lock& operator=(const Lock&) = delete;
+
+    private:
+        int fd_;
+    };
+
+private:
+    struct Cached {
+        std::string path;
+        struct timespec mtime {};
+        off_t size = -1;
+        ino_t ino = 0;
+        bool changed();
+    };
+
+    std::string dir_;
+    Cached manifestStamp_;
+    Manifest manifest_;
+    struct TableCache {
+        Cached stamp;
+        std::vector<Window> windows;
+    };
+    std::vector<TableCache> tables_;
+};
+
+// Reads or writes a whole host file; false when it cannot.
+bool readFile(const std::string& path, std::string& out);
+bool writeFileAtomic(const std::string& path, const std::string& text);
+bool makeDirs(const std::string& path);
+
+} // namespace sim

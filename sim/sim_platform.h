@@ -1,0 +1,149 @@
+// The platform of the simulated module: every call of the system lands in the
+// module directory (module.h). Paths are mapped under it and refused, with
+// EACCES and a log line, when they would leave it or name no mapped root;
+// block devices are windows of drive images; ioctls are answered as the kernel
+// answers them; commands are logged and answered by the command table; sleeps
+// advance the virtual clock; armed faults hit the calls they name.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "commands.h"
+#include "faults.h"
+#include "module.h"
+#include "platform/platform.h"
+
+namespace sim {
+
+class SimPlatform : public plat::Platform {
+public:
+    // `dir` holds a module made by createModule.
+    explicit SimPlatform(const std::string& dir);
+    ~SimPlatform() override;
+
+    Module& module() { return module_; }
+    CommandTable& commands() { return commands_; }
+
+    // Faults: armed here they are also saved in the module's file.
+    void arm(const Fault& fault);
+    void clearFaults();
+    std::vector<Fault> faults();
+    bool powerIsCut();
+
+    // Calls of an operation on paths matching `pattern`, since creation or the
+    // last resetCalls: the count of a fault sweep.
+    uint64_t calls(Op op, const std::string& pattern = "*");
+    void resetCalls();
+
+    // The path the system means, made absolute against the virtual working
+    // directory and cleaned of "." and ".."; false when it leaves the module.
+    bool normalize(const char* path, std::string& vpath);
+
+    // plat::Platform
+    int open(const char* path, int flags, mode_t mode) override;
+    int close(int fd) override;
+    ssize_t read(int fd, void* buf, size_t count) override;
+    ssize_t write(int fd, const void* buf, size_t count) override;
+    ssize_t pread(int fd, void* buf, size_t count, off_t offset) override;
+    ssize_t pwrite(int fd, const void* buf, size_t count, off_t offset) override;
+    off_t lseek(int fd, off_t offset, int whence) override;
+    int fsync(int fd) override;
+    int ioctl(int fd, unsigned long request, void* arg) override;
+    int fstat(int fd, struct ::stat* st) override;
+    void* mmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset) override;
+    int munmap(void* addr, size_t length) override;
+    int stat(const char* path, struct ::stat* st) override;
+    int lstat(const char* path, struct ::stat* st) override;
+    int access(const char* path, int mode) override;
+    int mkdir(const char* path, mode_t mode) override;
+    int mknod(const char* path, mode_t mode, dev_t dev) override;
+    int unlink(const char* path) override;
+    int rename(const char* from, const char* to) override;
+    int remove(const char* path) override;
+    int mkstemp(char* templ) override;
+    DIR* opendir(const char* path) override;
+    FILE* fopen(const char* path, const char* mode) override;
+    int chdir(const char* path) override;
+    void sync() override;
+    int system(const char* command) override;
+    FILE* popen(const char* command, const char* mode) override;
+    int pclose(FILE* stream) override;
+    time_t time(time_t* out) override;
+    int gettimeofday(struct timeval* tv) override;
+    unsigned int sleep(unsigned int seconds) override;
+    int usleep(useconds_t usec) override;
+    int nanosleep(const struct timespec* req, struct timespec* rem) override;
+    int waitTimeout(struct timeval* timeout) override;
+    int socket(int domain, int type, int protocol) override;
+    int setsockopt(int fd, int level, int name, const void* value, socklen_t length) override;
+    int InitMegaLib() override;
+    int GetDllVersion(char* major, char* minor) override;
+    int MegaLibCommand(int opcode, int adapter, int channel, int target, int size, void* buffer) override;
+
+private:
+    enum class Kind { File, Device, Proc, Socket };
+    struct Handle {
+        Kind kind = Kind::File;
+        std::string vpath;
+        DeviceNode node;
+        uint64_t pos = 0;
+        ino_t ino = 0;
+        int accmode = 0;
+    };
+    struct Resolved {
+        enum { Mapped, Proc } kind = Mapped;
+        std::string vpath;
+        std::string host;
+    };
+    struct Pipe {
+        std::string command;
+        std::string buffer;
+        size_t pos = 0;
+        bool writing = false;
+        int status = 0;
+    };
+    struct Hit {
+        bool fires = false;
+        Fault::Action action = Fault::Action::Error;
+        int error = 0;
+        uint64_t shortCount = 0;
+    };
+
+    bool resolve(const char* path, Resolved& out, bool forWriting);
+    bool refuse(const char* path, const char* why);
+    Hit checkFault(Op op, const std::string& vpath, unsigned long request = 0);
+    void saveFaults();
+    bool deviceGone(const Handle& h);
+    ssize_t deviceRead(Handle& h, int fd, void* buf, size_t count, uint64_t at, bool advance);
+    ssize_t deviceWrite(Handle& h, int fd, const void* buf, size_t count, uint64_t at, bool advance);
+    int deviceIoctl(Handle& h, unsigned long request, void* arg);
+    void fillDeviceStat(const DeviceNode& node, const struct ::stat& image, struct ::stat* st);
+    int pathStat(const char* path, struct ::stat* st, bool follow);
+    int runCommand(const std::string& kind, const std::string& command, const std::string& input, std::string& output);
+    FILE* streamOf(int fd, const char* mode);
+
+    static ssize_t cookieRead(void* cookie, char* buf, size_t size);
+    static ssize_t cookieWrite(void* cookie, const char* buf, size_t size);
+    static int cookieSeek(void* cookie, off64_t* offset, int whence);
+    static int cookieClose(void* cookie);
+
+    std::recursive_mutex mu_;
+    Module module_;
+    CommandTable commands_;
+    std::string cwd_ = "/";
+    std::map<int, Handle> handles_;
+    std::map<FILE*, Pipe*> pipes_;
+    std::vector<Fault> faults_;
+    std::map<std::pair<Op, std::string>, uint64_t> counts_;
+    bool powerCut_ = false;
+};
+
+// The first components that map into the module; others are refused.
+const std::vector<std::string>& mappedRoots();
+
+} // namespace sim

@@ -1,0 +1,3 @@
+#include "tavsim.h"
+
+int main(int argc, char** argv) { return sim::tavsimMain(argc, argv); }
