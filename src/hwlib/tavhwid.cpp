@@ -34,8 +34,8 @@ const unsigned int kAnyLocation = 0xFFFFFFFFU;
 std::mutex retainedLock;
 std::vector<char*>& retainedNames()
 {
-    static std::vector<char*> names;
-    return names;
+    static auto* names = new std::vector<char*>; // never destroyed: stays reachable
+    return *names;
 }
 
 // An input stream over a FILE* of the platform, which it closes. Reads go
