@@ -159,7 +159,8 @@ int tavsimMain(int argc, char** argv)
         std::string device = a[2], bytes;
         uint64_t offset = 0;
         if (toInt(a[2], bay)) {
-            const Bay* b = module.manifest().bay(bay);
+            Manifest m = module.manifest();
+            const Bay* b = m.bay(bay);
             if (!b) return report("no bay " + a[2]);
             device = b->device;
         }

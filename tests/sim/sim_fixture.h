@@ -1,0 +1,101 @@
+// A fresh simulated module in a temporary directory of the test's own.
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "sim/create.h"
+#include "sim/sim_platform.h"
+
+namespace simtest {
+
+constexpr const char* kDisc1 = "/dev/ide/host0/bus0/target0/lun0/disc";
+constexpr const char* kDir1 = "/dev/ide/host0/bus0/target0/lun0/";
+constexpr const char* kDisc3 = "/dev/ide/host0/bus1/target1/lun0/disc";
+constexpr uint64_t kSectors = 8 * 1024 * 1024;  // 4 GiB, sparse
+
+class TempModule {
+public:
+    explicit TempModule(int platform = 1, bool create = true)
+    {
+        char templ[] = "/tmp/tavsim-test.XXXXXX";
+        const char* made = ::mkdtemp(templ);
+        if (!made) std::abort();
+        dir_ = std::string(made) + "/m";
+        if (create) {
+            sim::CreateOptions options;
+            options.platform = platform;
+            options.sectors = kSectors;
+            std::string err = sim::createModule(dir_, options);
+            EXPECT_EQ(err, "");
+        }
+    }
+    ~TempModule()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(std::filesystem::path(dir_).parent_path(), ignored);
+    }
+    const std::string& dir() const { return dir_; }
+    std::string host(const std::string& rel) const { return dir_ + "/" + rel; }
+
+private:
+    std::string dir_;
+};
+
+// A primary table and an extended chain of `logicals` sizes, as the drive
+// code lays them out; returns (sector, 512 bytes) to write.
+struct TableSector {
+    uint64_t sector;
+    std::vector<unsigned char> bytes;
+};
+
+inline void putEntry(std::vector<unsigned char>& s, int slot, unsigned type, uint32_t start, uint32_t count)
+{
+    unsigned char* e = s.data() + 446 + 16 * slot;
+    e[4] = static_cast<unsigned char>(type);
+    for (int i = 0; i < 4; ++i) {
+        e[8 + i] = static_cast<unsigned char>(start >> (8 * i));
+        e[12 + i] = static_cast<unsigned char>(count >> (8 * i));
+    }
+}
+
+inline std::vector<unsigned char> emptyTable()
+{
+    std::vector<unsigned char> s(512, 0);
+    s[510] = 0x55;
+    s[511] = 0xAA;
+    return s;
+}
+
+// Signature 2048 at 1, boot 20480 at 2049, data at 22529, then three logicals.
+inline std::vector<TableSector> standardLayout(uint32_t data, uint32_t os, uint32_t upgrade, uint32_t log)
+{
+    const uint32_t e = 22529 + data;
+    std::vector<TableSector> out;
+    auto p = emptyTable();
+    putEntry(p, 0, 0x83, 1, 2048);
+    putEntry(p, 1, 0x83, 22529, data);
+    putEntry(p, 2, 0x83, 2049, 20480);
+    putEntry(p, 3, 0x05, e, 6 + os + upgrade + log);
+    out.push_back({0, p});
+    auto l1 = emptyTable();
+    putEntry(l1, 0, 0x83, 1, os);
+    putEntry(l1, 1, 0x05, os + 2, 4 + upgrade + log);
+    out.push_back({e, l1});
+    auto l2 = emptyTable();
+    putEntry(l2, 0, 0x83, 1, upgrade);
+    putEntry(l2, 1, 0x05, os + upgrade + 4, log + 2);
+    out.push_back({e + os + 2, l2});
+    auto l3 = emptyTable();
+    putEntry(l3, 0, 0x83, 1, log);
+    out.push_back({e + os + upgrade + 4, l3});
+    return out;
+}
+
+} // namespace simtest

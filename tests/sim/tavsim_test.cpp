@@ -1,0 +1,169 @@
+#include <cerrno>
+#include <fcntl.h>
+#include <map>
+#include <set>
+#include <sstream>
+#include <sys/sysmacros.h>
+#include <sys/wait.h>
+
+#include "sim_fixture.h"
+#include "sim/programs.h"
+#include "sim/tavsim.h"
+
+using namespace simtest;
+
+namespace {
+
+// Runs the built tavsim; gives its exit status and standard output.
+int tavsim(const std::string& args, std::string& out)
+{
+    FILE* f = ::popen((std::string(TAVSIM_BINARY) + " " + args + " 2>&1").c_str(), "r");
+    if (!f) return -1;
+    out.clear();
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, f)) > 0) out.append(buf, n);
+    int status = ::pclose(f);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Serial numbers of the drive rows of `tavsim show` ("BAY DEVICE MAJ:MIN SERIAL ...").
+std::vector<std::string> shownSerials(const std::string& show)
+{
+    std::vector<std::string> serials;
+    std::istringstream in(show);
+    std::string line;
+    while (std::getline(in, line)) {
+        std::istringstream w(line);
+        std::string bay, device, numbers, serial;
+        if (!(w >> bay >> device >> numbers >> serial) || bay.find_first_not_of("0123456789") != std::string::npos ||
+            serial == "-")
+            continue;
+        serials.push_back(serial);
+    }
+    return serials;
+}
+
+int callTavsim(std::vector<std::string> args)
+{
+    args.insert(args.begin(), "tavsim");
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    return sim::tavsimMain(static_cast<int>(args.size()), argv.data());
+}
+
+// The program of a test: reads its module's serial number and stops a service.
+int probeProgram(int argc, char** argv)
+{
+    if (argc != 2 || std::string(argv[1]) != "go") return 3;
+    int fd = plat::open("./configs/etc/marrowby/system/.serialnumber", O_RDONLY);
+    if (fd < 0) return 4;
+    plat::close(fd);
+    plat::sleep(100);
+    return plat::system("/sbin/service crond stop") == 0 ? 0 : 5;
+}
+
+} // namespace
+
+TEST(Tavsim, CreateThenShowInAnotherProcess)
+{
+    TempModule m(1, false);
+    std::string out;
+    ASSERT_EQ(tavsim("create " + m.dir() + " --platform 1 --sectors 1000000", out), 0) << out;
+    ASSERT_EQ(tavsim("show " + m.dir(), out), 0) << out;
+    std::vector<std::string> serials = shownSerials(out);
+    EXPECT_EQ(serials.size(), 4u) << out;
+    EXPECT_EQ(std::set<std::string>(serials.begin(), serials.end()).size(), 4u) << out;
+    EXPECT_NE(out.find("1 /dev/ide/host0/bus0/target0/lun0/disc 3:0 "), std::string::npos) << out;
+    EXPECT_NE(out.find("4 /dev/ide/host0/bus1/target0/lun0/disc 22:0 "), std::string::npos) << out;
+
+    ASSERT_EQ(tavsim("pull " + m.dir() + " 3", out), 0) << out;
+    ASSERT_EQ(tavsim("fault " + m.dir() + " write '/dev/ide/*' nth=2 errno=EIO", out), 0) << out;
+    EXPECT_NE(tavsim("fault " + m.dir() + " write /x errno=ENOTANERRNO", out), 0);
+    ASSERT_EQ(tavsim("corrupt " + m.dir() + " 1 0 deadbeef", out), 0) << out;
+    ASSERT_EQ(tavsim("show " + m.dir(), out), 0);
+    EXPECT_EQ(shownSerials(out).size(), 3u) << out;
+    EXPECT_NE(out.find("shelf "), std::string::npos) << out;
+    EXPECT_NE(out.find("fault write /dev/ide/* nth=2"), std::string::npos) << out;
+    ASSERT_EQ(tavsim("--help", out), 0);
+    for (const char* cmd : {"create", "show", "pull", "insert", "swap", "corrupt", "fault", "log", "run"})
+        EXPECT_NE(out.find(std::string("  ") + cmd + " "), std::string::npos) << cmd;
+
+    EXPECT_NE(tavsim("create " + m.dir() + " --platform 1", out), 0) << "the directory is taken";
+    TempModule other(1, false);
+    EXPECT_NE(tavsim("create " + other.dir() + " --platform 2", out), 0) << "3ware comes later";
+    ASSERT_EQ(tavsim("create " + other.dir() + " --platform 3 --sectors 1000000", out), 0) << out;
+    ASSERT_EQ(tavsim("show " + other.dir(), out), 0);
+    EXPECT_EQ(shownSerials(out).size(), 2u) << out;
+}
+
+TEST(Tavsim, RunCallsARegisteredProgramWithTheModuleInstalled)
+{
+    TempModule m;
+    sim::registerProgram("probe", probeProgram);
+    plat::Platform* before = &plat::current();
+    EXPECT_EQ(callTavsim({"run", m.dir(), "--", "probe", "go"}), 0);
+    EXPECT_EQ(callTavsim({"run", m.dir(), "--", "probe"}), 3);
+    EXPECT_NE(callTavsim({"run", m.dir(), "--", "nonesuch"}), 0);
+    EXPECT_EQ(&plat::current(), before) << "the host platform is back";
+    sim::Module mod(m.dir());
+    EXPECT_NE(mod.readState("commands.log").find("system 0 /sbin/service crond stop"), std::string::npos);
+    EXPECT_EQ(mod.now().tv_sec, 1136073600 + 100);
+}
+
+namespace {
+
+using Snapshot = std::map<std::string, long long>;
+
+// Names and modification times of a directory's entries.
+Snapshot snapshot(const std::string& dir)
+{
+    Snapshot s;
+    std::error_code ec;
+    for (const auto& e : std::filesystem::directory_iterator(dir, ec)) {
+        struct stat st;
+        s[e.path().filename().string()] = ::lstat(e.path().c_str(), &st) == 0 ? st.st_mtim.tv_sec * 1000000000LL + st.st_mtim.tv_nsec : -1;
+    }
+    return s;
+}
+
+} // namespace
+
+TEST(Tavsim, NothingOutsideTheModuleChanges)
+{
+    const Snapshot dev = snapshot("/dev"), etc = snapshot("/etc"), varLog = snapshot("/var/log");
+    const bool hadLogBak = std::filesystem::exists("/var/log.bak");
+    const std::string probe = "tavsim-probe-" + std::to_string(::getpid());
+    {
+        TempModule m;
+        sim::SimPlatform p(m.dir());
+        plat::ScopedPlatform scope(p);
+        // What the system does to a module, and what it must never do to the host.
+        plat::mkdir("/var/log.bak", 0755);
+        plat::system("/sbin/service syslog stop");
+        plat::system("cp -r /var/log/* /var/log.bak");
+        plat::system(("rm -rf /tmp/" + probe).c_str());
+        int fd = plat::open(("/tmp/" + probe).c_str(), O_WRONLY | O_CREAT, 0644);
+        plat::write(fd, "x", 1);
+        plat::close(fd);
+        char templ[64];
+        snprintf(templ, sizeof templ, "/tmp/%s.XXXXXX", probe.c_str());
+        fd = plat::mkstemp(templ);
+        plat::close(fd);
+        plat::mknod("/dev/tavsim-probe-node", S_IFBLK | 0600, makedev(8, 0));
+        plat::open("/dev/sda", O_RDONLY);
+        plat::open(("/../../tmp/" + probe + "-escape").c_str(), O_WRONLY | O_CREAT, 0644);
+        plat::mkdir(("/etc/../../tmp/" + probe + "-dir").c_str(), 0755);
+        FILE* f = plat::fopen("/etc/marrowby/written", "w");
+        if (f) fclose(f);
+        plat::sleep(30);
+        EXPECT_TRUE(std::filesystem::exists(m.host("tmp/" + probe)));
+        EXPECT_TRUE(std::filesystem::exists(m.host("dev/tavsim-probe-node")));
+    }
+    EXPECT_EQ(snapshot("/dev"), dev);
+    EXPECT_EQ(snapshot("/etc"), etc);
+    EXPECT_EQ(snapshot("/var/log"), varLog);
+    EXPECT_EQ(std::filesystem::exists("/var/log.bak"), hadLogBak);
+    for (const auto& [name, mtime] : snapshot("/tmp")) EXPECT_EQ(name.find(probe), std::string::npos) << name;
+}
