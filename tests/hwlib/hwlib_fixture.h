@@ -33,31 +33,15 @@ public:
     int opened = 0;
     int closed = 0;
 
-    int socket(int, int, int) override
-    {
-        if (noSocket) {
-            errno = EMFILE;
-            return -1;
-        }
-        ++opened;
-        return kSocket;
-    }
-    int close(int fd) override
-    {
-        if (fd != kSocket) return MappedPlatform::close(fd);
-        ++closed;
-        return 0;
-    }
+    int socket(int, int, int) override { return noSocket ? -1 : (++opened, kSocket); }
+    int close(int fd) override { return fd == kSocket ? (++closed, 0) : MappedPlatform::close(fd); }
     int setsockopt(int fd, int, int, const void*, socklen_t) override { return fd == kSocket ? 0 : -1; }
     int ioctl(int fd, unsigned long request, void* arg) override
     {
         if (fd != kSocket) return MappedPlatform::ioctl(fd, request, arg);
         auto* req = static_cast<ifreq*>(arg);
         auto it = interfaces.find(req->ifr_name);
-        if (it == interfaces.end()) {
-            errno = ENODEV;
-            return -1;
-        }
+        if (it == interfaces.end()) return -1;
         const Interface& i = it->second;
         switch (request) {
         case SIOCGIFHWADDR:
@@ -82,7 +66,6 @@ public:
             return 0;
         }
         default:
-            errno = EINVAL;
             return -1;
         }
     }

@@ -67,11 +67,4 @@ TEST_F(IoSchedTest, FailuresAndAbsentDevices)
     EXPECT_EQ(module.get("/sys/block/sda/queue/scheduler"), "noop");
 }
 
-TEST_F(IoSchedTest, WriteOnceReportsAFileThatCannotBeOpened)
-{
-    EXPECT_EQ(writeOnce("/sys/block/sda/queue/", "nr_requests", "128"), 0);
-    EXPECT_EQ(module.get("/sys/block/sda/queue/nr_requests"), "128");
-    EXPECT_EQ(writeOnce("/sys/block/nodev/queue/", "scheduler", "noop"), -1);
-}
-
 } // namespace

@@ -34,12 +34,6 @@ TEST_F(HwlibTest, FirstMatchingModelLineWins)
     EXPECT_EQ(hwid_getModelConfigName(nullptr, config, sizeof config), 0);
     EXPECT_STREQ(config, "first");
 
-    hwid_model_id* model = hwid_getModelInfo(nullptr);
-    ASSERT_NE(model, nullptr);
-    EXPECT_EQ(model->id, 3u);
-    hwid_freeModelInfo(model);
-    hwid_freeModelInfo(nullptr);
-
     // Another table given by name.
     module.put("/etc/marrowby/other.conf", "Other:other:12:13c11001-10\n");
     EXPECT_EQ(hwid_getModelId("/etc/marrowby/other.conf"), 12);
@@ -90,7 +84,6 @@ TEST_F(HwlibTest, ConfigFilesAreFoundInTheModelThenTheCommonDirectory)
     module.put("/etc/marrowby/brand/testbox/x.cfg", "");
     EXPECT_EQ(hwid_getConfigFileWithPath(path, sizeof path, "x.cfg"), 0);
     EXPECT_STREQ(path, "/etc/marrowby/brand/testbox/x.cfg");
-    EXPECT_EQ(hwid_getConfigFileWithDefaultPath(path, sizeof path, "x.cfg"), 1);
 
     char shortPath[30] = "/etc/marrowby/brand/common/";
     EXPECT_EQ(hwid_TestFile(shortPath, sizeof shortPath, "x.cfg"), -1);
@@ -168,11 +161,6 @@ TEST_F(HwlibTest, SettingsAsIntegersAndCutValues)
     EXPECT_EQ(n, 16);
     EXPECT_EQ(hwid_getFeatureSettingDefaultAsInt("MONITOR", "word", &n, 5), 1);
     EXPECT_EQ(n, 5);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(hwid_getFeatureSettingDefaultAsInt("MONITOR", "absent", &n, 6), 1);
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(n, 6);
-
     char value[5];
     EXPECT_EQ(hwid_getFeatureSetting("MONITOR", "long", value, sizeof value), 0);
     EXPECT_STREQ(value, "abcd");
@@ -205,16 +193,13 @@ TEST_F(HwlibTest, ResourcesAreACursorOverMatchingRows)
     EXPECT_EQ(resource.GetNResources("PCI", "NVRAM"), 0);
 }
 
-TEST(HwidCpu, SerialNumberIsThreeHexWords)
+TEST(HwidCpu, SerialNumberIsThreeHexWordsCutAtTheLength)
 {
-    char serial[32];
+    char serial[32], cut[9];
     hwid_getCpuSerialNumber(serial, sizeof serial);
-    EXPECT_EQ(std::strlen(serial), 24u);
-    EXPECT_EQ(std::strspn(serial, "0123456789ABCDEF"), 24u);
-    char cut[9];
     hwid_getCpuSerialNumber(cut, sizeof cut);
+    EXPECT_EQ(std::strspn(serial, "0123456789ABCDEF"), 24u);
     EXPECT_EQ(std::string(serial, 8), cut);
-    hwid_getCpuSerialNumber(nullptr, 10);
 }
 
 } // namespace
