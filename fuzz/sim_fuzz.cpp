@@ -1,0 +1,44 @@
+// The parsers of the simulated module's files and of command lines.
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "sim/commands.h"
+#include "sim/faults.h"
+#include "sim/manifest.h"
+#include "sim/partitions.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (size == 0) return 0;
+    const std::string text(reinterpret_cast<const char*>(data + 1), size - 1);
+    switch (data[0] % 5) {
+    case 0: {
+        sim::Manifest m = sim::Manifest::parse(text);
+        sim::Manifest again = sim::Manifest::parse(m.format());
+        if (again.format() != m.format()) __builtin_trap();
+        break;
+    }
+    case 1: sim::parseFaults(text); break;
+    case 2: sim::parseWindows(text); break;
+    case 3: {
+        // The input is the disk, sector after sector.
+        const uint64_t sectors = (size - 1) / 512 + 1;
+        sim::readPartitionTable(sectors, 63, [&](uint64_t s, unsigned char* buf) {
+            std::memset(buf, 0, 512);
+            if (s * 512 < text.size()) std::memcpy(buf, text.data() + s * 512, std::min<size_t>(512, text.size() - s * 512));
+            return s < sectors;
+        });
+        break;
+    }
+    default: {
+        std::vector<sim::Words> stages;
+        sim::splitPipeline(text, stages);
+        break;
+    }
+    }
+    return 0;
+}
