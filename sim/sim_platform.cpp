@@ -201,7 +201,15 @@ bool SimPlatform::resolve(const char* path, Resolved& out, bool forWriting)
         isDirectoryPrefixOf(self, out.vpath)) {
         if (forWriting) return refuse(path, "the process's own /proc entries are read-only");
         out.kind = Resolved::Proc;
-        out.host = out.vpath;
+        out.host = self + out.vpath.substr(out.vpath.compare(0, 10, "/proc/self") == 0 ? 10 : self.size());
+        // Its links (root, cwd, exe, fd/N, ...) lead anywhere on the host.
+        for (size_t slash = self.size(); slash != std::string::npos; slash = out.host.find('/', slash + 1)) {
+            size_t next = out.host.find('/', slash + 1);
+            struct stat st;
+            if (::lstat(out.host.substr(0, next).c_str(), &st) == 0 && S_ISLNK(st.st_mode))
+                return refuse(path, "a link of /proc/self");
+            if (next == std::string::npos) break;
+        }
         return true;
     }
     out.kind = Resolved::Mapped;
@@ -719,7 +727,7 @@ FILE* SimPlatform::fopen(const char* path, const char* mode)
         errno = hit.error;
         return nullptr;
     }
-    int fd = ::open(r.host.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, 0666);
+    int fd = ::open(r.host.c_str(), flags | O_NOFOLLOW, 0666);
     if (fd < 0) return nullptr;
     FILE* f = ::fdopen(fd, mode);
     if (!f) ::close(fd);

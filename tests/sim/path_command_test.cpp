@@ -49,6 +49,10 @@ TEST(Paths, SystemPathsMapIntoTheModuleAndNothingLeavesIt)
     EXPECT_GE(fd, 0);
     p.close(fd);
     EXPECT_EQ(p.open("/proc/self/status", O_WRONLY, 0), -1);
+    for (const char* link : {"/proc/self/root/etc/hostname", "/proc/self/cwd", "/proc/self/fd/0", "/proc/self/exe"}) {
+        EXPECT_EQ(p.open(link, O_RDONLY, 0), -1) << link;
+        EXPECT_EQ(errno, EACCES) << link;
+    }
     DIR* fds = p.opendir(("/proc/" + std::to_string(::getpid()) + "/fd").c_str());
     EXPECT_NE(fds, nullptr);
     if (fds) ::closedir(fds);
