@@ -269,7 +269,8 @@ int TavDrive::validateSignature(int fd, long long* mountTime)
     TAV_LOG(kDebug, "verifyDriveSignature %d ser #: %s %s:%d\n", number, serial.c_str(), TAV_FILE, __LINE__);
 
     char moduleSerial[kModuleSerialSize] = {};
-    if (const char* text = TavObxInfo::getSerialNumber()) strncpy(moduleSerial, text, sizeof moduleSerial);
+    if (const char* text = TavObxInfo::getSerialNumber())
+        std::memcpy(moduleSerial, text, strnlen(text, sizeof moduleSerial));
 
     SECT_INDEX_TABLE header;
     if (!readSector(fd, &header, "validateSignature")) return 3;
