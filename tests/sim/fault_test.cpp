@@ -169,3 +169,29 @@ TEST(Drives, PullSwapAndInsertMoveTheDriveWithItsIdentity)
     EXPECT_EQ(mod.overwrite(kDisc1, 10, "xy"), "");
     EXPECT_NE(mod.overwrite(kDisc1, kSectors * 512 - 1, "xy"), "") << "past the end of the disk";
 }
+
+TEST(Manifest, GarbageIsSkippedAndTheModuleStillWorks)
+{
+    TempModule m;
+    sim::Module mod(m.dir());
+    std::string text = mod.readState("manifest");
+    const std::string serial1 = mod.manifest().driveInBay(1)->serial;
+    text += "bay 0 /dev/x 1 1\nbay 9 relative 1 1\nbay 1 /dev/dup 3 0\ndrive bay=2\n"
+            "drive serial=TWIN bay=1 kind=ata\ndrive serial=X kind=tape\nplatform banana\n\x01\xff%%%\n";
+    std::vector<std::string> warnings;
+    sim::Manifest parsed = sim::Manifest::parse(text, &warnings);
+    EXPECT_EQ(warnings.size(), 8u);
+    EXPECT_EQ(parsed.bays.size(), 4u);
+    ASSERT_NE(parsed.drive("TWIN"), nullptr);
+    EXPECT_EQ(parsed.drive("TWIN")->bay, 0) << "a second drive in a bay goes to the shelf";
+    EXPECT_EQ(sim::Manifest::parse(parsed.format()).format(), parsed.format());
+
+    mod.writeState("manifest", text);
+    sim::SimPlatform p(m.dir());
+    unsigned char id[512];
+    int fd = p.open(kDisc1, O_RDONLY, 0);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(p.ioctl(fd, HDIO_GET_IDENTITY, id), 0);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(id + 20)), serial1);
+    p.close(fd);
+}
