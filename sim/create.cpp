@@ -24,7 +24,7 @@ struct OtherFamily {
 };
 // Platform identifiers with layouts of their own, whose families come later.
 const OtherFamily kLater[] = {{2, "3ware"}, {5, "LSI"},   {6, "Silicon Image"}, {8, "LSI hardware RAID"},
-                              {9, "3ware"}, {10, "HP"},   {11, "LSI hardware RAID"}, {12, "PERC"},
+                              {9, "3ware"}, {10, "HP"},   {11, "LSI hardware RAID"}, {12, "Pd"},
                               {15, "3ware"}};
 
 std::vector<ModuleGenerator>& generators()

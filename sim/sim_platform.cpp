@@ -739,7 +739,10 @@ int SimPlatform::chdir(const char* path)
     std::lock_guard<std::recursive_mutex> guard(mu_);
     Resolved r;
     if (!resolve(path, r, false)) return -1;
-    if (r.kind == Resolved::Proc) return refuse(path, "no working directory in /proc"), -1;
+    if (r.kind == Resolved::Proc) {
+        refuse(path, "no working directory in /proc");
+        return -1;
+    }
     struct stat st;
     if (::stat(r.host.c_str(), &st) != 0) return -1;
     if (!S_ISDIR(st.st_mode)) return fail(ENOTDIR);
