@@ -27,7 +27,8 @@ const char kHelp[] =
     "      configs/etc/marrowby/system/.serialnumber.\n"
     "  show DIR\n"
     "      Platform, module serial number, clock, each bay with its device, numbers,\n"
-    "      drive serial number, size, partitions and model; drives on the shelf;\n"
+    "      drive serial number, size, partitions, firmware and model; drives on the\n"
+    "      shelf;\n"
     "      armed faults.\n"
     "  pull DIR BAY\n"
     "      Take the drive out of BAY and put it on the shelf.\n"
@@ -80,17 +81,18 @@ int show(Module& module)
               << "platform " << m.platform << "\n"
               << "serial " << m.moduleSerial << "\n"
               << "clock " << module.now().tv_sec << "\n"
-              << "BAY DEVICE MAJOR:MINOR SERIAL SECTORS PARTITIONS MODEL\n";
+              << "BAY DEVICE MAJOR:MINOR SERIAL SECTORS PARTITIONS FIRMWARE MODEL\n";
     for (const Bay& b : m.bays) {
         const Drive* d = m.driveInBay(b.number);
         std::cout << b.number << " " << b.device << " " << b.major << ":" << b.minor << " ";
         if (!d) {
-            std::cout << "- - - (empty)\n";
+            std::cout << "- - - - (empty)\n";
             continue;
         }
         std::string parts;
         for (const Window& w : module.windows(b.number)) parts += (parts.empty() ? "" : ",") + std::to_string(w.number);
-        std::cout << d->serial << " " << d->sectors << " " << (parts.empty() ? "-" : parts) << " " << d->model << "\n";
+        std::cout << d->serial << " " << d->sectors << " " << (parts.empty() ? "-" : parts) << " "
+                  << (d->firmware.empty() ? "-" : d->firmware) << " " << d->model << "\n";
     }
     for (const Drive& d : m.drives)
         if (d.bay == 0) std::cout << "shelf " << d.serial << " " << d.sectors << " " << d.model << "\n";
