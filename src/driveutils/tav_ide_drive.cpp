@@ -62,19 +62,32 @@ TavIdeDrive::TavIdeDrive(int driveNumber, const char* name, int driveTarget)
 
 namespace {
 
-// Opens the disk and sends one ATA command; 0, or -1 after logging.
-int sendCommand(const std::string& disk, DriveCommand& command, const char* openWord = "Open",
-                const char* ioctlWord = "ioctl")
+// How one ATA command went, with the errno of the failed call.
+struct CommandResult {
+    enum { Done, OpenFailed, IoctlFailed } outcome;
+    int error;
+    bool ok() const { return outcome == Done; }
+};
+
+// Opens the disk and sends one ATA command.
+CommandResult sendCommand(const std::string& disk, DriveCommand& command)
 {
     int fd = plat::open(disk.c_str(), O_RDONLY | O_NONBLOCK);
-    if (fd < 0) {
-        TAV_LOG(0, "%s: %s, %s:%d\n", openWord, strerror(errno), TAV_FILE, __LINE__);
-        return -1;
-    }
+    if (fd < 0) return {CommandResult::OpenFailed, errno};
     int rc = plat::ioctl(fd, HDIO_DRIVE_CMD, &command);
-    if (rc < 0) TAV_LOG(0, "%s: %s, %s:%d\n", ioctlWord, strerror(errno), TAV_FILE, __LINE__);
+    int error = errno;
     plat::close(fd);
-    return rc < 0 ? -1 : 0;
+    return {rc < 0 ? CommandResult::IoctlFailed : CommandResult::Done, error};
+}
+
+// A command whose failures log "<word>: <error>, <file>:<line>"; 0 or -1.
+int sendLogged(const std::string& disk, DriveCommand& command, const char* ioctlWord = "ioctl")
+{
+    CommandResult result = sendCommand(disk, command);
+    if (result.ok()) return 0;
+    const char* word = result.outcome == CommandResult::OpenFailed ? "Open" : ioctlWord;
+    TAV_LOG(0, "%s: %s, %s:%d\n", word, strerror(result.error), TAV_FILE, __LINE__);
+    return -1;
 }
 
 int identify(const std::string& disk, DriveCommand& command, const char* ioctlWord = "ioctl")
@@ -82,32 +95,26 @@ int identify(const std::string& disk, DriveCommand& command, const char* ioctlWo
     std::memset(&command, 0, sizeof command);
     command.args[0] = kAtaIdentify;
     command.args[3] = 1;
-    return sendCommand(disk, command, "Open", ioctlWord);
+    return sendLogged(disk, command, ioctlWord);
+}
+
+// A text field of the identify data, or "--------" when the drive does not answer.
+int identifyText(const std::string& disk, int offset, int length, std::string& text)
+{
+    DriveCommand command;
+    if (identify(disk, command) != 0) {
+        text = kNoAnswer;
+        return -1;
+    }
+    text = ataText(command.data + offset, length);
+    return 0;
 }
 
 } // namespace
 
-int TavIdeDrive::getSerialNo(std::string& serial)
-{
-    DriveCommand command;
-    if (identify(file, command) != 0) {
-        serial = kNoAnswer;
-        return -1;
-    }
-    serial = ataText(command.data + kIdSerial, kIdSerialLen);
-    return 0;
-}
+int TavIdeDrive::getSerialNo(std::string& serial) { return identifyText(file, kIdSerial, kIdSerialLen, serial); }
 
-int TavIdeDrive::getModel(std::string& text)
-{
-    DriveCommand command;
-    if (identify(file, command) != 0) {
-        text = kNoAnswer;
-        return -1;
-    }
-    text = ataText(command.data + kIdModel, kIdModelLen);
-    return 0;
-}
+int TavIdeDrive::getModel(std::string& text) { return identifyText(file, kIdModel, kIdModelLen, text); }
 
 int TavIdeDrive::getClass(std::string& text)
 {
@@ -159,24 +166,22 @@ int TavIdeDrive::setDmaMode()
     command.args[0] = kAtaSetFeatures;
     command.args[1] = static_cast<unsigned char>(kUltraDmaModeBase + mode);
     command.args[2] = kFeatureTransferMode;
-    if (sendCommand(file, command) != 0) return -1;
+    if (sendLogged(file, command) != 0) return -1;
     TAV_LOG(0, "Successfully set dma mode to udma mode %d\n", mode);
     return 0;
 }
 
 int TavIdeDrive::SetHardDriveWriteCache(int on)
 {
-    int fd = plat::open(file.c_str(), O_RDONLY | O_NONBLOCK);
-    if (fd < 0) {
-        TAV_LOG(0, " WARNING:  SetHardDriveWriteCache(%s): open() Failed\n", file.c_str());
-        return -1;
-    }
     DriveCommand command{};
     command.args[0] = kAtaSetFeatures;
     command.args[2] = on ? kFeatureWriteCacheOn : kFeatureWriteCacheOff;
-    int rc = plat::ioctl(fd, HDIO_DRIVE_CMD, &command);
-    plat::close(fd);
-    if (rc < 0) {
+    CommandResult result = sendCommand(file, command);
+    if (result.outcome == CommandResult::OpenFailed) {
+        TAV_LOG(0, " WARNING:  SetHardDriveWriteCache(%s): open() Failed\n", file.c_str());
+        return -1;
+    }
+    if (result.outcome == CommandResult::IoctlFailed) {
         TAV_LOG(0, " ERROR:  SetHardDriveWriteCache(%s): ioctl() Failed\n", file.c_str());
         TAV_LOG(0, " HDIO_DRIVE_CMD(setcache) failed");
         return -1;
@@ -186,16 +191,14 @@ int TavIdeDrive::SetHardDriveWriteCache(int on)
 
 int TavIdeDrive::flushWriteCache()
 {
-    int fd = plat::open(file.c_str(), O_RDONLY | O_NONBLOCK);
-    if (fd < 0) {
+    DriveCommand command{};
+    command.args[0] = kAtaFlushCache;
+    CommandResult result = sendCommand(file, command);
+    if (result.outcome == CommandResult::OpenFailed) {
         TAV_LOG(0, "can't open %s for purpose of flushing the write cache. %s:%d\n", file.c_str(), TAV_FILE, __LINE__);
         return -1;
     }
-    DriveCommand command{};
-    command.args[0] = kAtaFlushCache;
-    int rc = plat::ioctl(fd, HDIO_DRIVE_CMD, &command);
-    plat::close(fd);
-    if (rc < 0) {
+    if (result.outcome == CommandResult::IoctlFailed) {
         TAV_LOG(0, "Flush Hard Drive Cache ioctl() failed on drive: %s %s:%d\n", file.c_str(), TAV_FILE, __LINE__);
         return -1;
     }
