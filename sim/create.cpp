@@ -100,8 +100,13 @@ void addModuleGenerator(ModuleGenerator generator) { generators().push_back(std:
 std::string createModule(const std::string& dir, const CreateOptions& options)
 {
     std::string why;
-    const Layout* layout = layoutFor(options.platform, why);
+    static const Layout kNone{"none", {}};
+    const Layout* layout = options.identityOnly ? &kNone : layoutFor(options.platform, why);
     if (!layout) return why;
+    if (options.identityOnly && !modelRow(options.platform))
+        return "platform " + std::to_string(options.platform) + " has no model (1 to 15)";
+    if (!options.features.empty() && !modelRow(options.platform))
+        return "platform " + std::to_string(options.platform) + " has no model to take feature settings";
     if (options.sectors < 64 * 1024 || options.sectors > (1ULL << 36)) return "drive size out of range";
     bool exists = false;
     if (!isEmptyDir(dir, exists)) return dir + " exists and is not an empty directory";
@@ -141,8 +146,6 @@ std::string createModule(const std::string& dir, const CreateOptions& options)
                             "configs/etc/marrowby/system", "modules", "sim/tables", "sim/shelf"})
         if (!makeDirs(dir + "/" + sub)) return std::string("cannot make ") + sub;
     bool ok = writeText(module.hostPath("/configs/etc/marrowby/system/.serialnumber"), m.moduleSerial + "\n") &&
-              // Rows "PCI:NVRAM:..." name the NVRAM cards a model must have; the IDE platforms have none.
-              writeText(module.hostPath("/etc/marrowby/hwlist.conf"), "") &&
               writeText(module.statePath("clock"), "1136073600 0\n") && writeText(module.statePath("faults"), "") &&
               writeText(module.statePath("commands.log"), "") && writeText(module.statePath("ata.log"), "") &&
               writeText(module.statePath("mounts"), "") &&
@@ -150,6 +153,7 @@ std::string createModule(const std::string& dir, const CreateOptions& options)
     if (!ok) return "cannot write the files of the module";
     module.writeManifest(m);
     for (const Bay& bay : m.bays) module.rereadPartitions(bay.number);
+    if (std::string err = writeIdentity(module, m, options.features, options.model); !err.empty()) return err;
     for (const ModuleGenerator& g : generators()) {
         std::string err = g(module, m);
         if (!err.empty()) return err;

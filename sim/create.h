@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "identity.h"
 #include "manifest.h"
 #include "module.h"
 
@@ -21,6 +22,12 @@ struct CreateOptions {
     uint64_t sectors = 156301488;    // per drive (80 GB); images are sparse
     std::string model = "SIM-ATA 80G";
     std::string firmware = "SIM1.00";
+    // Settings of the model's features.conf (identity.h).
+    std::vector<FeatureSetting> features;
+    // A module without bays or drives: its identity files only, for any
+    // identifier 1 to 15, including the families whose drives are not
+    // simulated yet.
+    bool identityOnly = false;
 };
 
 struct Layout {
@@ -41,7 +48,9 @@ bool deviceNumbers(const std::string& device, int scsiIndex, Bay& bay);
 using ModuleGenerator = std::function<std::string(Module&, const Manifest&)>;
 void addModuleGenerator(ModuleGenerator generator);
 
-// `dir` must be absent or empty. Gives "" or the reason it could not.
+// `dir` must be absent or empty. Gives "" or the reason it could not. An
+// identifier without a model row (outside 1 to 15) makes a module whose model
+// is not recognised, and takes no feature settings.
 std::string createModule(const std::string& dir, const CreateOptions& options);
 
 } // namespace sim

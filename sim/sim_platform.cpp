@@ -8,6 +8,9 @@
 #include <linux/fs.h>
 #include <linux/hdreg.h>
 #include <linux/sockios.h>
+#include <net/if.h>
+#include <net/if_arp.h>
+#include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -17,6 +20,7 @@
 #include <unistd.h>
 
 #include "ata.h"
+#include "identity.h"
 #include "scsi.h"
 
 static int giDebug_simplatform = 0;
@@ -36,12 +40,14 @@ bool isDirectoryPrefixOf(const std::string& dir, const std::string& path)
     return path.size() > dir.size() && path.compare(0, dir.size(), dir) == 0 && path[dir.size()] == '/';
 }
 
-// Interface queries a socket of the system may make; all only read.
+// Interface queries a socket of the system may make, answered from the
+// module's interfaces; all only read.
 bool isInterfaceQuery(unsigned long request)
 {
     switch (request) {
     case SIOCGIFCONF: case SIOCGIFFLAGS: case SIOCGIFADDR: case SIOCGIFBRDADDR: case SIOCGIFNETMASK:
-    case SIOCGIFHWADDR: case SIOCGIFMTU: case SIOCGIFINDEX: case SIOCGIFNAME:
+    case SIOCGIFDSTADDR: case SIOCGIFHWADDR: case SIOCGIFMTU: case SIOCGIFMETRIC: case SIOCGIFINDEX:
+    case SIOCGIFNAME:
         return true;
     default:
         return false;
@@ -213,6 +219,8 @@ bool SimPlatform::resolve(const char* path, Resolved& out, bool forWriting)
         return true;
     }
     out.kind = Resolved::Mapped;
+    // The bus directories of sysfs are links to /sys/block in the kernel.
+    if (out.vpath.compare(0, 9, "/sys/bus/") == 0) out.vpath = sysfsCanonical(module_.manifest(), out.vpath);
     if (out.vpath == "/") {
         if (forWriting) return refuse(path, "the module root is read-only");
         out.host = module_.dir();
@@ -282,6 +290,13 @@ int SimPlatform::open(const char* path, int flags, mode_t mode)
         fd = ::open(node->image.c_str(), accmode | (flags & (O_CLOEXEC | O_NONBLOCK)) | O_NOFOLLOW);
         struct stat st;
         if (fd >= 0 && ::fstat(fd, &st) == 0) h.ino = st.st_ino;
+    } else if (isDirectoryPrefixOf("/sys", r.vpath)) {
+        // Attributes of sysfs: none can be made, and a write stores a whole value.
+        h.kind = Kind::File;
+        h.sysfs = true;
+        struct stat st;
+        if (::stat(r.host.c_str(), &st) != 0) return fail((flags & O_CREAT) ? EACCES : ENOENT);
+        fd = ::open(r.host.c_str(), (flags & ~(O_CREAT | O_TRUNC | O_APPEND)) | O_NOFOLLOW, mode);
     } else {
         h.kind = Kind::File;
         fd = ::open(r.host.c_str(), flags | O_NOFOLLOW, mode);
@@ -344,6 +359,7 @@ ssize_t SimPlatform::write(int fd, const void* buf, size_t count)
     if (hit.fires && hit.action == Fault::Action::Error) return fail(hit.error);
     if (hit.fires && hit.action == Fault::Action::Short) count = std::min<uint64_t>(count, hit.shortCount);
     if (h.kind == Kind::Device) return deviceWrite(h, fd, buf, count, h.pos, true);
+    if (h.sysfs) return sysfsWrite(h, buf, count);
     if (powerCut_ && h.kind == Kind::File) {
         if (h.accmode == O_RDONLY) return fail(EBADF);
         ::lseek(fd, static_cast<off_t>(count), SEEK_CUR);
@@ -377,6 +393,7 @@ ssize_t SimPlatform::pwrite(int fd, const void* buf, size_t count, off_t offset)
     if (hit.fires && hit.action == Fault::Action::Short) count = std::min<uint64_t>(count, hit.shortCount);
     if (offset < 0) return fail(EINVAL);
     if (h.kind == Kind::Device) return deviceWrite(h, fd, buf, count, static_cast<uint64_t>(offset), false);
+    if (h.sysfs) return offset == 0 ? sysfsWrite(h, buf, count) : fail(EINVAL);
     if (powerCut_ && h.kind == Kind::File) return h.accmode == O_RDONLY ? fail(EBADF) : static_cast<ssize_t>(count);
     return ::pwrite(fd, buf, count, offset);
 }
@@ -516,7 +533,7 @@ int SimPlatform::ioctl(int fd, unsigned long request, void* arg)
     switch (h.kind) {
     case Kind::Device: return deviceIoctl(h, request, arg);
     case Kind::Socket:
-        if (isInterfaceQuery(request)) return ::ioctl(fd, request, arg);
+        if (isInterfaceQuery(request)) return interfaceIoctl(request, arg);
         TAV_LOG(0, "tavsim: refused socket ioctl 0x%lx %s:%d\n", request, TAV_FILE, __LINE__);
         return fail(EPERM);
     default: return fail(ENOTTY);
@@ -681,7 +698,7 @@ DIR* SimPlatform::opendir(const char* path)
         return nullptr;
     }
     bool present = false;
-    if (r.kind == Resolved::Mapped && module_.device(r.vpath, present)) {
+    if (r.kind == Resolved::Mapped && (module_.device(r.vpath, present) || isDirectoryPrefixOf("/sys", r.vpath))) {
         errno = present ? ENOTDIR : ENOENT;
         return nullptr;
     }
@@ -718,7 +735,7 @@ FILE* SimPlatform::fopen(const char* path, const char* mode)
     Resolved r;
     if (!resolve(path, r, (flags & O_ACCMODE) != O_RDONLY)) return nullptr;
     bool present = false;
-    if (r.kind == Resolved::Mapped && module_.device(r.vpath, present)) {
+    if (r.kind == Resolved::Mapped && (module_.device(r.vpath, present) || isDirectoryPrefixOf("/sys", r.vpath))) {
         int fd = open(path, flags & (O_ACCMODE), 0);
         return fd < 0 ? nullptr : streamOf(fd, mode);
     }
@@ -935,6 +952,79 @@ int SimPlatform::setsockopt(int fd, int level, int name, const void* value, sock
     auto it = handles_.find(fd);
     if (it == handles_.end() || it->second.kind != Kind::Socket) return fail(ENOTSOCK);
     return ::setsockopt(fd, level, name, value, length);
+}
+
+ssize_t SimPlatform::sysfsWrite(Handle& h, const void* buf, size_t count)
+{
+    if (h.accmode == O_RDONLY) return fail(EBADF);
+    if (powerCut_) return static_cast<ssize_t>(count);
+    int error = sysfsStore(h.vpath, module_.hostPath(h.vpath), std::string(static_cast<const char*>(buf), count));
+    return error ? fail(error) : static_cast<ssize_t>(count);
+}
+
+// The interfaces of the module's file, answered as the kernel answers.
+int SimPlatform::interfaceIoctl(unsigned long request, void* arg)
+{
+    if (!arg) return fail(EFAULT);
+    std::vector<Interface> all = parseInterfaces(module_.readState("interfaces"));
+    auto inet = [](sockaddr* to, uint32_t address) {
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = address;
+        std::memcpy(to, &a, sizeof a);
+    };
+    if (request == SIOCGIFCONF) {
+        auto* conf = static_cast<ifconf*>(arg);
+        int need = 0;
+        for (const Interface& i : all) {
+            if (!i.hasAddress) continue;
+            if (conf->ifc_req) {
+                if (need + static_cast<int>(sizeof(ifreq)) > conf->ifc_len) break;
+                ifreq* r = reinterpret_cast<ifreq*>(conf->ifc_buf + need);
+                std::memset(r, 0, sizeof *r);
+                std::memcpy(r->ifr_name, i.name.c_str(), i.name.size());
+                inet(&r->ifr_addr, i.address);
+            }
+            need += static_cast<int>(sizeof(ifreq));
+        }
+        conf->ifc_len = need;
+        return 0;
+    }
+    auto* req = static_cast<ifreq*>(arg);
+    if (request == SIOCGIFNAME) {
+        if (req->ifr_ifindex < 1 || static_cast<size_t>(req->ifr_ifindex) > all.size()) return fail(ENODEV);
+        const std::string& name = all[static_cast<size_t>(req->ifr_ifindex - 1)].name;
+        std::memset(req->ifr_name, 0, sizeof req->ifr_name);
+        std::memcpy(req->ifr_name, name.c_str(), name.size());
+        return 0;
+    }
+    std::string name(req->ifr_name, strnlen(req->ifr_name, sizeof req->ifr_name));
+    auto it = std::find_if(all.begin(), all.end(), [&](const Interface& i) { return i.name == name; });
+    if (it == all.end()) return fail(ENODEV);
+    const Interface& i = *it;
+    switch (request) {
+    case SIOCGIFFLAGS:
+        req->ifr_flags = static_cast<short>(i.up ? IFF_UP | IFF_RUNNING : 0);
+        if (i.name == "lo") req->ifr_flags = static_cast<short>(req->ifr_flags | IFF_LOOPBACK);
+        else req->ifr_flags = static_cast<short>(req->ifr_flags | IFF_BROADCAST | IFF_MULTICAST);
+        return 0;
+    case SIOCGIFHWADDR:
+        std::memset(&req->ifr_hwaddr, 0, sizeof req->ifr_hwaddr);
+        req->ifr_hwaddr.sa_family = i.name == "lo" ? ARPHRD_LOOPBACK : ARPHRD_ETHER;
+        std::memcpy(req->ifr_hwaddr.sa_data, i.hwaddr, 6);
+        return 0;
+    case SIOCGIFMTU: req->ifr_mtu = i.mtu; return 0;
+    case SIOCGIFMETRIC: req->ifr_metric = i.metric; return 0;
+    case SIOCGIFINDEX: req->ifr_ifindex = static_cast<int>(it - all.begin()) + 1; return 0;
+    case SIOCGIFADDR: case SIOCGIFNETMASK: case SIOCGIFBRDADDR: case SIOCGIFDSTADDR:
+        if (!i.hasAddress) return fail(EADDRNOTAVAIL);
+        inet(&req->ifr_addr, request == SIOCGIFADDR      ? i.address
+                             : request == SIOCGIFNETMASK ? i.netmask
+                             : request == SIOCGIFBRDADDR ? i.broadcast
+                                                         : i.destination);
+        return 0;
+    default: return fail(EINVAL);
+    }
 }
 
 // No controllers in the IDE family: the answers of an absent library.

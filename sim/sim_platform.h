@@ -94,6 +94,7 @@ private:
         uint64_t pos = 0;
         ino_t ino = 0;
         int accmode = 0;
+        bool sysfs = false;
     };
     struct Resolved {
         enum { Mapped, Proc } kind = Mapped;
@@ -122,6 +123,8 @@ private:
     ssize_t deviceRead(Handle& h, int fd, void* buf, size_t count, uint64_t at, bool advance);
     ssize_t deviceWrite(Handle& h, int fd, const void* buf, size_t count, uint64_t at, bool advance);
     int deviceIoctl(Handle& h, unsigned long request, void* arg);
+    ssize_t sysfsWrite(Handle& h, const void* buf, size_t count);
+    int interfaceIoctl(unsigned long request, void* arg);
     void fillDeviceStat(const DeviceNode& node, const struct ::stat& image, struct ::stat* st);
     int pathStat(const char* path, struct ::stat* st, bool follow);
     int runCommand(const std::string& kind, const std::string& command, const std::string& input, std::string& output);

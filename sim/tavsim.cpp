@@ -8,8 +8,11 @@
 
 #include "create.h"
 #include "faults.h"
+#include "hwlib/tavhwid.h"
 #include "module.h"
 #include "programs.h"
+#include "sim_platform.h"
+#include "tavutils/tavdrivesig.h"
 
 namespace sim {
 namespace {
@@ -19,14 +22,19 @@ const char kHelp[] =
     "\n"
     "A simulated module is one directory DIR. Commands:\n"
     "\n"
-    "  create DIR --platform ID [--serial S] [--sectors N]\n"
+    "  create DIR --platform ID [--serial S] [--sectors N] [--feature SECTION:KEY=VALUE]...\n"
+    "         [--no-drives]\n"
     "      Make a module of platform ID (1, 3, 4 and identifiers without a layout of\n"
     "      their own; the other families come later) in DIR, which must be absent or\n"
     "      empty: a blank drive of its own serial number in every bay, N sectors each\n"
     "      (default 156301488), the module serial number S in\n"
-    "      configs/etc/marrowby/system/.serialnumber.\n"
+    "      configs/etc/marrowby/system/.serialnumber, and the model's identity: PCI\n"
+    "      list, model table, NVRAM rows, feature files, network interfaces, sysfs.\n"
+    "      Each --feature goes into the model's features.conf. --no-drives makes a\n"
+    "      module of any ID 1 to 15 with its identity files and no bays.\n"
     "  show DIR\n"
-    "      Platform, module serial number, clock, each bay with its device, numbers,\n"
+    "      Platform, the model the system recognises (ID CONFIG NAME), module\n"
+    "      serial number, clock, each bay with its device, numbers,\n"
     "      drive serial number, size, partitions, firmware and model; drives on the\n"
     "      shelf;\n"
     "      armed faults.\n"
@@ -47,6 +55,10 @@ const char kHelp[] =
     "      cut the power: that write and all later ones of the process are lost.\n"
     "  fault DIR --list | --clear\n"
     "      List or remove the armed faults.\n"
+    "  partition DIR\n"
+    "      Partition every drive in a bay with the system's own table builder and\n"
+    "      the families' sizes (os 2097152, os2 2097152, log 98304, boot 20480\n"
+    "      sectors, data the rest), ready for signatures.\n"
     "  log DIR [--ata]\n"
     "      Print the command log (\"TIME system|popen STATUS [unknown] COMMAND\"), or\n"
     "      the ATA command log.\n"
@@ -74,11 +86,23 @@ bool toInt(const std::string& s, int& out)
     return true;
 }
 
+// The model as the system's identity code sees it in the module.
+std::string recognisedModel(Module& module)
+{
+    SimPlatform platform(module.dir());
+    plat::ScopedPlatform scope(platform);
+    char name[256] = "", config[256] = "";
+    if (hwid_getModelName(nullptr, name, sizeof name - 1) != 0) return "UNKNOWN";
+    hwid_getModelConfigName(nullptr, config, sizeof config - 1);
+    return std::to_string(hwid_getModelId(nullptr)) + " " + config + " " + name;
+}
+
 int show(Module& module)
 {
     Manifest m = module.manifest();
     std::cout << "module " << module.dir() << "\n"
               << "platform " << m.platform << "\n"
+              << "model " << recognisedModel(module) << "\n"
               << "serial " << m.moduleSerial << "\n"
               << "clock " << module.now().tv_sec << "\n"
               << "BAY DEVICE MAJOR:MINOR SERIAL SECTORS PARTITIONS FIRMWARE MODEL\n";
@@ -114,6 +138,24 @@ bool parseHex(const std::string& hex, std::string& bytes)
     return true;
 }
 
+// Every drive in a bay gets the families' table, through the system's own code.
+int partition(Module& module)
+{
+    Manifest m = module.manifest();
+    SimPlatform platform(module.dir());
+    plat::ScopedPlatform scope(platform);
+    int failed = 0;
+    for (const Bay& b : m.bays) {
+        if (!m.driveInBay(b.number)) continue;
+        int rc = buildPartitions(b.device.c_str(), 2097152, 2097152, 0, 98304, 20480, false);
+        if (rc != 0) {
+            std::cerr << "tavsim: bay " << b.number << ": the table builder gave " << rc << "\n";
+            failed = 1;
+        }
+    }
+    return failed;
+}
+
 int report(const std::string& err)
 {
     if (err.empty()) return 0;
@@ -143,7 +185,13 @@ int tavsimMain(int argc, char** argv)
             if (a[i] == "--platform" && i + 1 < a.size() && toInt(a[i + 1], options.platform)) havePlatform = true, ++i;
             else if (a[i] == "--serial" && i + 1 < a.size() && !a[i + 1].empty()) options.moduleSerial = a[++i];
             else if (a[i] == "--sectors" && i + 1 < a.size() && parseNumber(a[i + 1], n)) options.sectors = n, ++i;
-            else return usage("create: bad argument " + a[i]);
+            else if (a[i] == "--no-drives") options.identityOnly = true;
+            else if (a[i] == "--feature" && i + 1 < a.size()) {
+                FeatureSetting f;
+                std::string why;
+                if (!parseFeature(a[++i], f, why)) return usage("create: " + why);
+                options.features.push_back(f);
+            } else return usage("create: bad argument " + a[i]);
         }
         if (!havePlatform) return usage("create: --platform ID is needed");
         return report(createModule(dir, options));
@@ -153,6 +201,7 @@ int tavsimMain(int argc, char** argv)
     Module module(dir);
     int bay = 0, other = 0;
     if (cmd == "show" && a.size() == 2) return show(module);
+    if (cmd == "partition" && a.size() == 2) return partition(module);
     if (cmd == "pull" && a.size() == 3 && toInt(a[2], bay)) return report(module.pull(bay));
     if (cmd == "insert" && (a.size() == 3 || a.size() == 4) && toInt(a[2], bay))
         return report(module.insert(bay, a.size() == 4 ? a[3] : ""));
