@@ -16,11 +16,12 @@
 
 namespace drivetest {
 
+// The positions of platform 1.
 inline const char* const kDiscs[] = {
     "/dev/ide/host0/bus0/target0/lun0/disc",
     "/dev/ide/host0/bus0/target1/lun0/disc",
-    "/dev/ide/host0/bus1/target0/lun0/disc",
     "/dev/ide/host0/bus1/target1/lun0/disc",
+    "/dev/ide/host0/bus1/target0/lun0/disc",
 };
 
 inline std::string partition(int position, int number)
