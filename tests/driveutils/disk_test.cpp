@@ -195,3 +195,29 @@ TEST(SignatureText, EveryCodeAndOutOfRange)
 
 } // namespace
 } // namespace drivetest
+
+namespace drivetest {
+namespace {
+
+TEST_F(Disk, ReadSignatureOfTheOldIdeNaming)
+{
+    Block block = ownBlock();
+    std::vector<unsigned char> bytes = block.bytes("HDB-SERIAL");
+    {
+        std::ofstream out(module_.host("dev/hda1"), std::ios::binary);
+        out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    }
+    SECT_INDEX_TABLE header;
+    SECT_AUTO_RAID records[4];
+    ASSERT_EQ(readSignature('a', &header, records, 4), &records[0]);   // the record of drive a
+    EXPECT_STREQ(header.caSerialNumber, "HDB-SERIAL");
+    EXPECT_EQ(std::string(records[1].caSerialNumber), serial(2));
+
+    // More records asked than the device holds: a short read gives null.
+    SECT_AUTO_RAID many[16];
+    EXPECT_EQ(readSignature('a', &header, many, 16), nullptr);
+    EXPECT_EQ(readSignature('e', &header, records, 4), nullptr);   // no /dev/he1
+}
+
+} // namespace
+} // namespace drivetest
