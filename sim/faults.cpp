@@ -1,6 +1,7 @@
 #include "faults.h"
 
 #include <cerrno>
+#include <iterator>
 #include <sstream>
 
 #include "manifest.h"
@@ -8,7 +9,7 @@
 namespace sim {
 namespace {
 
-const char* const kOpNames[] = {"open", "read", "write", "lseek", "fsync", "ioctl", "stat"};
+const char* const kOpNames[] = {"open", "read", "write", "lseek", "fsync", "ioctl", "stat", "unlink", "rename"};
 
 struct ErrnoName {
     int value;
@@ -28,7 +29,7 @@ const char* opName(Op op) { return kOpNames[static_cast<int>(op)]; }
 
 bool parseOp(const std::string& name, Op& op)
 {
-    for (int i = 0; i < 7; ++i)
+    for (int i = 0; i < static_cast<int>(std::size(kOpNames)); ++i)
         if (name == kOpNames[i]) {
             op = static_cast<Op>(i);
             return true;

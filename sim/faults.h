@@ -22,7 +22,8 @@
 
 namespace sim {
 
-enum class Op { Open, Read, Write, Lseek, Fsync, Ioctl, Stat };
+// Rename faults match the source path.
+enum class Op { Open, Read, Write, Lseek, Fsync, Ioctl, Stat, Unlink, Rename };
 
 const char* opName(Op op);
 bool parseOp(const std::string& name, Op& op);

@@ -637,6 +637,8 @@ int SimPlatform::unlink(const char* path)
         refuse(path, "drive nodes are not removed by the system");
         return fail(EPERM);
     }
+    Hit hit = checkFault(Op::Unlink, r.vpath);
+    if (hit.fires) return fail(hit.action == Fault::Action::Error ? hit.error : EIO);
     return ::unlink(r.host.c_str());
 }
 
@@ -663,6 +665,8 @@ int SimPlatform::rename(const char* from, const char* to)
         refuse(from, "drive nodes are not renamed by the system");
         return fail(EPERM);
     }
+    Hit hit = checkFault(Op::Rename, a.vpath);
+    if (hit.fires) return fail(hit.action == Fault::Action::Error ? hit.error : EIO);
     return ::rename(a.host.c_str(), b.host.c_str());
 }
 
@@ -698,7 +702,7 @@ DIR* SimPlatform::opendir(const char* path)
         return nullptr;
     }
     bool present = false;
-    if (r.kind == Resolved::Mapped && (module_.device(r.vpath, present) || isDirectoryPrefixOf("/sys", r.vpath))) {
+    if (r.kind == Resolved::Mapped && module_.device(r.vpath, present)) {
         errno = present ? ENOTDIR : ENOENT;
         return nullptr;
     }

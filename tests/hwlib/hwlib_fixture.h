@@ -1,79 +1,55 @@
-// A module with a PCI list, a model table that recognises it as "Test Box"
-// (configuration "testbox", number 7), and network interfaces answered to
-// the socket ioctls.
+// A simulated module of platform 1 whose PCI list and model table are
+// replaced by ones that recognise it as "Test Box" (configuration "testbox",
+// number 7), with network interfaces of known addresses.
 #pragma once
 
-#include <cstdio>
-#include <cstring>
-#include <map>
-#include <net/if.h>
-#include <netinet/in.h>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
 #include <string>
-#include <sys/ioctl.h>
 
 #include <gtest/gtest.h>
 
-#include "support/mapped_platform.h"
+#include "sim/sim_fixture.h"
+#include "sim/sim_platform.h"
 
 namespace tavtest {
 
-struct Interface {
-    unsigned char mac[6];
-    const char* address;
-    bool up;
-    int mtu;
-};
-
-class NetPlatform : public MappedPlatform {
+// Counts the sockets the code opens and closes; `noSocket` makes every socket fail.
+class NetPlatform : public sim::SimPlatform {
 public:
-    static constexpr int kSocket = 4242;
+    using SimPlatform::SimPlatform;
 
-    std::map<std::string, Interface> interfaces;
     bool noSocket = false;
     int opened = 0;
     int closed = 0;
 
-    int socket(int, int, int) override { return noSocket ? -1 : (++opened, kSocket); }
-    int close(int fd) override { return fd == kSocket ? (++closed, 0) : MappedPlatform::close(fd); }
-    int setsockopt(int fd, int, int, const void*, socklen_t) override { return fd == kSocket ? 0 : -1; }
-    int ioctl(int fd, unsigned long request, void* arg) override
+    int socket(int domain, int type, int protocol) override
     {
-        if (fd != kSocket) return MappedPlatform::ioctl(fd, request, arg);
-        auto* req = static_cast<ifreq*>(arg);
-        auto it = interfaces.find(req->ifr_name);
-        if (it == interfaces.end()) return -1;
-        const Interface& i = it->second;
-        switch (request) {
-        case SIOCGIFHWADDR:
-            std::memcpy(req->ifr_hwaddr.sa_data, i.mac, 6);
-            return 0;
-        case SIOCGIFFLAGS:
-            req->ifr_flags = i.up ? IFF_UP : 0;
-            return 0;
-        case SIOCGIFMTU:
-            req->ifr_mtu = i.mtu;
-            return 0;
-        case SIOCGIFADDR: {
-            sockaddr_in a{};
-            a.sin_family = i.address ? AF_INET : AF_UNSPEC;
-            if (i.address) {
-                unsigned b[4];
-                std::sscanf(i.address, "%u.%u.%u.%u", &b[0], &b[1], &b[2], &b[3]);
-                auto* p = reinterpret_cast<unsigned char*>(&a.sin_addr.s_addr);
-                for (int k = 0; k < 4; ++k) p[k] = static_cast<unsigned char>(b[k]);
-            }
-            std::memcpy(&req->ifr_addr, &a, sizeof a);
-            return 0;
-        }
-        default:
+        if (noSocket) {
+            errno = EMFILE;
             return -1;
         }
+        int fd = SimPlatform::socket(domain, type, protocol);
+        if (fd >= 0) ++opened, sockets_.insert(fd);
+        return fd;
     }
+    int close(int fd) override
+    {
+        if (sockets_.erase(fd)) ++closed;
+        return SimPlatform::close(fd);
+    }
+
+private:
+    std::set<int> sockets_;
 };
 
 class HwlibTest : public ::testing::Test {
 protected:
-    NetPlatform module;
+    simtest::TempModule temp;
+    NetPlatform module{temp.dir()};
     plat::ScopedPlatform scope{module};
 
     static constexpr const char* kPci = "0000\t80861237\t0\n"
@@ -84,11 +60,32 @@ protected:
 
     void SetUp() override
     {
-        module.put("/proc/bus/pci/devices", kPci);
-        module.put("/etc/marrowby/hwid.conf", "Test Box:testbox:7:80861237,13c11001-0010\n");
-        module.interfaces["eth0"] = {{0x00, 0x1A, 0x2B, 0x3C, 0x4D, 0x5E}, "10.0.0.5", true, 1500};
-        module.interfaces["eth1"] = {{0x00, 0x1A, 0x2B, 0x3C, 0x4D, 0x5F}, nullptr, false, 9000};
-        module.interfaces["bond0"] = {{0x00, 0x1A, 0x2B, 0x3C, 0x4D, 0x5E}, "10.0.0.9", true, 1500};
+        put("/proc/bus/pci/devices", kPci);
+        put("/etc/marrowby/hwid.conf", "Test Box:testbox:7:80861237,13c11001-0010\n");
+        module.module().writeState("interfaces",
+                                   "eth0 hwaddr=00:1A:2B:3C:4D:5E flags=up mtu=1500 address=10.0.0.5\n"
+                                   "eth1 hwaddr=00:1A:2B:3C:4D:5F flags=down mtu=9000\n"
+                                   "bond0 hwaddr=00:1A:2B:3C:4D:5E flags=up mtu=1500 address=10.0.0.9\n");
+    }
+
+    // The host path of a module path ("/etc/...", "./configs/...").
+    std::string map(const std::string& path) const
+    {
+        return temp.dir() + (path.compare(0, 2, "./") == 0 ? path.substr(1) : path);
+    }
+    void put(const std::string& path, const std::string& text) const
+    {
+        std::filesystem::path host = map(path);
+        std::filesystem::create_directories(host.parent_path());
+        std::ofstream(host, std::ios::binary) << text;
+    }
+    bool exists(const std::string& path) const { return std::filesystem::exists(map(path)); }
+    std::string get(const std::string& path) const
+    {
+        std::ifstream in(map(path), std::ios::binary);
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
     }
 };
 

@@ -26,45 +26,50 @@ TEST(IoSched, DevicePathsMapToTheirSysfsDirectory)
     EXPECT_EQ(root("sda"), "-1");
 }
 
-class IoSchedTest : public HwlibTest {
-protected:
-    void SetUp() override
-    {
-        HwlibTest::SetUp();
-        module.put("/sys/block/sda/queue/scheduler", "noop [cfq]");
-        module.put("/sys/block/sda/queue/iosched/quantum", "4");
-        module.put("/sys/block/sda/queue/iosched/slice_idle", "8");
-        module.put("/sys/block/sda/queue/iosched/back_seek_max", "16384");
-    }
-};
+// The second drive of the module: hdb, reached through the IDE bus directory.
+constexpr const char* kDisc = "/dev/ide/host0/bus0/target1/lun0/disc";
+constexpr const char* kQueue = "/sys/block/hdb/queue/";
 
-TEST_F(IoSchedTest, WritesTheSchedulerAndItsConfiguredKeys)
+TEST_F(HwlibTest, IoSchedulerAndItsConfiguredKeysAreWritten)
 {
-    module.put(kModelFeatures, "[IOSCHED]\nschedule=deadline;\n"
-                               "[IOSCHED.deadline]\nquantum=8;\nslice_idle=0;\nnot_a_file=1;\n");
-    EXPECT_EQ(configureIoScheduler("/dev/sda1"), 0);
-    EXPECT_EQ(module.get("/sys/block/sda/queue/scheduler"), "deadline");
-    EXPECT_EQ(module.get("/sys/block/sda/queue/iosched/quantum"), "8");
-    EXPECT_EQ(module.get("/sys/block/sda/queue/iosched/slice_idle"), "0");
-    EXPECT_EQ(module.get("/sys/block/sda/queue/iosched/back_seek_max"), "16384");
-    EXPECT_FALSE(module.exists("/sys/block/sda/queue/iosched/not_a_file"));
+    put(kModelFeatures, "[IOSCHED]\nschedule=deadline;\n"
+                        "[IOSCHED.deadline]\nread_expire=100;\nfifo_batch=4;\nnot_a_file=1;\n");
+    EXPECT_EQ(configureIoScheduler(kDisc), 0);
+    EXPECT_EQ(get(std::string(kQueue) + "scheduler"), "noop anticipatory [deadline] cfq\n");
+    EXPECT_EQ(get(std::string(kQueue) + "iosched/read_expire"), "100\n");
+    EXPECT_EQ(get(std::string(kQueue) + "iosched/fifo_batch"), "4\n");
+    EXPECT_EQ(get(std::string(kQueue) + "iosched/write_expire"), "5000\n"); // not configured
+    EXPECT_FALSE(exists(std::string(kQueue) + "iosched/not_a_file"));
+    EXPECT_FALSE(exists(std::string(kQueue) + "iosched/quantum")); // the old scheduler's
+    EXPECT_EQ(get("/sys/block/hda/queue/scheduler"), "noop anticipatory deadline [cfq]\n");
+
+    // The module's common defaults, with no file of the model.
+    std::filesystem::remove(map(kModelFeatures));
+    EXPECT_EQ(configureIoScheduler("/dev/hda"), 0);
+    EXPECT_EQ(get("/sys/block/hda/queue/iosched/read_expire"), "250\n");
 }
 
-TEST_F(IoSchedTest, FailuresAndAbsentDevices)
+TEST_F(HwlibTest, IoSchedulerFailuresAndAbsentDevices)
 {
     EXPECT_EQ(configureIoScheduler("/dev/sdb"), 1);
     EXPECT_EQ(configureIoScheduler("/dev/scsi/host0"), -1);
 
-    // No "schedule" setting: nothing is written.
-    module.put(kModelFeatures, "[IOSCHED.deadline]\nquantum=8;\n");
-    EXPECT_EQ(configureIoScheduler("/dev/sda"), -1);
-    EXPECT_EQ(module.get("/sys/block/sda/queue/scheduler"), "noop [cfq]");
+    // No "schedule" setting anywhere: nothing is written.
+    put(kModelFeatures, "[IOSCHED.deadline]\nread_expire=8;\n");
+    put(kCommonFeatures, "[RAID]\n");
+    EXPECT_EQ(configureIoScheduler(kDisc), -1);
+    EXPECT_EQ(get(std::string(kQueue) + "scheduler"), "noop anticipatory deadline [cfq]\n");
 
-    // A scheduler without a tuning directory.
-    module.put(kModelFeatures, "[IOSCHED]\nschedule=noop;\n");
-    std::filesystem::remove_all(module.map("/sys/block/sda/queue/iosched"));
-    EXPECT_EQ(configureIoScheduler("/dev/sda"), -1);
-    EXPECT_EQ(module.get("/sys/block/sda/queue/scheduler"), "noop");
+    // The kernel refuses a scheduler it does not have; the code does not notice.
+    put(kModelFeatures, "[IOSCHED]\nschedule=fastest;\n");
+    EXPECT_EQ(configureIoScheduler(kDisc), 0);
+    EXPECT_EQ(get(std::string(kQueue) + "scheduler"), "noop anticipatory deadline [cfq]\n");
+
+    // A scheduler without tuning files.
+    put(kModelFeatures, "[IOSCHED]\nschedule=noop;\n");
+    EXPECT_EQ(configureIoScheduler(kDisc), 0);
+    EXPECT_EQ(get(std::string(kQueue) + "scheduler"), "[noop] anticipatory deadline cfq\n");
+    EXPECT_TRUE(std::filesystem::is_empty(map(std::string(kQueue) + "iosched")));
 }
 
 } // namespace

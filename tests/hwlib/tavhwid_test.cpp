@@ -20,7 +20,7 @@ std::string modelName()
 
 TEST_F(HwlibTest, FirstMatchingModelLineWins)
 {
-    module.put("/etc/marrowby/hwid.conf",
+    put("/etc/marrowby/hwid.conf",
                "Commented:c:9:80861237 # retired\n"
                "Both:both:8:80861237,deadbeef\n"
                "Elsewhere:e:6:10000021-0010\n"
@@ -35,7 +35,7 @@ TEST_F(HwlibTest, FirstMatchingModelLineWins)
     EXPECT_STREQ(config, "first");
 
     // Another table given by name.
-    module.put("/etc/marrowby/other.conf", "Other:other:12:13c11001-10\n");
+    put("/etc/marrowby/other.conf", "Other:other:12:13c11001-10\n");
     EXPECT_EQ(hwid_getModelId("/etc/marrowby/other.conf"), 12);
 }
 
@@ -60,7 +60,7 @@ TEST_F(HwlibTest, ConditionItemsNeedEveryDeviceAtItsLocation)
 
 TEST_F(HwlibTest, NoPciListOrTableMeansUnknown)
 {
-    module.put("/proc/bus/pci/devices", "header only\n");
+    put("/proc/bus/pci/devices", "header only\n");
     EXPECT_EQ(hwid_getModelId(nullptr), 0);
     char name[16];
     EXPECT_EQ(hwid_getModelName(nullptr, name, sizeof name), -1);
@@ -69,8 +69,8 @@ TEST_F(HwlibTest, NoPciListOrTableMeansUnknown)
     EXPECT_EQ(hwid_getConfigsLocation(location, sizeof location), -1);
     EXPECT_STREQ(location, "/etc/marrowby/brand/UNKNOWN/");
 
-    module.put("/proc/bus/pci/devices", kPci);
-    module.put("/etc/marrowby/hwid.conf", std::string("\xff\xfe\x00:::\n", 7) + std::string(3000, ':'));
+    put("/proc/bus/pci/devices", kPci);
+    put("/etc/marrowby/hwid.conf", std::string("\xff\xfe\x00:::\n", 7) + std::string(3000, ':'));
     EXPECT_EQ(hwid_getModelId(nullptr), 0);
 }
 
@@ -78,10 +78,10 @@ TEST_F(HwlibTest, ConfigFilesAreFoundInTheModelThenTheCommonDirectory)
 {
     char path[256] = "";
     EXPECT_EQ(hwid_getConfigFileWithPath(path, sizeof path, "x.cfg"), -1);
-    module.put("/etc/marrowby/brand/common/x.cfg", "");
+    put("/etc/marrowby/brand/common/x.cfg", "");
     EXPECT_EQ(hwid_getConfigFileWithPath(path, sizeof path, "x.cfg"), 1);
     EXPECT_STREQ(path, "/etc/marrowby/brand/common/x.cfg");
-    module.put("/etc/marrowby/brand/testbox/x.cfg", "");
+    put("/etc/marrowby/brand/testbox/x.cfg", "");
     EXPECT_EQ(hwid_getConfigFileWithPath(path, sizeof path, "x.cfg"), 0);
     EXPECT_STREQ(path, "/etc/marrowby/brand/testbox/x.cfg");
 
@@ -90,7 +90,7 @@ TEST_F(HwlibTest, ConfigFilesAreFoundInTheModelThenTheCommonDirectory)
     EXPECT_STREQ(shortPath, "/etc/marrowby/brand/common/");
 
     // An unknown model does not reach the common directory.
-    module.put("/etc/marrowby/hwid.conf", "");
+    put("/etc/marrowby/hwid.conf", "");
     EXPECT_EQ(hwid_getConfigFileWithPath(path, sizeof path, "x.cfg"), -1);
 }
 
@@ -119,11 +119,11 @@ TEST_F(HwlibTest, FeatureSettingFallsBackAsTheTableSays)
     };
     for (const FeatureRow& row : rows) {
         SCOPED_TRACE(row.name);
-        std::filesystem::remove_all(module.map("/etc/marrowby/brand"));
+        std::filesystem::remove_all(map("/etc/marrowby/brand"));
         if (row.model)
-            module.put(kModelFeatures, std::string("[RAID]\n") + (row.keyInModel ? "chunk_size=from-m;\n" : "x=1;\n"));
+            put(kModelFeatures, std::string("[RAID]\n") + (row.keyInModel ? "chunk_size=from-m;\n" : "x=1;\n"));
         if (row.common)
-            module.put(kCommonFeatures,
+            put(kCommonFeatures,
                        std::string("[RAID]\n") + (row.keyInCommon ? "chunk_size=from-c;\n" : "x=1;\n"));
         char value[32] = "before";
         testing::internal::CaptureStdout();
@@ -134,7 +134,7 @@ TEST_F(HwlibTest, FeatureSettingFallsBackAsTheTableSays)
         EXPECT_EQ(out, row.notice ? "Notice: Loaded Setting for RAID:chunk_size from common config location.\n" : "");
     }
     // With a key present in M the default does not win.
-    module.put(kModelFeatures, "[RAID]\nchunk_size=from-m;\n");
+    put(kModelFeatures, "[RAID]\nchunk_size=from-m;\n");
     char value[32];
     EXPECT_EQ(hwid_getFeatureSettingDefault("RAID", "chunk_size", value, sizeof value, "dflt"), 1);
     EXPECT_STREQ(value, "from-m");
@@ -142,9 +142,9 @@ TEST_F(HwlibTest, FeatureSettingFallsBackAsTheTableSays)
 
 TEST_F(HwlibTest, UnknownModelReadsTheCommonSettingWithTheNotice)
 {
-    module.put("/etc/marrowby/hwid.conf", "Nothing:n:1:ffffffff\n");
-    module.put(kModelFeatures, "[RAID]\nauto_rebuild=no;\n");
-    module.put(kCommonFeatures, "[RAID]\nauto_rebuild=yes;\n");
+    put("/etc/marrowby/hwid.conf", "Nothing:n:1:ffffffff\n");
+    put(kModelFeatures, "[RAID]\nauto_rebuild=no;\n");
+    put(kCommonFeatures, "[RAID]\nauto_rebuild=yes;\n");
     char value[8];
     testing::internal::CaptureStdout();
     EXPECT_EQ(hwid_getFeatureSetting("RAID", "auto_rebuild", value, sizeof value), 0);
@@ -155,7 +155,7 @@ TEST_F(HwlibTest, UnknownModelReadsTheCommonSettingWithTheNotice)
 
 TEST_F(HwlibTest, SettingsAsIntegersAndCutValues)
 {
-    module.put(kModelFeatures, "[MONITOR]\nlevel=0x10;\nword=high;\nlong=abcdefghij;\n");
+    put(kModelFeatures, "[MONITOR]\nlevel=0x10;\nword=high;\nlong=abcdefghij;\n");
     int n = 0;
     EXPECT_EQ(hwid_getFeatureSettingDefaultAsInt("MONITOR", "level", &n, 5), 0);
     EXPECT_EQ(n, 16);
@@ -168,7 +168,7 @@ TEST_F(HwlibTest, SettingsAsIntegersAndCutValues)
 
 TEST_F(HwlibTest, ResourcesAreACursorOverMatchingRows)
 {
-    module.put("/etc/marrowby/hwlist.conf", "PCI:NVRAM:card:a:b\n"
+    put("/etc/marrowby/hwlist.conf", "PCI:NVRAM:card:a:b\n"
                                             ":NVRAM:no class\n"
                                             "PCI::no name\n"
                                             "PCI:NVRAM:second\n"
@@ -187,9 +187,9 @@ TEST_F(HwlibTest, ResourcesAreACursorOverMatchingRows)
     EXPECT_EQ(resource.sObjectInfo, "third");
     EXPECT_EQ(resource.Next(), -1);
 
-    module.put("/etc/marrowby/hwlist.conf", std::string(2500, 'x') + "\nPCI:NVRAM:after a long line\n");
+    put("/etc/marrowby/hwlist.conf", std::string(2500, 'x') + "\nPCI:NVRAM:after a long line\n");
     EXPECT_EQ(resource.GetNResources("PCI", "NVRAM"), 1);
-    std::filesystem::remove(module.map("/etc/marrowby/hwlist.conf"));
+    std::filesystem::remove(map("/etc/marrowby/hwlist.conf"));
     EXPECT_EQ(resource.GetNResources("PCI", "NVRAM"), 0);
 }
 

@@ -7,9 +7,11 @@ namespace {
 
 using tavtest::HwlibTest;
 
+constexpr const char* kSerialFile = "./configs/etc/marrowby/system/.serialnumber";
+
 TEST_F(HwlibTest, ObxInfoReadsTheSerialNumberFile)
 {
-    module.put("./configs/etc/marrowby/system/.serialnumber", "OBX-0042\nsecond line\n");
+    put(kSerialFile, "OBX-0042\nsecond line\n");
     EXPECT_STREQ(TavObxInfo::getSerialNumber(), "OBX-0042");
     EXPECT_STREQ(TavObxInfo::getModelName(), "Test Box");
     EXPECT_EQ(TavObxInfo::getModelId(), 7);
@@ -20,6 +22,7 @@ TEST_F(HwlibTest, ObxInfoReadsTheSerialNumberFile)
 
 TEST_F(HwlibTest, ObxInfoFallsBackToTheMacOfEth0)
 {
+    std::filesystem::remove(map(kSerialFile));
     EXPECT_TRUE(TavObxInfo::loadData());
     EXPECT_STREQ(TavObxInfo::getSerialNumber(), "00:1A:2B:3C:4D:5E");
 }
@@ -27,7 +30,8 @@ TEST_F(HwlibTest, ObxInfoFallsBackToTheMacOfEth0)
 TEST_F(HwlibTest, ObxInfoWithNothingToGo)
 {
     module.noSocket = true;
-    module.put("/etc/marrowby/hwid.conf", "");
+    std::filesystem::remove(map(kSerialFile));
+    put("/etc/marrowby/hwid.conf", "");
     EXPECT_FALSE(TavObxInfo::loadData());
     EXPECT_STREQ(TavObxInfo::getSerialNumber(), "Unknown");
     EXPECT_STREQ(TavObxInfo::getModelName(), "UNKNOWN");
