@@ -1,25 +1,68 @@
+#include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "support/mapped_platform.h"
+#include "sim/sim_fixture.h"
+#include "sim/sim_platform.h"
 #include "tavconfig/regfile.h"
 
 namespace {
 
 const char* const kFile = "/etc/marrowby/test.conf";
 
+// Records the order of the calls that make a save safe.
+class SavePlatform : public sim::SimPlatform {
+public:
+    using SimPlatform::SimPlatform;
+    int unlink(const char* path) override
+    {
+        calls.push_back("unlink");
+        return SimPlatform::unlink(path);
+    }
+    int rename(const char* from, const char* to) override
+    {
+        calls.push_back("rename");
+        return SimPlatform::rename(from, to);
+    }
+    void sync() override
+    {
+        calls.push_back("sync");
+        SimPlatform::sync();
+    }
+    std::vector<std::string> calls;
+};
+
 class RegFileTest : public ::testing::Test {
 protected:
-    tavtest::MappedPlatform module;
+    simtest::TempModule temp;
+    SavePlatform module{temp.dir()};
     plat::ScopedPlatform scope{module};
+
+    std::string map(const std::string& path) const { return temp.dir() + path; }
+    void put(const std::string& path, const std::string& text) const
+    {
+        std::filesystem::create_directories(std::filesystem::path(map(path)).parent_path());
+        std::ofstream(map(path), std::ios::binary) << text;
+    }
+    bool exists(const std::string& path) const { return std::filesystem::exists(map(path)); }
+    std::string get(const std::string& path) const
+    {
+        std::ifstream in(map(path), std::ios::binary);
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
 
     // Opens kFile written with text.
     void open(URegFile& reg, const std::string& text)
     {
-        module.put(kFile, text);
+        put(kFile, text);
         ASSERT_TRUE(reg.Open(kFile));
     }
     // All lines, each closed by "|".
@@ -39,25 +82,25 @@ protected:
 TEST_F(RegFileTest, LoadingSplitsAtLineEndsAndStopsAtFFOrAThousandLines)
 {
     TStringList list;
-    module.put(kFile, "a\r\nb\rc\nlost");
+    put(kFile, "a\r\nb\rc\nlost");
     ASSERT_TRUE(list.LoadFromFile(kFile));
     ASSERT_EQ(list.Count, 4); // CR and LF each end a line; the unended last one is lost
     EXPECT_STREQ(list.Line(1), "");
     EXPECT_STREQ(list.Line(3), "c");
 
-    module.put(kFile, std::string("one\ntwo\xFFthree\n"));
+    put(kFile, std::string("one\ntwo\xFFthree\n"));
     ASSERT_TRUE(list.LoadFromFile(kFile));
     EXPECT_EQ(list.Count, 1);
 
     std::string text;
     for (int i = 0; i < 1001; ++i) text += "line" + std::to_string(i) + "\n";
-    module.put(kFile, text);
+    put(kFile, text);
     ASSERT_TRUE(list.LoadFromFile(kFile));
     EXPECT_EQ(list.Count, 1000);
     EXPECT_STREQ(list.Line(999), "line999");
     EXPECT_EQ(list.Add("more"), -1);
 
-    module.put(kFile, "");
+    put(kFile, "");
     EXPECT_TRUE(list.LoadFromFile(kFile));
     EXPECT_EQ(list.Count, 0);
     EXPECT_FALSE(list.LoadFromFile("/etc/marrowby/absent.conf"));
@@ -76,37 +119,9 @@ TEST_F(RegFileTest, OverlongLinesAndBinaryTextAreCutNotOverrun)
     EXPECT_EQ(std::strlen(reg.pList->Line(0)), 255u);
 }
 
-// Records the order of the calls that make a save safe and can fail one of them.
-class SavePlatform : public tavtest::MappedPlatform {
-public:
-    int unlink(const char* path) override
-    {
-        calls.push_back("unlink");
-        return MappedPlatform::unlink(path);
-    }
-    int rename(const char* from, const char* to) override
-    {
-        calls.push_back("rename");
-        if (failRename) {
-            errno = EIO;
-            return -1;
-        }
-        return MappedPlatform::rename(from, to);
-    }
-    void sync() override
-    {
-        calls.push_back("sync");
-        MappedPlatform::sync();
-    }
-    std::vector<std::string> calls;
-    bool failRename = false;
-};
-
-TEST(RegFileSave, SaveGoesThroughTheBackupAndSurvivesAFailedRename)
+TEST_F(RegFileTest, SaveGoesThroughTheBackupAndSurvivesAFailedRename)
 {
-    SavePlatform module;
-    plat::ScopedPlatform scope(module);
-    module.put(kFile, "[A]\nkey=old;\n");
+    put(kFile, "[A]\nkey=old;\n");
 
     URegFile reg;
     ASSERT_TRUE(reg.Open(kFile));
@@ -114,16 +129,15 @@ TEST(RegFileSave, SaveGoesThroughTheBackupAndSurvivesAFailedRename)
     reg.setValue("key", "new");
     EXPECT_TRUE(reg.pList->SaveToFile(kFile));
     EXPECT_EQ(module.calls, (std::vector<std::string>{"unlink", "rename", "sync"}));
-    EXPECT_EQ(module.get(kFile), "[A]\nkey=new;\n");
-    EXPECT_FALSE(module.exists(std::string(kFile) + ".backup"));
+    EXPECT_EQ(get(kFile), "[A]\nkey=new;\n");
+    EXPECT_FALSE(exists(std::string(kFile) + ".backup"));
 
     // Interrupted between unlink and rename: only the backup is left, and it is complete.
-    module.failRename = true;
+    module.arm(sim::Fault::failing(sim::Op::Rename, std::string(kFile) + ".backup", 1, EIO, 2));
     reg.setValue("key", "newer");
     EXPECT_FALSE(reg.pList->SaveToFile(kFile));
     EXPECT_TRUE(reg.SaveNow()); // SaveNow never reports the failure
-    EXPECT_FALSE(module.exists(kFile));
-    module.failRename = false;
+    EXPECT_FALSE(exists(kFile));
 
     URegFile again;
     ASSERT_TRUE(again.Open(kFile));
@@ -133,7 +147,7 @@ TEST(RegFileSave, SaveGoesThroughTheBackupAndSurvivesAFailedRename)
     EXPECT_STREQ(v, "newer");
     // The next save puts the main name back.
     EXPECT_TRUE(again.SaveNow());
-    EXPECT_EQ(module.get(kFile), "[A]\nkey=newer;\n");
+    EXPECT_EQ(get(kFile), "[A]\nkey=newer;\n");
 }
 
 TEST_F(RegFileTest, ValuesStripsRemarksAndQuotes)
@@ -287,7 +301,7 @@ TEST_F(RegFileTest, NextValueMovesTheCursorByOne)
 
 TEST_F(RegFileTest, OpenWithDirectoryUsesABackslash)
 {
-    module.put("/etc/marrowby/dir\\name.conf", "[S]\n");
+    put("/etc/marrowby/dir\\name.conf", "[S]\n");
     URegFile reg;
     EXPECT_TRUE(reg.Open("name.conf", "/etc/marrowby/dir"));
     EXPECT_STREQ(reg.pFileName, "/etc/marrowby/dir\\name.conf");
