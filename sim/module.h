@@ -10,6 +10,7 @@
 //   sim/ata.log        ATA commands: "TIME DEVICE WHAT"
 //   sim/mounts         mounted file systems: "SOURCE TARGET TYPE"
 //   sim/services       "NAME running|stopped"
+//   sim/interfaces     the network interfaces (identity.h)
 //   sim/tables/bayN    the partitions of bay N as last read: "part N START SIZE" (sectors)
 //   sim/shelf/SERIAL.img  images of drives out of their bays
 //   sim/lock           taken (flock) around every change of a state file
