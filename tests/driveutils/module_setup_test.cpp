@@ -8,15 +8,6 @@
 
 namespace {
 
-int callTavsim(std::vector<std::string> args)
-{
-    args.insert(args.begin(), "tavsim");
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    return sim::tavsimMain(static_cast<int>(args.size()), argv.data());
-}
-
 TEST(ModuleSetup, PartitionedByTavsimEveryDriveHasAValidTable)
 {
     for (int id : {1, 3}) {
@@ -28,7 +19,7 @@ TEST(ModuleSetup, PartitionedByTavsimEveryDriveHasAValidTable)
             RaidDeviceMgmt::TavIdeDrive blank(1, before.module().manifest().bays[0].device.c_str());
             EXPECT_NE(blank.validatePartitions(), 0);
         }
-        ASSERT_EQ(callTavsim({"partition", m.dir()}), 0);
+        ASSERT_EQ(simtest::callTavsim({"partition", m.dir()}), 0);
         sim::SimPlatform platform(m.dir());
         plat::ScopedPlatform scope(platform);
         sim::Manifest manifest = platform.module().manifest();
@@ -43,8 +34,8 @@ TEST(ModuleSetup, PartitionedByTavsimEveryDriveHasAValidTable)
 TEST(ModuleSetup, PartitionSkipsEmptyBays)
 {
     simtest::TempModule m;
-    ASSERT_EQ(callTavsim({"pull", m.dir(), "2"}), 0);
-    EXPECT_EQ(callTavsim({"partition", m.dir()}), 0);
+    ASSERT_EQ(simtest::callTavsim({"pull", m.dir(), "2"}), 0);
+    EXPECT_EQ(simtest::callTavsim({"partition", m.dir()}), 0);
     sim::Module module(m.dir());
     EXPECT_TRUE(module.windows(2).empty());
     EXPECT_EQ(module.windows(1).size(), 7u);
@@ -53,7 +44,7 @@ TEST(ModuleSetup, PartitionSkipsEmptyBays)
 TEST(ModuleSetup, DmaModeFeatureSetsTheTransferModeOfTheDrive)
 {
     simtest::TempModule m(1, false);
-    ASSERT_EQ(callTavsim({"create", m.dir(), "--platform", "1", "--sectors", "1000000", "--feature",
+    ASSERT_EQ(simtest::callTavsim({"create", m.dir(), "--platform", "1", "--sectors", "1000000", "--feature",
                           "SIM-ATA 80G:dma_mode=5"}),
               0);
     sim::SimPlatform platform(m.dir());

@@ -14,19 +14,6 @@
 
 using namespace simtest;
 
-namespace {
-
-int callTavsim(std::vector<std::string> args)
-{
-    args.insert(args.begin(), "tavsim");
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    return sim::tavsimMain(static_cast<int>(args.size()), argv.data());
-}
-
-} // namespace
-
 TEST(Identity, EveryPlatformIsRecognisedWithItsNvramRows)
 {
     // NVRAM cards per platform: the RAID families have them, the IDE ones none.

@@ -12,6 +12,7 @@
 
 #include "sim/create.h"
 #include "sim/sim_platform.h"
+#include "sim/tavsim.h"
 
 namespace simtest {
 
@@ -96,6 +97,16 @@ inline std::vector<TableSector> standardLayout(uint32_t data, uint32_t os, uint3
     putEntry(l3, 0, 0x83, 1, log);
     out.push_back({e + os + upgrade + 4, l3});
     return out;
+}
+
+// Runs the tavsim command line in-process.
+inline int callTavsim(std::vector<std::string> args)
+{
+    args.insert(args.begin(), "tavsim");
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    return sim::tavsimMain(static_cast<int>(args.size()), argv.data());
 }
 
 } // namespace simtest

@@ -44,15 +44,6 @@ std::vector<std::string> shownSerials(const std::string& show)
     return serials;
 }
 
-int callTavsim(std::vector<std::string> args)
-{
-    args.insert(args.begin(), "tavsim");
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    return sim::tavsimMain(static_cast<int>(args.size()), argv.data());
-}
-
 // The program of a test: reads its module's serial number and stops a service.
 int probeProgram(int argc, char** argv)
 {
