@@ -202,26 +202,32 @@ void hwid_freeModelInfo(hwid_model_id* info)
     std::free(info);
 }
 
+namespace {
+
+// Copies one text field of the model found, or "UNKNOWN"; 0 or -1.
+int copyModelField(char* file, char* name, unsigned int len, char* hwid_model_id::*field)
+{
+    hwid_model_id* model = hwid_getModelInfo(file);
+    std::strncpy(name, model ? model->*field : "UNKNOWN", len);
+    int result = model ? 0 : -1;
+    hwid_freeModelInfo(model);
+    return result;
+}
+
+} // namespace
+
 int hwid_getModelName(char* file, char* name, unsigned int len)
 {
     TAV_ASSERT(name);
     TAV_ASSERT(len);
-    hwid_model_id* model = hwid_getModelInfo(file);
-    std::strncpy(name, model ? model->pName : "UNKNOWN", len);
-    int result = model ? 0 : -1;
-    hwid_freeModelInfo(model);
-    return result;
+    return copyModelField(file, name, len, &hwid_model_id::pName);
 }
 
 int hwid_getModelConfigName(char* file, char* name, unsigned int len)
 {
     TAV_ASSERT(name);
     TAV_ASSERT(len);
-    hwid_model_id* model = hwid_getModelInfo(file);
-    std::strncpy(name, model ? model->pConfigName : "UNKNOWN", len);
-    int result = model ? 0 : -1;
-    hwid_freeModelInfo(model);
-    return result;
+    return copyModelField(file, name, len, &hwid_model_id::pConfigName);
 }
 
 int hwid_getModelId(const char* file)

@@ -68,25 +68,10 @@ protected:
                                    "bond0 hwaddr=00:1A:2B:3C:4D:5E flags=up mtu=1500 address=10.0.0.9\n");
     }
 
-    // The host path of a module path ("/etc/...", "./configs/...").
-    std::string map(const std::string& path) const
-    {
-        return temp.dir() + (path.compare(0, 2, "./") == 0 ? path.substr(1) : path);
-    }
-    void put(const std::string& path, const std::string& text) const
-    {
-        std::filesystem::path host = map(path);
-        std::filesystem::create_directories(host.parent_path());
-        std::ofstream(host, std::ios::binary) << text;
-    }
-    bool exists(const std::string& path) const { return std::filesystem::exists(map(path)); }
-    std::string get(const std::string& path) const
-    {
-        std::ifstream in(map(path), std::ios::binary);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
+    std::string map(const std::string& path) const { return temp.map(path); }
+    void put(const std::string& path, const std::string& text) const { temp.put(path, text); }
+    bool exists(const std::string& path) const { return temp.exists(path); }
+    std::string get(const std::string& path) const { return temp.get(path); }
 };
 
 } // namespace tavtest

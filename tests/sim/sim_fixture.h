@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -44,6 +46,26 @@ public:
     }
     const std::string& dir() const { return dir_; }
     std::string host(const std::string& rel) const { return dir_ + "/" + rel; }
+
+    // Files of the module by the system's path ("/etc/...", "./configs/...").
+    std::string map(const std::string& path) const
+    {
+        return dir_ + (path.compare(0, 2, "./") == 0 ? path.substr(1) : path);
+    }
+    void put(const std::string& path, const std::string& text) const
+    {
+        std::filesystem::path file = map(path);
+        std::filesystem::create_directories(file.parent_path());
+        std::ofstream(file, std::ios::binary) << text;
+    }
+    bool exists(const std::string& path) const { return std::filesystem::exists(map(path)); }
+    std::string get(const std::string& path) const
+    {
+        std::ifstream in(map(path), std::ios::binary);
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
 
 private:
     std::string dir_;

@@ -44,20 +44,10 @@ protected:
     SavePlatform module{temp.dir()};
     plat::ScopedPlatform scope{module};
 
-    std::string map(const std::string& path) const { return temp.dir() + path; }
-    void put(const std::string& path, const std::string& text) const
-    {
-        std::filesystem::create_directories(std::filesystem::path(map(path)).parent_path());
-        std::ofstream(map(path), std::ios::binary) << text;
-    }
-    bool exists(const std::string& path) const { return std::filesystem::exists(map(path)); }
-    std::string get(const std::string& path) const
-    {
-        std::ifstream in(map(path), std::ios::binary);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
+    std::string map(const std::string& path) const { return temp.map(path); }
+    void put(const std::string& path, const std::string& text) const { temp.put(path, text); }
+    bool exists(const std::string& path) const { return temp.exists(path); }
+    std::string get(const std::string& path) const { return temp.get(path); }
 
     // Opens kFile written with text.
     void open(URegFile& reg, const std::string& text)
