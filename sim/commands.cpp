@@ -1,5 +1,6 @@
 #include "commands.h"
 
+#include <functional>
 #include <map>
 #include <regex>
 #include <sstream>
@@ -37,10 +38,10 @@ std::string lastOperand(const Words& argv)
     return "";
 }
 
-std::vector<Words> stateLines(Module& m, const std::string& name)
+std::vector<Words> parseLines(const std::string& text)
 {
     std::vector<Words> out;
-    std::istringstream in(m.readState(name));
+    std::istringstream in(text);
     std::string line;
     while (std::getline(in, line)) {
         std::istringstream w(line);
@@ -52,14 +53,21 @@ std::vector<Words> stateLines(Module& m, const std::string& name)
     return out;
 }
 
-void writeStateLines(Module& m, const std::string& name, const std::vector<Words>& lines)
+std::vector<Words> stateLines(Module& m, const std::string& name) { return parseLines(m.readState(name)); }
+
+// Read-modify-write of a state file of word lines under the module's lock.
+bool updateStateLines(Module& m, const std::string& name, const std::function<bool(std::vector<Words>&)>& change)
 {
-    std::string text;
-    for (const Words& l : lines) {
-        for (size_t i = 0; i < l.size(); ++i) text += (i ? " " : "") + l[i];
-        text += "\n";
-    }
-    m.writeState(name, text);
+    return m.updateState(name, [&](std::string& text) {
+        std::vector<Words> lines = parseLines(text);
+        if (!change(lines)) return false;
+        text.clear();
+        for (const Words& l : lines) {
+            for (size_t i = 0; i < l.size(); ++i) text += (i ? " " : "") + l[i];
+            text += "\n";
+        }
+        return true;
+    });
 }
 
 // A device operand must be present when it names a drive node of the module.
@@ -112,27 +120,29 @@ CommandResult mount(CommandContext& ctx, const Words& argv)
     }
     if (operands.size() != 2 || !deviceUsable(ctx.module, operands[0])) return CommandResult{32, ""};
     struct stat st;
-    std::string target = ctx.module.hostPath(operands[1]);
-    if (operands[1][0] != '/' || operands[1].find("..") != std::string::npos || ::stat(target.c_str(), &st) != 0 ||
-        !S_ISDIR(st.st_mode))
+    if (operands[1][0] != '/' || operands[1].find("..") != std::string::npos ||
+        ctx.module.host().stat(operands[1], &st) != 0 || !S_ISDIR(st.st_mode))
         return CommandResult{32, ""};
-    mounts.push_back(Words{operands[0], operands[1], type});
-    writeStateLines(ctx.module, "mounts", mounts);
+    updateStateLines(ctx.module, "mounts", [&](std::vector<Words>& lines) {
+        lines.push_back(Words{operands[0], operands[1], type});
+        return true;
+    });
     return ok();
 }
 
 CommandResult umount(CommandContext& ctx, const Words& argv)
 {
     std::string what = lastOperand(argv);
-    std::vector<Words> mounts = stateLines(ctx.module, "mounts");
     // The latest mount of that source or target goes.
-    for (size_t i = mounts.size(); i-- > 0;)
-        if (mounts[i].size() == 3 && (mounts[i][0] == what || mounts[i][1] == what)) {
-            mounts.erase(mounts.begin() + static_cast<long>(i));
-            writeStateLines(ctx.module, "mounts", mounts);
-            return ok();
-        }
-    return CommandResult{1, ""};
+    bool found = updateStateLines(ctx.module, "mounts", [&](std::vector<Words>& mounts) {
+        for (size_t i = mounts.size(); i-- > 0;)
+            if (mounts[i].size() == 3 && (mounts[i][0] == what || mounts[i][1] == what)) {
+                mounts.erase(mounts.begin() + static_cast<long>(i));
+                return true;
+            }
+        return false;
+    });
+    return CommandResult{found ? 0 : 1, ""};
 }
 
 CommandResult service(CommandContext& ctx, const Words& argv)
@@ -146,11 +156,14 @@ CommandResult service(CommandContext& ctx, const Words& argv)
     if (verb == "status")
         return CommandResult{state == "stopped" ? 3 : 0, argv[1] + (state == "stopped" ? " is stopped\n" : " is running\n")};
     if (verb != "start" && verb != "stop" && verb != "restart") return CommandResult{1, ""};
-    std::vector<Words> kept;
-    for (const Words& l : services)
-        if (l.empty() || l[0] != argv[1]) kept.push_back(l);
-    kept.push_back(Words{argv[1], verb == "stop" ? "stopped" : "running"});
-    writeStateLines(ctx.module, "services", kept);
+    updateStateLines(ctx.module, "services", [&](std::vector<Words>& lines) {
+        std::vector<Words> kept;
+        for (const Words& l : lines)
+            if (l.empty() || l[0] != argv[1]) kept.push_back(l);
+        kept.push_back(Words{argv[1], verb == "stop" ? "stopped" : "running"});
+        lines = kept;
+        return true;
+    });
     return ok();
 }
 

@@ -45,21 +45,37 @@ bool isEmptyDir(const std::string& dir, bool& exists)
     return empty;
 }
 
-bool writeText(const std::string& path, const std::string& text)
+bool writeText(const HostDir& root, const std::string& rel, const std::string& text)
 {
-    size_t slash = path.rfind('/');
-    return makeDirs(path.substr(0, slash)) && writeFileAtomic(path, text);
+    size_t slash = rel.rfind('/');
+    return root.makeDirs(rel.substr(0, slash)) && root.writeFileAtomic(rel, text);
 }
 
-bool makeImage(const std::string& path, uint64_t sectors)
+bool makeImage(const HostDir& root, const std::string& rel, uint64_t sectors)
 {
-    size_t slash = path.rfind('/');
-    if (!makeDirs(path.substr(0, slash))) return false;
-    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0644);
+    size_t slash = rel.rfind('/');
+    if (!root.makeDirs(rel.substr(0, slash))) return false;
+    int fd = root.open(rel, O_WRONLY | O_CREAT | O_EXCL, 0644);
     if (fd < 0) return false;
     bool ok = ::ftruncate(fd, static_cast<off_t>(sectors * 512)) == 0;
     ::close(fd);
     return ok;
+}
+
+// Makes `dir` and the directories above it that are missing.
+std::string makeHostDirs(const std::string& dir)
+{
+    std::string sofar;
+    for (size_t pos = 0; pos != std::string::npos;) {
+        size_t next = dir.find('/', pos + 1);
+        sofar = dir.substr(0, next);
+        pos = next;
+        if (sofar.empty()) continue;
+        if (::mkdir(sofar.c_str(), 0755) != 0 && errno != EEXIST) return "cannot make " + sofar + ": " + std::strerror(errno);
+    }
+    struct stat st;
+    if (::stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return "cannot make " + dir + ": not a directory";
+    return "";
 }
 
 } // namespace
@@ -108,55 +124,68 @@ std::string createModule(const std::string& dir, const CreateOptions& options)
     if (!options.features.empty() && !modelRow(options.platform))
         return "platform " + std::to_string(options.platform) + " has no model to take feature settings";
     if (options.sectors < 64 * 1024 || options.sectors > (1ULL << 36)) return "drive size out of range";
+    if (isHostRoot(dir)) return "the host's root directory is never a module";
     bool exists = false;
     if (!isEmptyDir(dir, exists)) return dir + " exists and is not an empty directory";
-    if (!exists && !makeDirs(dir)) return "cannot make " + dir + ": " + std::strerror(errno);
-    if (!makeDirs(dir + "/sim")) return "cannot make the state directory";
+    if (!exists)
+        if (std::string err = makeHostDirs(dir); !err.empty()) return err;
 
-    Module module(dir);
-    Manifest m;
-    m.platform = options.platform;
-    m.moduleSerial = options.moduleSerial;
-    if (m.moduleSerial.empty()) {
-        uint32_t h = 2166136261u;
-        for (char c : module.dir()) h = (h ^ static_cast<unsigned char>(c)) * 16777619u;
-        char serial[32];
-        std::snprintf(serial, sizeof serial, "OBXSIM%08X", h);
-        m.moduleSerial = serial;
-    }
-    int scsi = 0;
-    for (size_t i = 0; i < layout->devices.size(); ++i) {
-        Bay bay;
-        bay.number = static_cast<int>(i) + 1;
-        bay.device = layout->devices[i];
-        if (!deviceNumbers(bay.device, scsi, bay)) return "no device numbers for " + bay.device;
-        if (bay.device.compare(0, 10, "/dev/scsi/") == 0) ++scsi;
-        m.bays.push_back(bay);
-        Drive d;
-        d.kind = std::string(layout->family) == "ide" ? "ata" : "scsi";
-        d.bay = bay.number;
-        d.sectors = options.sectors;
-        d.model = options.model;
-        d.firmware = options.firmware;
-        d.serial = module.newDriveSerial(m, bay.number);
-        m.drives.push_back(d);
-        if (!makeImage(module.hostPath(bay.device), d.sectors)) return "cannot make the image of bay " + std::to_string(bay.number);
-    }
-    for (const char* sub : {"dev", "etc/marrowby/system", "proc", "sys", "var/log", "tmp", "mnt",
-                            "configs/etc/marrowby/system", "modules", "sim/tables", "sim/shelf"})
-        if (!makeDirs(dir + "/" + sub)) return std::string("cannot make ") + sub;
-    bool ok = writeText(module.hostPath("/configs/etc/marrowby/system/.serialnumber"), m.moduleSerial + "\n") &&
-              writeText(module.statePath("clock"), "1136073600 0\n") && writeText(module.statePath("faults"), "") &&
-              writeText(module.statePath("commands.log"), "") && writeText(module.statePath("ata.log"), "") &&
-              writeText(module.statePath("mounts"), "") &&
-              writeText(module.statePath("services"), "syslog running\ncrond running\n");
-    if (!ok) return "cannot write the files of the module";
-    module.writeManifest(m);
-    for (const Bay& bay : m.bays) module.rereadPartitions(bay.number);
-    if (std::string err = writeIdentity(module, m, options.features, options.model); !err.empty()) return err;
-    for (const ModuleGenerator& g : generators()) {
-        std::string err = g(module, m);
-        if (!err.empty()) return err;
+    try {
+        Module module(dir, Module::Creating{});
+        const HostDir& root = module.host();
+        if (!root.makeDirs("sim")) return "cannot make the state directory";
+        Manifest m;
+        m.platform = options.platform;
+        m.moduleSerial = options.moduleSerial;
+        if (m.moduleSerial.empty()) {
+            uint32_t h = 2166136261u;
+            for (char c : module.dir()) h = (h ^ static_cast<unsigned char>(c)) * 16777619u;
+            char serial[32];
+            std::snprintf(serial, sizeof serial, "OBXSIM%08X", h);
+            m.moduleSerial = serial;
+        }
+        int scsi = 0;
+        for (size_t i = 0; i < layout->devices.size(); ++i) {
+            Bay bay;
+            bay.number = static_cast<int>(i) + 1;
+            bay.device = layout->devices[i];
+            if (!deviceNumbers(bay.device, scsi, bay)) return "no device numbers for " + bay.device;
+            if (bay.device.compare(0, 10, "/dev/scsi/") == 0) ++scsi;
+            m.bays.push_back(bay);
+            Drive d;
+            d.kind = std::string(layout->family) == "ide" ? "ata" : "scsi";
+            d.bay = bay.number;
+            d.sectors = options.sectors;
+            d.model = options.model;
+            d.firmware = options.firmware;
+            d.serial = module.newDriveSerial(m, bay.number);
+            m.drives.push_back(d);
+            if (!makeImage(root, bay.device, d.sectors))
+                return "cannot make the image of bay " + std::to_string(bay.number);
+        }
+        for (const char* sub : {"dev", "etc/marrowby/system", "proc", "sys", "var/log", "tmp", "mnt",
+                                "configs/etc/marrowby/system", "modules", "sim/tables", "sim/shelf", "sim/identify",
+                                "sim/locks"})
+            if (!root.makeDirs(sub)) return std::string("cannot make ") + sub;
+        bool ok = writeText(root, "configs/etc/marrowby/system/.serialnumber", m.moduleSerial + "\n") &&
+                  writeText(root, Module::stateFile("clock"), "1136073600 0\n") &&
+                  writeText(root, Module::stateFile("faults"), "") &&
+                  writeText(root, Module::stateFile("commands.log"), "") &&
+                  writeText(root, Module::stateFile("ata.log"), "") && writeText(root, Module::stateFile("mounts"), "") &&
+                  writeText(root, Module::stateFile("services"), "syslog running\ncrond running\n");
+        if (!ok) return "cannot write the files of the module";
+        module.writeManifest(m);
+        for (const Bay& bay : m.bays) {
+            module.rereadPartitions(bay.number);
+            module.discover(bay.number);
+        }
+        if (std::string err = writeIdentity(module, m, options.features, options.model); !err.empty()) return err;
+        for (const ModuleGenerator& g : generators()) {
+            std::string err = g(module, m);
+            if (!err.empty()) return err;
+        }
+    } catch (const std::exception& e) {
+        return e.what();
     }
     return "";
 }

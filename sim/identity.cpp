@@ -43,26 +43,6 @@ const std::vector<ModelRow> kRows = {
     {15, "OBX 2U Duo", "obx2uduo", "0000 808629c0 agpgart;0208 13c11004 raid", "13c11004", "3ware:0"},
 };
 
-struct Scheduler {
-    const char* name;
-    std::vector<std::pair<const char*, const char*>> tunables;
-};
-
-const Scheduler kSchedulers[] = {
-    {"noop", {}},
-    {"anticipatory",
-     {{"antic_expire", "6"}, {"read_expire", "125"}, {"read_batch_expire", "500"}, {"write_expire", "250"},
-      {"write_batch_expire", "125"}}},
-    {"deadline",
-     {{"read_expire", "500"}, {"write_expire", "5000"}, {"writes_starved", "2"}, {"front_merges", "1"},
-      {"fifo_batch", "16"}}},
-    {"cfq",
-     {{"quantum", "4"}, {"fifo_expire_sync", "125"}, {"fifo_expire_async", "250"}, {"back_seek_max", "16384"},
-      {"back_seek_penalty", "2"}, {"slice_sync", "100"}, {"slice_async", "40"}, {"slice_async_rq", "2"},
-      {"slice_idle", "8"}}},
-};
-const char kDefaultScheduler[] = "cfq";
-
 std::vector<std::string> split(const std::string& text, char by)
 {
     std::vector<std::string> out;
@@ -73,45 +53,9 @@ std::vector<std::string> split(const std::string& text, char by)
     return out;
 }
 
-bool writeText(const std::string& path, const std::string& text)
+bool writeText(const HostDir& root, const std::string& rel, const std::string& text)
 {
-    return makeDirs(path.substr(0, path.rfind('/'))) && writeFileAtomic(path, text);
-}
-
-const Scheduler* scheduler(const std::string& name)
-{
-    for (const Scheduler& s : kSchedulers)
-        if (name == s.name) return &s;
-    return nullptr;
-}
-
-// The scheduler file names every scheduler, the chosen one in brackets; its
-// tuning directory holds the chosen one's files only.
-bool selectScheduler(const std::string& queueDir, const Scheduler& chosen)
-{
-    std::string line;
-    for (const Scheduler& s : kSchedulers)
-        line += std::string(line.empty() ? "" : " ") + (&s == &chosen ? "[" + std::string(s.name) + "]" : s.name);
-    if (!writeText(queueDir + "/scheduler", line + "\n")) return false;
-    std::string tuning = queueDir + "/iosched";
-    if (DIR* d = ::opendir(tuning.c_str())) {
-        std::vector<std::string> old;
-        while (dirent* e = ::readdir(d))
-            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) old.push_back(e->d_name);
-        ::closedir(d);
-        for (const std::string& name : old) ::unlink((tuning + "/" + name).c_str());
-    }
-    if (!makeDirs(tuning)) return false;
-    for (const auto& [name, value] : chosen.tunables)
-        if (!writeFileAtomic(tuning + "/" + name, std::string(value) + "\n")) return false;
-    return true;
-}
-
-std::string macText(const unsigned char* b)
-{
-    char text[18];
-    std::snprintf(text, sizeof text, "%02X:%02X:%02X:%02X:%02X:%02X", b[0], b[1], b[2], b[3], b[4], b[5]);
-    return text;
+    return root.makeDirs(rel.substr(0, rel.rfind('/'))) && root.writeFileAtomic(rel, text);
 }
 
 } // namespace
@@ -181,126 +125,22 @@ std::string writeIdentity(Module& module, const Manifest& m, const std::vector<F
                                           {"IOSCHED.deadline", "read_expire", "250"},
                                           {"IOSCHED.deadline", "fifo_batch", "8"},
                                           {driveModel, "dma_mode", "-1"}};
-    const std::string brand = "/etc/marrowby/brand/";
-    if (!writeText(module.hostPath("/proc/bus/pci/devices"), pci) ||
-        !writeText(module.hostPath("/etc/marrowby/hwid.conf"), table) ||
-        !writeText(module.hostPath("/etc/marrowby/hwlist.conf"), hwlist) ||
-        (*row->config && !writeText(module.hostPath(brand + row->config + "/features.conf"), featureFile(features))) ||
-        !writeText(module.hostPath(brand + "common/features.conf"), featureFile(common)))
+    const std::string brand = "etc/marrowby/brand/";
+    const HostDir& root = module.host();
+    if (!writeText(root, "proc/bus/pci/devices", pci) || !writeText(root, "etc/marrowby/hwid.conf", table) ||
+        !writeText(root, "etc/marrowby/hwlist.conf", hwlist) ||
+        (*row->config && !writeText(root, brand + row->config + "/features.conf", featureFile(features))) ||
+        !writeText(root, brand + "common/features.conf", featureFile(common)))
         return "cannot write the identity files";
 
-    // A MAC of the locally administered range, from the module serial number.
+    // MACs of the locally administered range, from the module serial number.
     uint32_t h = 2166136261u;
     for (char c : m.moduleSerial) h = (h ^ static_cast<unsigned char>(c)) * 16777619u;
-    auto mac = [h](unsigned last) {
-        unsigned char b[6] = {0x02, 0x4F, static_cast<unsigned char>(h >> 16), static_cast<unsigned char>(h >> 8),
-                              static_cast<unsigned char>(h), static_cast<unsigned char>(last)};
-        return macText(b);
-    };
-    std::string interfaces = "lo hwaddr=00:00:00:00:00:00 flags=up mtu=16436 address=127.0.0.1 netmask=255.0.0.0\n";
-    interfaces += "eth0 hwaddr=" + mac(1) +
-                  " flags=up mtu=1500 address=10.0.0.5 netmask=255.255.255.0 broadcast=10.0.0.255\n";
-    interfaces += "eth1 hwaddr=" + mac(2) + " flags=down mtu=1500\n";
-    interfaces += "bond0 hwaddr=" + mac(3) +
-                  " flags=up mtu=9000 address=192.168.50.5 netmask=255.255.255.0 broadcast=192.168.50.255\n";
-    module.writeState("interfaces", interfaces);
+    module.writeState("interfaces", defaultInterfaces(h));
 
     for (const Bay& bay : m.bays)
-        if (!selectScheduler(module.hostPath("/sys/block/" + blockName(bay) + "/queue"), *scheduler(kDefaultScheduler)))
-            return "cannot write the sysfs directory of bay " + std::to_string(bay.number);
+        if (!layDownQueue(module, bay)) return "cannot write the sysfs directory of bay " + std::to_string(bay.number);
     return "";
-}
-
-std::vector<Interface> parseInterfaces(const std::string& text)
-{
-    std::vector<Interface> out;
-    auto ip = [](const std::string& v, uint32_t& to) { return ::inet_pton(AF_INET, v.c_str(), &to) == 1; };
-    for (const std::string& line : split(text, '\n')) {
-        std::stringstream in(line);
-        Interface i;
-        if (!(in >> i.name) || i.name.size() >= 16) continue;
-        bool ok = true, haveDestination = false;
-        std::string field;
-        while (ok && in >> field) {
-            size_t eq = field.find('=');
-            std::string key = field.substr(0, eq), value = eq == std::string::npos ? "" : field.substr(eq + 1);
-            unsigned b[6];
-            char end;
-            if (key == "hwaddr")
-                ok = std::sscanf(value.c_str(), "%2x:%2x:%2x:%2x:%2x:%2x%c", &b[0], &b[1], &b[2], &b[3], &b[4], &b[5],
-                                 &end) == 6;
-            if (key == "hwaddr" && ok)
-                for (int k = 0; k < 6; ++k) i.hwaddr[k] = static_cast<unsigned char>(b[k]);
-            else if (key == "flags") i.up = value == "up";
-            else if (key == "mtu") ok = std::sscanf(value.c_str(), "%d%c", &i.mtu, &end) == 1;
-            else if (key == "metric") ok = std::sscanf(value.c_str(), "%d%c", &i.metric, &end) == 1;
-            else if (key == "address") ok = i.hasAddress = ip(value, i.address);
-            else if (key == "netmask") ok = ip(value, i.netmask);
-            else if (key == "broadcast") ok = ip(value, i.broadcast);
-            else if (key == "destination") ok = haveDestination = ip(value, i.destination);
-        }
-        if (!ok) continue;
-        if (!haveDestination) i.destination = i.address;
-        out.push_back(i);
-    }
-    return out;
-}
-
-std::string blockName(const Bay& bay)
-{
-    static const unsigned kIdeMajors[] = {3, 22, 33, 34, 56, 57, 88, 89, 90, 91};
-    for (unsigned k = 0; k < 10; ++k)
-        if (bay.major == kIdeMajors[k]) return std::string("hd") + static_cast<char>('a' + 2 * k + bay.minor / 64);
-    unsigned index = bay.major == 8 ? bay.minor / 16 : (bay.major - 64) * 16 + bay.minor / 16;
-    std::string letters;
-    for (unsigned n = index + 1; n > 0; n = (n - 1) / 26) letters.insert(letters.begin(), static_cast<char>('a' + (n - 1) % 26));
-    return "sd" + letters;
-}
-
-std::string busBlockPath(const Bay& bay)
-{
-    unsigned host = 0, bus = 0, target = 0, lun = 0;
-    char path[96];
-    if (std::sscanf(bay.device.c_str(), "/dev/ide/host%u/bus%u/target%u/lun%u/", &host, &bus, &target, &lun) == 4) {
-        std::snprintf(path, sizeof path, "/sys/bus/ide/devices/%u.%u/block", host * 2 + bus, target);
-        return path;
-    }
-    if (std::sscanf(bay.device.c_str(), "/dev/scsi/host%u/bus%u/target%u/lun%u/", &host, &bus, &target, &lun) == 4) {
-        std::snprintf(path, sizeof path, "/sys/bus/scsi/devices/%u:%u:%u:%u/block", host, bus, target, lun);
-        return path;
-    }
-    return "";
-}
-
-std::string sysfsCanonical(const Manifest& m, const std::string& vpath)
-{
-    for (const Bay& bay : m.bays) {
-        std::string bus = busBlockPath(bay);
-        if (!bus.empty() && vpath.compare(0, bus.size(), bus) == 0 &&
-            (vpath.size() == bus.size() || vpath[bus.size()] == '/'))
-            return "/sys/block/" + blockName(bay) + vpath.substr(bus.size());
-    }
-    return vpath;
-}
-
-int sysfsStore(const std::string& vpath, const std::string& host, const std::string& text)
-{
-    std::string value = text;
-    while (!value.empty() && (value.back() == '\n' || value.back() == ' ')) value.pop_back();
-    const std::string schedulerTail = "/queue/scheduler";
-    if (vpath.size() > schedulerTail.size() &&
-        vpath.compare(vpath.size() - schedulerTail.size(), schedulerTail.size(), schedulerTail) == 0) {
-        const Scheduler* chosen = scheduler(value);
-        if (!chosen) return EINVAL;
-        return selectScheduler(host.substr(0, host.size() - std::strlen("/scheduler")), *chosen) ? 0 : EIO;
-    }
-    if (vpath.find("/queue/iosched/") != std::string::npos) {
-        char* end = nullptr;
-        errno = 0;
-        long long n = std::strtoll(value.c_str(), &end, 10);
-        if (value.empty() || *end != '\0' || errno != 0 || n < 0) return EINVAL;
-    }
-    return writeFileAtomic(host, value + "\n") ? 0 : EIO;
 }
 
 } // namespace sim

@@ -14,14 +14,8 @@
 //   /sys/block/NAME/queue/scheduler, queue/iosched/*   per bay; the bus paths of
 //                                          sysfs ("/sys/bus/ide/devices/0.1/block")
 //                                          lead there as the kernel's links do
-//   sim/interfaces                         the network interfaces (below)
+//   sim/interfaces                         the network interfaces (net_interfaces.h)
 //
-// sim/interfaces, one interface a line, fields after the name optional:
-//   eth0 hwaddr=02:4F:42:00:00:01 flags=up mtu=1500 metric=0 address=10.0.0.5
-//        netmask=255.255.255.0 broadcast=10.0.0.255 destination=10.0.0.5
-// An interface without an address answers address queries with
-// EADDRNOTAVAIL; "destination" defaults to the address and "broadcast" to none
-// (0.0.0.0).
 #pragma once
 
 #include <cstdint>
@@ -29,6 +23,8 @@
 #include <vector>
 
 #include "manifest.h"
+#include "net_interfaces.h"
+#include "sysfs.h"
 
 namespace sim {
 
@@ -66,33 +62,5 @@ std::string featureFile(const std::vector<FeatureSetting>& settings);
 // `driveModel` names the section of the common dma_mode default.
 std::string writeIdentity(Module& module, const Manifest& m, const std::vector<FeatureSetting>& features,
                           const std::string& driveModel);
-
-// ---- the kernel side, answered by SimPlatform ----
-
-struct Interface {
-    std::string name;
-    unsigned char hwaddr[6] = {};
-    bool up = false;
-    int mtu = 1500;
-    int metric = 0;
-    bool hasAddress = false;
-    uint32_t address = 0, netmask = 0, broadcast = 0, destination = 0;  // network order
-};
-
-// Never fails: lines it cannot read are skipped.
-std::vector<Interface> parseInterfaces(const std::string& text);
-
-// The name of a bay's disk in /sys/block ("hda", "sdb").
-std::string blockName(const Bay& bay);
-// The bus directory of sysfs that leads to the bay's block directory
-// ("/sys/bus/ide/devices/0.1/block"), "" for a device of no bus form.
-std::string busBlockPath(const Bay& bay);
-// `vpath` with a bus block path of a bay replaced by "/sys/block/NAME"; as it is otherwise.
-std::string sysfsCanonical(const Manifest& m, const std::string& vpath);
-
-// A store into a sysfs attribute at host path `host` (virtual `vpath`):
-// the scheduler file selects a scheduler and lays down its tuning files;
-// tuning files take numbers; other files take the text. 0 or an errno.
-int sysfsStore(const std::string& vpath, const std::string& host, const std::string& text);
 
 } // namespace sim

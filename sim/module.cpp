@@ -8,7 +8,11 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <map>
+#include <mutex>
 #include <unistd.h>
+
+#include "ata.h"
 
 namespace sim {
 namespace {
@@ -31,107 +35,89 @@ std::string fileSafe(const std::string& text)
 
 } // namespace
 
-bool readFile(const std::string& path, std::string& out)
+// One lock per module directory and process: threads take the mutex, the
+// process holds the flock while any of its threads is inside.
+struct Module::Lock::Shared {
+    std::recursive_mutex mutex;
+    int depth = 0;
+    int fd = -1;
+};
+
+namespace {
+
+Module::Lock::Shared* sharedLock(const std::string& dir)
 {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-    if (fd < 0) return false;
-    out.clear();
-    char buf[8192];
-    for (;;) {
-        ssize_t n = ::read(fd, buf, sizeof buf);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            ::close(fd);
-            return n == 0;
-        }
-        out.append(buf, static_cast<size_t>(n));
-    }
+    static std::mutex registryMutex;
+    static std::map<std::string, Module::Lock::Shared*>* registry = new std::map<std::string, Module::Lock::Shared*>;
+    std::lock_guard<std::mutex> guard(registryMutex);
+    auto& slot = (*registry)[dir];
+    if (!slot) slot = new Module::Lock::Shared;
+    return slot;
 }
 
-bool writeFileAtomic(const std::string& path, const std::string& text)
-{
-    std::string tmp = path + ".new";
-    int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
-    if (fd < 0) return false;
-    size_t done = 0;
-    while (done < text.size()) {
-        ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            ::close(fd);
-            ::unlink(tmp.c_str());
-            return false;
-        }
-        done += static_cast<size_t>(n);
-    }
-    ::close(fd);
-    return ::rename(tmp.c_str(), path.c_str()) == 0;
-}
+} // namespace
 
-bool makeDirs(const std::string& path)
+Module::Lock::Lock(Module& m) : shared_(sharedLock(m.dir()))
 {
-    std::string sofar;
-    size_t pos = 0;
-    while (pos != std::string::npos) {
-        size_t next = path.find('/', pos + 1);
-        sofar = path.substr(0, next);
-        pos = next;
-        if (sofar.empty()) continue;
-        if (::mkdir(sofar.c_str(), 0755) != 0 && errno != EEXIST) return false;
-    }
-    struct stat st;
-    return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-bool Module::Cached::changed()
-{
-    struct stat st;
-    if (::stat(path.c_str(), &st) != 0) {
-        bool was = size != -1;
-        size = -1;
-        return was;
-    }
-    bool differs = st.st_mtim.tv_sec != mtime.tv_sec || st.st_mtim.tv_nsec != mtime.tv_nsec ||
-                   st.st_size != size || st.st_ino != ino;
-    mtime = st.st_mtim;
-    size = st.st_size;
-    ino = st.st_ino;
-    return differs;
-}
-
-Module::Module(const std::string& dir)
-{
-    char resolved[PATH_MAX];
-    dir_ = ::realpath(dir.c_str(), resolved) ? resolved : dir;
-    while (dir_.size() > 1 && dir_.back() == '/') dir_.pop_back();
-    manifestStamp_.path = statePath("manifest");
-    manifestStamp_.size = -2;  // forces the first read
-}
-
-bool Module::isModule(const std::string& dir)
-{
-    struct stat st;
-    return ::stat((dir + "/sim/manifest").c_str(), &st) == 0 && S_ISREG(st.st_mode);
-}
-
-Module::Lock::Lock(Module& m)
-{
-    fd_ = ::open(m.statePath("lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
-    if (fd_ >= 0)
-        while (::flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
+    shared_->mutex.lock();
+    if (shared_->depth++ > 0) return;
+    shared_->fd = m.host().open(stateFile("lock"), O_RDWR | O_CREAT, 0644);
+    if (shared_->fd >= 0)
+        while (::flock(shared_->fd, LOCK_EX) != 0 && errno == EINTR) {
         }
 }
 
 Module::Lock::~Lock()
 {
-    if (fd_ >= 0) ::close(fd_);
+    if (--shared_->depth == 0 && shared_->fd >= 0) {
+        ::close(shared_->fd);
+        shared_->fd = -1;
+    }
+    shared_->mutex.unlock();
+}
+
+bool Module::changed(const std::string& rel, Stamp& stamp)
+{
+    struct stat st;
+    if (root_.stat(rel, &st) != 0) {
+        bool was = stamp.size != -1;
+        stamp.size = -1;
+        return was;
+    }
+    bool differs = st.st_mtim.tv_sec != stamp.mtime.tv_sec || st.st_mtim.tv_nsec != stamp.mtime.tv_nsec ||
+                   st.st_size != stamp.size || st.st_ino != stamp.ino;
+    stamp.mtime = st.st_mtim;
+    stamp.size = st.st_size;
+    stamp.ino = st.st_ino;
+    return differs;
+}
+
+bool Module::stateChanged(const std::string& name, Stamp& stamp) { return changed(stateFile(name), stamp); }
+
+Module::Module(const std::string& dir, Creating) : root_(dir) {}
+
+Module::Module(const std::string& dir) : Module(dir, Creating{})
+{
+    struct stat st;
+    if (root_.stat(stateFile("manifest"), &st) != 0 || !S_ISREG(st.st_mode))
+        throw NotAModule(dir + " is no simulated module (it has no sim/manifest)");
+}
+
+bool Module::isModule(const std::string& dir)
+{
+    try {
+        Module m(dir);
+        return true;
+    } catch (const std::exception&) {
+        return false;
+    }
 }
 
 Manifest Module::manifest()
 {
-    if (manifestStamp_.changed()) {
+    if (changed(stateFile("manifest"), manifestStamp_)) {
         std::string text;
-        manifest_ = readFile(manifestStamp_.path, text) ? Manifest::parse(text) : Manifest{};
+        manifest_ = root_.readFile(stateFile("manifest"), text) ? Manifest::parse(text) : Manifest{};
         tables_.clear();
     }
     return manifest_;
@@ -139,7 +125,8 @@ Manifest Module::manifest()
 
 void Module::writeManifest(const Manifest& m)
 {
-    writeFileAtomic(statePath("manifest"), m.format());
+    Lock lock(*this);
+    root_.writeFileAtomic(stateFile("manifest"), m.format());
     manifestStamp_.size = -2;
 }
 
@@ -164,7 +151,7 @@ std::optional<DeviceNode> Module::device(const std::string& vpath, bool& present
         if (dirName(bay.device) != dir) continue;
         DeviceNode node;
         node.bay = bay.number;
-        node.image = hostPath(bay.device);
+        node.image = bay.device.substr(1);
         node.major = bay.major;
         node.minor = bay.minor;
         if (vpath == bay.device) {
@@ -186,7 +173,7 @@ std::optional<DeviceNode> Module::device(const std::string& vpath, bool& present
         }
         const Drive* drive = m.driveInBay(bay.number);
         struct stat st;
-        if (!drive || ::stat(node.image.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return node;
+        if (!drive || root_.stat(node.image, &st) != 0 || !S_ISREG(st.st_mode)) return node;
         uint64_t diskBytes = static_cast<uint64_t>(st.st_size);
         if (node.partition <= 0) {
             node.size = diskBytes;
@@ -210,13 +197,10 @@ std::vector<Window> Module::windows(int bay)
     if (bay <= 0 || bay > 4096) return {};
     if (tables_.size() < static_cast<size_t>(bay) + 1) tables_.resize(static_cast<size_t>(bay) + 1);
     TableCache& t = tables_[static_cast<size_t>(bay)];
-    if (t.stamp.path.empty()) {
-        t.stamp.path = statePath("tables/bay" + std::to_string(bay));
-        t.stamp.size = -2;
-    }
-    if (t.stamp.changed()) {
+    const std::string file = stateFile("tables/bay" + std::to_string(bay));
+    if (changed(file, t.stamp)) {
         std::string text;
-        t.windows = readFile(t.stamp.path, text) ? parseWindows(text) : std::vector<Window>{};
+        t.windows = root_.readFile(file, text) ? parseWindows(text) : std::vector<Window>{};
     }
     return t.windows;
 }
@@ -227,7 +211,7 @@ std::vector<Window> Module::rereadPartitions(int bay)
     const Bay* b = m.bay(bay);
     std::vector<Window> found;
     if (b && m.driveInBay(bay)) {
-        int fd = ::open(hostPath(b->device).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+        int fd = root_.open(b->device, O_RDONLY);
         struct stat st;
         if (fd >= 0 && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
             found = readPartitionTable(static_cast<uint64_t>(st.st_size) / 512, b->maxPartitions,
@@ -238,16 +222,54 @@ std::vector<Window> Module::rereadPartitions(int bay)
         }
         if (fd >= 0) ::close(fd);
     }
-    makeDirs(statePath("tables"));
-    writeFileAtomic(statePath("tables/bay" + std::to_string(bay)), formatWindows(found));
+    Lock lock(*this);
+    root_.makeDirs(stateFile("tables"));
+    root_.writeFileAtomic(stateFile("tables/bay" + std::to_string(bay)), formatWindows(found));
     return found;
+}
+
+void Module::discover(int bay)
+{
+    Manifest m = manifest();
+    const Drive* d = m.driveInBay(bay);
+    std::string text;
+    if (d && d->kind == "ata") {
+        static const char hex[] = "0123456789abcdef";
+        IdentifyBlock id = identifyData(*d, IdentifyForm::KernelFixed);
+        for (size_t i = 0; i < id.size(); ++i) {
+            text += hex[id[i] >> 4];
+            text += hex[id[i] & 15];
+            if (i % 32 == 31) text += '\n';
+        }
+    }
+    Lock lock(*this);
+    root_.makeDirs(stateFile("identify"));
+    root_.writeFileAtomic(stateFile("identify/bay" + std::to_string(bay)), text);
+}
+
+std::string Module::discoveredIdentity(int bay)
+{
+    std::string text, bytes;
+    if (!root_.readFile(stateFile("identify/bay" + std::to_string(bay)), text)) return "";
+    int high = -1;
+    for (char c : text) {
+        int v = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+        if (v < 0) continue;
+        if (high < 0) {
+            high = v;
+        } else {
+            bytes += static_cast<char>(high * 16 + v);
+            high = -1;
+        }
+    }
+    return bytes.size() == sizeof(IdentifyBlock) ? bytes : "";
 }
 
 timeval Module::now()
 {
     std::string text;
     timeval tv{kClockStart, 0};
-    if (readFile(statePath("clock"), text)) {
+    if (root_.readFile(stateFile("clock"), text)) {
         long long s = 0, us = 0;
         if (std::sscanf(text.c_str(), "%lld %lld", &s, &us) == 2 && s >= 0 && us >= 0 && us < 1000000) {
             tv.tv_sec = static_cast<time_t>(s);
@@ -265,30 +287,33 @@ void Module::advance(uint64_t microseconds)
     long long secs = static_cast<long long>(tv.tv_sec) + static_cast<long long>(microseconds / 1000000 + us / 1000000);
     char text[64];
     std::snprintf(text, sizeof text, "%lld %llu\n", secs, static_cast<unsigned long long>(us % 1000000));
-    writeFileAtomic(statePath("clock"), text);
+    root_.writeFileAtomic(stateFile("clock"), text);
 }
 
 std::string Module::readState(const std::string& name)
 {
     std::string text;
-    readFile(statePath(name), text);
+    root_.readFile(stateFile(name), text);
     return text;
 }
 
 void Module::writeState(const std::string& name, const std::string& text)
 {
-    writeFileAtomic(statePath(name), text);
+    Lock lock(*this);
+    root_.writeFileAtomic(stateFile(name), text);
+}
+
+bool Module::updateState(const std::string& name, const std::function<bool(std::string&)>& change)
+{
+    Lock lock(*this);
+    std::string text = readState(name);
+    if (!change(text)) return false;
+    return root_.writeFileAtomic(stateFile(name), text);
 }
 
 void Module::appendState(const std::string& name, const std::string& line)
 {
-    int fd = ::open(statePath(name).c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0644);
-    if (fd < 0) return;
-    std::string text = line + "\n";
-    ssize_t n;
-    do n = ::write(fd, text.data(), text.size());
-    while (n < 0 && errno == EINTR);
-    ::close(fd);
+    root_.appendFile(stateFile(name), line + "\n");
 }
 
 void Module::logCommand(const std::string& kind, int status, bool known, const std::string& command)
@@ -305,7 +330,7 @@ void Module::logAta(const std::string& device, const std::string& what)
     appendState("ata.log", std::to_string(now().tv_sec) + " " + device + " " + what);
 }
 
-std::string Module::shelfImage(const std::string& serial) const { return statePath("shelf/" + fileSafe(serial) + ".img"); }
+std::string Module::shelfImage(const std::string& serial) const { return stateFile("shelf/" + fileSafe(serial) + ".img"); }
 
 std::string Module::newDriveSerial(const Manifest& m, int hint)
 {
@@ -322,22 +347,24 @@ std::string Module::newDriveSerial(const Manifest& m, int hint)
 std::string Module::pull(int bay)
 {
     std::string err;
-    std::string image;
     updateManifest([&](Manifest& m) {
         const Bay* b = m.bay(bay);
         Drive* d = m.driveInBay(bay);
         if (!b) err = "no bay " + std::to_string(bay);
         else if (!d) err = "bay " + std::to_string(bay) + " is empty";
         if (!err.empty()) return false;
-        makeDirs(statePath("shelf"));
-        if (::rename(hostPath(b->device).c_str(), shelfImage(d->serial).c_str()) != 0) {
+        root_.makeDirs(stateFile("shelf"));
+        if (root_.rename(b->device, shelfImage(d->serial)) != 0) {
             err = std::string("cannot move the image: ") + std::strerror(errno);
             return false;
         }
         d->bay = 0;
         return true;
     });
-    if (err.empty()) rereadPartitions(bay);
+    if (err.empty()) {
+        rereadPartitions(bay);
+        discover(bay);
+    }
     return err;
 }
 
@@ -364,9 +391,8 @@ std::string Module::insert(int bay, const std::string& serial)
             fresh.flushes = 0;
             if (fresh.sectors == 0) fresh.sectors = 156301488;
             if (fresh.model.empty()) fresh.model = "SIM-ATA 80G";
-            int fd = ::open(shelfImage(fresh.serial).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-            if (fd < 0 && makeDirs(statePath("shelf")))
-                fd = ::open(shelfImage(fresh.serial).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+            root_.makeDirs(stateFile("shelf"));
+            int fd = root_.open(shelfImage(fresh.serial), O_WRONLY | O_CREAT | O_EXCL, 0644);
             if (fd < 0 || ::ftruncate(fd, static_cast<off_t>(fresh.sectors * 512)) != 0) {
                 err = std::string("cannot make an image: ") + std::strerror(errno);
                 if (fd >= 0) ::close(fd);
@@ -381,18 +407,23 @@ std::string Module::insert(int bay, const std::string& serial)
             else if (d->bay != 0) err = "drive " + serial + " is in bay " + std::to_string(d->bay);
             if (!err.empty()) return false;
         }
-        makeDirs(dirName(hostPath(b->device)));
-        if (::rename(shelfImage(d->serial).c_str(), hostPath(b->device).c_str()) != 0) {
+        root_.makeDirs(dirName(b->device));
+        if (root_.rename(shelfImage(d->serial), b->device) != 0) {
             err = std::string("cannot move the image: ") + std::strerror(errno);
             return false;
         }
         d->bay = bay;
         return true;
     });
-    if (err.empty()) rereadPartitions(bay);
+    if (err.empty()) {
+        rereadPartitions(bay);
+        discover(bay);
+    }
     return err;
 }
 
+// The drives change places behind the kernel's back: their tables are read
+// again, but each bay keeps the identity found when its drive was found.
 std::string Module::swap(int bayA, int bayB)
 {
     std::string err;
@@ -405,11 +436,11 @@ std::string Module::swap(int bayA, int bayB)
         }
         Drive* da = m.driveInBay(bayA);
         Drive* db = m.driveInBay(bayB);
-        std::string pa = hostPath(a->device), pb = hostPath(b->device), tmp = statePath("swap.img");
-        makeDirs(dirName(pa));
-        makeDirs(dirName(pb));
-        if ((da && ::rename(pa.c_str(), tmp.c_str()) != 0) || (db && ::rename(pb.c_str(), pa.c_str()) != 0) ||
-            (da && ::rename(tmp.c_str(), pb.c_str()) != 0)) {
+        const std::string tmp = stateFile("swap.img");
+        root_.makeDirs(dirName(a->device));
+        root_.makeDirs(dirName(b->device));
+        if ((da && root_.rename(a->device, tmp) != 0) || (db && root_.rename(b->device, a->device) != 0) ||
+            (da && root_.rename(tmp, b->device) != 0)) {
             err = std::string("cannot move the images: ") + std::strerror(errno);
             return false;
         }
@@ -431,7 +462,7 @@ std::string Module::overwrite(const std::string& vpath, uint64_t offset, const s
     if (!node || node->partition < 0) return vpath + " is no disk or partition of the module";
     if (!present) return vpath + " is not present";
     if (offset > node->size || bytes.size() > node->size - offset) return "the bytes run past the end of " + vpath;
-    int fd = ::open(node->image.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
+    int fd = root_.open(node->image, O_WRONLY);
     if (fd < 0) return std::string("cannot open the image: ") + std::strerror(errno);
     ssize_t n = ::pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(node->offset + offset));
     ::close(fd);

@@ -22,10 +22,12 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <sys/time.h>
 #include <vector>
 
+#include "hostfs.h"
 #include "manifest.h"
 #include "partitions.h"
 
@@ -36,7 +38,7 @@ namespace sim {
 struct DeviceNode {
     int bay = 0;
     int partition = 0;       // 0 the disk, N a partition, -1 the generic node
-    std::string image;       // host path of the image file
+    std::string image;       // the image file, relative to the module directory
     uint64_t offset = 0;
     uint64_t size = 0;
     unsigned major = 0;
@@ -44,14 +46,26 @@ struct DeviceNode {
     bool character = false;
 };
 
+// Thrown when a directory is no module (no sim/manifest), or is the host's
+// root: nothing of the host is ever mapped.
+class NotAModule : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
 class Module {
 public:
-    // `dir` must exist; it is made absolute.
+    // `dir` must hold a module (sim/manifest); throws NotAModule otherwise.
     explicit Module(const std::string& dir);
+    // A module being made: `dir` must exist; no manifest is needed yet.
+    struct Creating {};
+    Module(const std::string& dir, Creating);
 
-    const std::string& dir() const { return dir_; }
-    std::string statePath(const std::string& name) const { return dir_ + "/sim/" + name; }
-    std::string hostPath(const std::string& vpath) const { return dir_ + vpath; }
+    // The directory, resolved (for messages); every file operation goes
+    // through host(), which keeps them beneath it.
+    const std::string& dir() const { return root_.path(); }
+    const HostDir& host() const { return root_; }
+    static std::string stateFile(const std::string& name) { return "sim/" + name; }
     static bool isModule(const std::string& dir);
 
     Manifest manifest();
@@ -67,6 +81,10 @@ public:
     std::vector<Window> windows(int bay);
     // The kernel's re-read of a bay's table: reads the image, stores and returns.
     std::vector<Window> rereadPartitions(int bay);
+    // The kernel finds the drive of a bay: its identify data is read and kept
+    // until the drive is found again (ATA drives; "" for others or none).
+    void discover(int bay);
+    std::string discoveredIdentity(int bay);
 
     timeval now();
     void advance(uint64_t microseconds);
@@ -76,6 +94,16 @@ public:
     std::string readState(const std::string& name);
     void writeState(const std::string& name, const std::string& text);
     void appendState(const std::string& name, const std::string& line);
+    // Read-modify-write of a state file under the module's lock; `change`
+    // returns false to leave the file as it is.
+    bool updateState(const std::string& name, const std::function<bool(std::string&)>& change);
+    // True once when the state file changed since the last call with `stamp`.
+    struct Stamp {
+        struct timespec mtime {};
+        off_t size = -2;
+        ino_t ino = 0;
+    };
+    bool stateChanged(const std::string& name, Stamp& stamp);
 
     // Drive handling; each gives "" or the reason it could not.
     std::string pull(int bay);
@@ -88,40 +116,32 @@ public:
     // A serial number no drive of the manifest has, for a new drive.
     std::string newDriveSerial(const Manifest& m, int hint);
 
-    // Holds the module's lock for a scope.
+    // Holds the module's lock for a scope: an flock of sim/lock against other
+    // processes and a mutex against other threads; a thread that holds it
+    // may take it again.
     class Lock {
     public:
         explicit Lock(Module& m);
         ~Lock();
         Lock(const Lock&) = delete;
         Lock& operator=(const Lock&) = delete;
+        struct Shared;
 
     private:
-        int fd_;
+        Shared* shared_;
     };
 
 private:
-    struct Cached {
-        std::string path;
-        struct timespec mtime {};
-        off_t size = -1;
-        ino_t ino = 0;
-        bool changed();
-    };
+    bool changed(const std::string& rel, Stamp& stamp);
 
-    std::string dir_;
-    Cached manifestStamp_;
+    HostDir root_;
+    Stamp manifestStamp_;
     Manifest manifest_;
     struct TableCache {
-        Cached stamp;
+        Stamp stamp;
         std::vector<Window> windows;
     };
     std::vector<TableCache> tables_;
 };
-
-// Reads or writes a whole host file; false when it cannot.
-bool readFile(const std::string& path, std::string& out);
-bool writeFileAtomic(const std::string& path, const std::string& text);
-bool makeDirs(const std::string& path);
 
 } // namespace sim

@@ -1,19 +1,24 @@
 // The platform of the simulated module: every call of the system lands in the
-// module directory (module.h). Paths are mapped under it and refused, with
-// EACCES and a log line, when they would leave it or name no mapped root;
-// block devices are windows of drive images; ioctls are answered as the kernel
-// answers them; commands are logged and answered by the command table; sleeps
-// advance the virtual clock; armed faults hit the calls they name.
+// module directory (module.h). It is a dispatcher: paths are mapped under the
+// directory and refused, with EACCES and a log line, when they would leave it
+// or name no mapped root (the seal: hostfs.h); a call on a device node goes to
+// the node's device model (device_model.h); plain files are files of the
+// module; commands are logged and answered by the command table; sleeps
+// advance the virtual clock; armed faults (faults.h, read again whenever the
+// file changed) hit the calls they name, streams of fopen included.
 #pragma once
 
 #include <cstdint>
 #include <map>
+#include <memory>
+#include <optional>
 #include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "commands.h"
+#include "device_model.h"
 #include "faults.h"
 #include "module.h"
 #include "platform/platform.h"
@@ -22,7 +27,7 @@ namespace sim {
 
 class SimPlatform : public plat::Platform {
 public:
-    // `dir` holds a module made by createModule.
+    // `dir` holds a module made by createModule; throws NotAModule otherwise.
     explicit SimPlatform(const std::string& dir);
     ~SimPlatform() override;
 
@@ -86,20 +91,14 @@ public:
     int MegaLibCommand(int opcode, int adapter, int channel, int target, int size, void* buffer) override;
 
 private:
-    enum class Kind { File, Device, Proc, Socket };
-    struct Handle {
+    enum class Kind { File, Proc, Node, Socket };
+    struct Handle : OpenNode {
         Kind kind = Kind::File;
-        std::string vpath;
-        DeviceNode node;
-        uint64_t pos = 0;
-        ino_t ino = 0;
-        int accmode = 0;
-        bool sysfs = false;
     };
     struct Resolved {
         enum { Mapped, Proc } kind = Mapped;
-        std::string vpath;
-        std::string host;
+        std::string vpath;  // the system's path, cleaned
+        std::string rel;    // Proc: relative to the process's own /proc directory
     };
     struct Pipe {
         std::string command;
@@ -114,34 +113,39 @@ private:
         int error = 0;
         uint64_t shortCount = 0;
     };
+    // Where a path leads: a model of its own, a bay node, or a plain file.
+    struct Target {
+        DeviceModel* model = nullptr;
+        std::optional<DeviceNode> node;
+        bool present = false;
+    };
 
     bool resolve(const char* path, Resolved& out, bool forWriting);
     bool refuse(const char* path, const char* why);
+    Target target(const Resolved& r);
+    const HostDir& procDir();
+    DeviceContext context() { return DeviceContext{module_, powerCut_}; }
+    Handle* handle(int fd);
+
+    void refreshFaults();
     Hit checkFault(Op op, const std::string& vpath, unsigned long request = 0);
-    void saveFaults();
-    bool deviceGone(const Handle& h);
-    ssize_t deviceRead(Handle& h, int fd, void* buf, size_t count, uint64_t at, bool advance);
-    ssize_t deviceWrite(Handle& h, int fd, const void* buf, size_t count, uint64_t at, bool advance);
-    int deviceIoctl(Handle& h, unsigned long request, void* arg);
-    ssize_t sysfsWrite(Handle& h, const void* buf, size_t count);
-    int interfaceIoctl(unsigned long request, void* arg);
-    void fillDeviceStat(const DeviceNode& node, const struct ::stat& image, struct ::stat* st);
-    int pathStat(const char* path, struct ::stat* st, bool follow);
+    void spendFault(const Fault& fired);
+    ssize_t transfer(int fd, void* buf, size_t count, const uint64_t* at, bool writing);
+    int pathStat(const char* path, struct ::stat* st);
     int runCommand(const std::string& kind, const std::string& command, const std::string& input, std::string& output);
     FILE* streamOf(int fd, const char* mode);
 
-    static ssize_t cookieRead(void* cookie, char* buf, size_t size);
-    static ssize_t cookieWrite(void* cookie, const char* buf, size_t size);
-    static int cookieSeek(void* cookie, off64_t* offset, int whence);
-    static int cookieClose(void* cookie);
-
     std::recursive_mutex mu_;
     Module module_;
+    DeviceRegistry registry_;
     CommandTable commands_;
+    std::unique_ptr<HostDir> proc_;
+    pid_t procPid_ = 0;
     std::string cwd_ = "/";
     std::map<int, Handle> handles_;
     std::map<FILE*, Pipe*> pipes_;
     std::vector<Fault> faults_;
+    Module::Stamp faultStamp_;
     std::map<std::pair<Op, std::string>, uint64_t> counts_;
     bool powerCut_ = false;
 };

@@ -72,8 +72,11 @@ TEST(Ata, SetFeaturesAndFlushAreRecordedForTheNextProcess)
     int fd = p.open(kDisc3, O_RDONLY, 0);
     unsigned char id[512];
     ASSERT_EQ(p.ioctl(fd, HDIO_GET_IDENTITY, id), 0);
-    EXPECT_EQ(id[170] & 0x20, 0) << "word 85 shows the write cache off";
-    EXPECT_EQ(id[176] | id[177] << 8, 0x103f) << "UDMA 4 selected, 0 to 5 supported";
+    EXPECT_EQ(id[170] & 0x20, 0x20) << "the kernel's copy keeps word 85 as the drive was found";
+    EXPECT_EQ(id[176] | id[177] << 8, 0x103f) << "UDMA 4 selected, 0 to 5 supported: refreshed after the mode change";
+    unsigned char live[516] = {sim::kAtaIdentify, 0, 0, 1};
+    ASSERT_EQ(p.ioctl(fd, HDIO_DRIVE_CMD, live), 0);
+    EXPECT_EQ(live[4 + 170] & 0x20, 0) << "the drive itself shows its write cache off";
     p.close(fd);
     std::string log = p.module().readState("ata.log");
     EXPECT_NE(log.find(std::string(kDisc3) + " setfeatures write-cache off"), std::string::npos) << log;

@@ -1,0 +1,92 @@
+// Device models of the simulated module. The simulated platform resolves a
+// path, applies the seal and the faults, and hands every call on a device
+// node to the node's model: one class per kind of device, each in its own
+// files, registered by the node's path prefix or by its major number.
+//
+//   BlockDevice   whole disks and partition windows of drive images (block.h)
+//   AtaDisk       an IDE disk: BlockDevice plus the ATA requests (ata_disk.h)
+//   ScsiDisk      a SCSI disk: BlockDevice plus SG_IO; ScsiGeneric its sg node (scsi_disk.h)
+//   SysfsModel    attribute files under /sys (sysfs.h)
+//   NetModel      interface queries on sockets (net_interfaces.h)
+#pragma once
+
+#include <cerrno>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <utility>
+#include <vector>
+
+#include "module.h"
+
+namespace sim {
+
+class DeviceModel;
+
+// One descriptor the system holds on a node of a model.
+struct OpenNode {
+    std::string vpath;        // the system's path of the node
+    DeviceModel* model = nullptr;
+    DeviceNode node;          // bay nodes; empty for nodes of their own
+    int hostFd = -1;          // the image or state file behind it
+    int lockFd = -1;          // held while open (partition nodes), see BlockDevice
+    uint64_t pos = 0;
+    ino_t ino = 0;
+    int accmode = 0;
+};
+
+// What a model may use of the platform around it.
+struct DeviceContext {
+    Module& module;
+    bool powerCut;            // writes are lost: report success, change nothing
+};
+
+class DeviceModel {
+public:
+    virtual ~DeviceModel() = default;
+
+    // Opens `n` (vpath, node and accmode filled in); gives the host
+    // descriptor, or -1 with errno.
+    virtual int open(DeviceContext& ctx, OpenNode& n, int flags) = 0;
+    virtual void close(DeviceContext& ctx, OpenNode& n);
+    virtual ssize_t read(DeviceContext& ctx, OpenNode& n, void* buf, size_t count, uint64_t at, bool advance);
+    virtual ssize_t write(DeviceContext& ctx, OpenNode& n, const void* buf, size_t count, uint64_t at, bool advance);
+    virtual off_t seek(DeviceContext& ctx, OpenNode& n, off_t offset, int whence);
+    virtual int fsync(DeviceContext& ctx, OpenNode& n);
+    virtual int ioctl(DeviceContext& ctx, OpenNode& n, unsigned long request, void* arg);
+    virtual int fstat(DeviceContext& ctx, OpenNode& n, struct ::stat* st);
+    // stat of a node by path; `present` as Module::device tells.
+    virtual int stat(DeviceContext& ctx, const std::string& vpath, const DeviceNode& node, struct ::stat* st);
+};
+
+// The models of a platform, found by path prefix or by (block, major).
+class DeviceRegistry {
+public:
+    void byPrefix(const std::string& prefix, std::shared_ptr<DeviceModel> model);
+    void byMajor(bool character, unsigned major, std::shared_ptr<DeviceModel> model);
+    void forSockets(std::shared_ptr<DeviceModel> model) { sockets_ = std::move(model); }
+
+    DeviceModel* prefixModel(const std::string& vpath) const;
+    DeviceModel* majorModel(bool character, unsigned major) const;
+    DeviceModel* socketModel() const { return sockets_.get(); }
+
+    // The models of the families simulated so far.
+    static DeviceRegistry standard();
+
+private:
+    std::vector<std::pair<std::string, std::shared_ptr<DeviceModel>>> prefixes_;
+    std::map<std::pair<bool, unsigned>, std::shared_ptr<DeviceModel>> majors_;
+    std::shared_ptr<DeviceModel> sockets_;
+};
+
+// -1 with errno set.
+inline int fail(int error)
+{
+    errno = error;
+    return -1;
+}
+
+} // namespace sim
