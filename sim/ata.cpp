@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 namespace sim {
 namespace {
@@ -35,6 +36,42 @@ void putString(IdentifyBlock& b, int firstWord, int chars, const std::string& te
     while (!fixed.empty() && fixed.back() == ' ') fixed.pop_back();
     std::memset(p, 0, chars);
     std::memcpy(p, fixed.data(), fixed.size());
+}
+
+uint16_t word(const IdentifyBlock& b, int w) { return static_cast<uint16_t>(b[2 * w] | b[2 * w + 1] << 8); }
+
+// A set-features transfer mode (sector count register) the drive offers, by
+// its own identify words: 0x00 and 0x01 (PIO default) always; PIO 0 to 2
+// (0x08-0x0A) always, PIO 3 and 4 by bits 0 and 1 of word 64; multiword DMA n
+// (0x20|n) by bit n of word 63; UDMA n (0x40|n) by bit n of word 88. Words 64
+// and 88 count only when word 53 marks them valid. Anything else (single-word
+// DMA, PIO 5 and up, unknown values) the drive aborts.
+bool offersTransferMode(const Drive& drive, unsigned mode)
+{
+    const IdentifyBlock id = identifyData(drive, IdentifyForm::Raw);
+    const unsigned n = mode & 7;
+    switch (mode & 0xf8) {
+    case 0x00: return mode <= 0x01;
+    case 0x08: return n <= 2 || (n <= 4 && (word(id, 53) & 0x2) && (word(id, 64) >> (n - 3) & 1));
+    case 0x20: return word(id, 63) >> n & 1;
+    case 0x40: return (word(id, 53) & 0x4) && (word(id, 88) >> n & 1);
+    default: return false;
+    }
+}
+
+std::string hex2(unsigned value)
+{
+    char text[8];
+    snprintf(text, sizeof text, "0x%02x", value & 0xff);
+    return text;
+}
+
+int aborted(unsigned char* args, std::string& note, std::string what)
+{
+    note = std::move(what) + " refused";
+    args[0] = 0x51;  // status: ready, seek complete, error
+    args[1] = 0x04;  // error: aborted command
+    return EIO;
 }
 
 } // namespace
@@ -82,7 +119,6 @@ IdentifyBlock identifyData(const Drive& drive, IdentifyForm form)
 
 int driveCommand(Drive& drive, unsigned char* args, std::string& note)
 {
-    char text[96];
     switch (args[0]) {
     case kAtaIdentify: {
         IdentifyBlock id = identifyData(drive, IdentifyForm::Raw);
@@ -98,15 +134,11 @@ int driveCommand(Drive& drive, unsigned char* args, std::string& note)
             drive.writeCache = false;
             note = "setfeatures write-cache off";
         } else if (args[2] == kFeatureTransferMode) {
+            note = "setfeatures transfer-mode " + hex2(args[1]);
+            if (!offersTransferMode(drive, args[1])) return aborted(args, note, note);
             drive.transferMode = args[1];
-            snprintf(text, sizeof text, "setfeatures transfer-mode 0x%02x", args[1]);
-            note = text;
         } else {
-            snprintf(text, sizeof text, "setfeatures 0x%02x refused", args[2]);
-            note = text;
-            args[0] = 0x51;  // status: error
-            args[1] = 0x04;  // error: aborted
-            return EIO;
+            return aborted(args, note, "setfeatures " + hex2(args[2]));
         }
         break;
     case kAtaFlushCache:
@@ -115,11 +147,7 @@ int driveCommand(Drive& drive, unsigned char* args, std::string& note)
         note = "flush-cache";
         break;
     default:
-        snprintf(text, sizeof text, "command 0x%02x refused", args[0]);
-        note = text;
-        args[0] = 0x51;
-        args[1] = 0x04;
-        return EIO;
+        return aborted(args, note, "command " + hex2(args[0]));
     }
     args[0] = 0x50;  // status: ready, seek complete
     args[1] = 0;

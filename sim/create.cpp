@@ -1,5 +1,6 @@
 #include "create.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -78,6 +79,21 @@ std::string makeHostDirs(const std::string& dir)
     return "";
 }
 
+struct DeviceAddress {
+    unsigned host = 0, bus = 0, target = 0, lun = 0;
+    auto operator<=>(const DeviceAddress&) const = default;
+};
+
+// "/dev/KIND/hostH/busB/targetT/lunL/disc", numbers in decimal.
+bool parseDeviceAddress(const std::string& device, const char* kind, DeviceAddress& a)
+{
+    const std::string format = std::string("/dev/") + kind + "/host%u/bus%u/target%u/lun%u/%15s%n";
+    char tail[16] = "";
+    int used = 0;
+    return std::sscanf(device.c_str(), format.c_str(), &a.host, &a.bus, &a.target, &a.lun, tail, &used) == 5 &&
+           std::strcmp(tail, "disc") == 0 && static_cast<size_t>(used) == device.size();
+}
+
 } // namespace
 
 const Layout* layoutFor(int platform, std::string& why)
@@ -92,23 +108,36 @@ const Layout* layoutFor(int platform, std::string& why)
 
 bool deviceNumbers(const std::string& device, int scsiIndex, Bay& bay)
 {
-    unsigned host = 0, bus = 0, target = 0, lun = 0;
-    char tail[16] = "";
-    if (std::sscanf(device.c_str(), "/dev/ide/host%u/bus%u/target%u/lun%u/%15s", &host, &bus, &target, &lun, tail) == 5 &&
-        std::strcmp(tail, "disc") == 0 && target < 2 && host < 5 && bus < 2) {
+    DeviceAddress a;
+    if (parseDeviceAddress(device, "ide", a) && a.target < 2 && a.host < 5 && a.bus < 2) {
         static const unsigned majors[] = {3, 22, 33, 34, 56, 57, 88, 89, 90, 91};
-        bay.major = majors[host * 2 + bus];
-        bay.minor = 64 * target;
+        bay.major = majors[a.host * 2 + a.bus];
+        bay.minor = 64 * a.target;
         bay.maxPartitions = 63;
         return true;
     }
-    if (device.compare(0, 10, "/dev/scsi/") == 0 && scsiIndex >= 0 && scsiIndex < 128) {
-        bay.major = scsiIndex < 16 ? 8 : 64 + static_cast<unsigned>(scsiIndex / 16);
-        bay.minor = 16 * static_cast<unsigned>(scsiIndex % 16);
+    // The sd driver: 16 disks a major (8, 65 to 71, 128 to 135), 16 minors a disk.
+    if (parseDeviceAddress(device, "scsi", a) && scsiIndex >= 0 && scsiIndex < 256) {
+        const unsigned group = static_cast<unsigned>(scsiIndex) / 16;
+        bay.major = group == 0 ? 8 : group < 8 ? 64 + group : 120 + group;
+        bay.minor = 16 * (static_cast<unsigned>(scsiIndex) % 16);
         bay.maxPartitions = 15;
         return true;
     }
     return false;
+}
+
+std::vector<int> scsiProbeOrder(const std::vector<std::string>& devices)
+{
+    std::vector<std::pair<DeviceAddress, size_t>> scsi;
+    for (size_t i = 0; i < devices.size(); ++i) {
+        DeviceAddress a;
+        if (parseDeviceAddress(devices[i], "scsi", a)) scsi.emplace_back(a, i);
+    }
+    std::stable_sort(scsi.begin(), scsi.end(), [](const auto& x, const auto& y) { return x.first < y.first; });
+    std::vector<int> index(devices.size(), -1);
+    for (size_t k = 0; k < scsi.size(); ++k) index[scsi[k].second] = static_cast<int>(k);
+    return index;
 }
 
 void addModuleGenerator(ModuleGenerator generator) { generators().push_back(std::move(generator)); }
@@ -144,13 +173,13 @@ std::string createModule(const std::string& dir, const CreateOptions& options)
             std::snprintf(serial, sizeof serial, "OBXSIM%08X", h);
             m.moduleSerial = serial;
         }
-        int scsi = 0;
+        const std::vector<int> scsiIndex =
+            scsiProbeOrder(std::vector<std::string>(layout->devices.begin(), layout->devices.end()));
         for (size_t i = 0; i < layout->devices.size(); ++i) {
             Bay bay;
             bay.number = static_cast<int>(i) + 1;
             bay.device = layout->devices[i];
-            if (!deviceNumbers(bay.device, scsi, bay)) return "no device numbers for " + bay.device;
-            if (bay.device.compare(0, 10, "/dev/scsi/") == 0) ++scsi;
+            if (!deviceNumbers(bay.device, scsiIndex[i], bay)) return "no device numbers for " + bay.device;
             m.bays.push_back(bay);
             Drive d;
             d.kind = std::string(layout->family) == "ide" ? "ata" : "scsi";

@@ -39,10 +39,16 @@ struct Layout {
 // the simulation does not model yet.
 const Layout* layoutFor(int platform, std::string& why);
 
-// Device numbers of a whole-disk node: IDE by interface (3, 22, 33, 34, ...)
-// with 64 minors a unit, SCSI disks 8, 65, 66, ... with 16 minors a disk in
-// order of `scsiIndex`. False for a name of no known kind.
+// Device numbers of a whole-disk node ("/dev/ide|scsi/hostH/busB/targetT/
+// lunL/disc"): IDE by interface (3, 22, 33, 34, ...) with 64 minors a unit,
+// SCSI disks 8, 65, 66, ... with 16 minors a disk by their sd index
+// `scsiIndex` (0 to 255). False for a name of no known kind.
 bool deviceNumbers(const std::string& device, int scsiIndex, Bay& bay);
+
+// The sd index of each SCSI node among `devices`, -1 for the others: the
+// kernel names disks in the order it probes them, by host, channel (bus),
+// target and lun, whatever the bay order.
+std::vector<int> scsiProbeOrder(const std::vector<std::string>& devices);
 
 // Adds files to every new module after the common ones; gives "" or a reason.
 using ModuleGenerator = std::function<std::string(Module&, const Manifest&)>;

@@ -7,7 +7,9 @@
 namespace sim {
 namespace {
 
-constexpr int kMaxChainLinks = 100;
+// Consecutive links without a data partition before the chain is given up.
+constexpr int kMaxEmptyLinks = 100;
+constexpr unsigned kProtectiveGpt = 0xEE;
 
 uint32_t le32(const unsigned char* p)
 {
@@ -16,6 +18,7 @@ uint32_t le32(const unsigned char* p)
 }
 
 struct Entry {
+    unsigned boot;
     unsigned type;
     uint64_t start;
     uint64_t size;
@@ -24,12 +27,23 @@ struct Entry {
 Entry entry(const unsigned char* sector, int i)
 {
     const unsigned char* e = sector + 446 + 16 * i;
-    return Entry{e[4], le32(e + 8), le32(e + 12)};
+    return Entry{e[0], e[4], le32(e + 8), le32(e + 12)};
 }
 
 bool hasMagic(const unsigned char* sector) { return sector[510] == 0x55 && sector[511] == 0xAA; }
 
 bool isExtended(unsigned type) { return type == 0x05 || type == 0x0f || type == 0x85; }
+
+// The primary sector is a table only with valid boot indicators and no
+// protective GPT entry in any slot (partitions.h).
+bool isMsdosTable(const unsigned char* sector)
+{
+    for (int i = 0; i < 4; ++i) {
+        const Entry e = entry(sector, i);
+        if ((e.boot != 0x00 && e.boot != 0x80) || e.type == kProtectiveGpt) return false;
+    }
+    return true;
+}
 
 class Collector {
 public:
@@ -50,19 +64,25 @@ private:
     unsigned max_;
 };
 
+// Slots 3 and 4 of a link: inside the link and inside the extended partition.
+bool lateSlotFits(const Entry& e, uint64_t at, uint64_t linkSize, uint64_t first, uint64_t firstSize)
+{
+    return e.start + e.size <= linkSize && at >= first && at + e.size <= first + firstSize;
+}
+
 void readExtended(Collector& parts, int& next, uint64_t first, uint64_t firstSize, const SectorReader& read)
 {
     unsigned char sector[512];
     uint64_t thisSector = first, thisSize = firstSize;
-    for (int links = 0; links < kMaxChainLinks && !parts.full(next); ++links) {
+    for (int empty = 1; empty <= kMaxEmptyLinks && !parts.full(next); ++empty) {
         if (!read(thisSector, sector) || !hasMagic(sector)) return;
         for (int i = 0; i < 4 && !parts.full(next); ++i) {
-            Entry e = entry(sector, i);
+            const Entry e = entry(sector, i);
             if (e.size == 0 || isExtended(e.type)) continue;
-            // The third and fourth slots of a link often hold garbage: only
-            // believe them when they fit inside this link.
-            if (i >= 2 && (e.start + e.size > thisSize)) continue;
-            parts.put(next++, thisSector + e.start, e.size);
+            const uint64_t at = thisSector + e.start;
+            if (i >= 2 && !lateSlotFits(e, at, thisSize, first, firstSize)) continue;
+            parts.put(next++, at, e.size);
+            empty = 0;
         }
         int i = 0;
         Entry link{};
@@ -82,15 +102,12 @@ std::vector<Window> readPartitionTable(uint64_t diskSectors, unsigned maxPartiti
 {
     Collector parts(diskSectors, maxPartitions);
     unsigned char sector[512];
-    if (diskSectors == 0 || !read(0, sector) || !hasMagic(sector)) return {};
+    if (diskSectors == 0 || !read(0, sector) || !hasMagic(sector) || !isMsdosTable(sector)) return {};
     int next = 5;
-    Entry primary[4];
-    for (int i = 0; i < 4; ++i) primary[i] = entry(sector, i);
     for (int i = 0; i < 4; ++i) {
-        const Entry& e = primary[i];
+        const Entry e = entry(sector, i);
         if (e.size == 0) continue;
         if (isExtended(e.type)) {
-            // The extended partition's own node covers only its first sectors.
             parts.put(i + 1, e.start, e.size < 2 ? e.size : 2);
             readExtended(parts, next, e.start, e.size, read);
         } else {

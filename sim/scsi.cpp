@@ -25,6 +25,22 @@ void putText(std::vector<unsigned char>& out, size_t at, size_t len, const std::
     for (size_t i = 0; i < len; ++i) out[at + i] = i < text.size() ? static_cast<unsigned char>(text[i]) : ' ';
 }
 
+// The unit serial number page as disks give it: the serial left-justified
+// in a field of 20 bytes padded with blanks; a longer serial is given whole
+// (up to what the page's 16-bit length holds).
+std::vector<unsigned char> serialPage(const std::string& serial)
+{
+    constexpr size_t kSerialField = 20;
+    const size_t len = std::min<size_t>(std::max(serial.size(), kSerialField), 0xffff);
+    std::vector<unsigned char> page(4 + len, ' ');
+    page[0] = 0x00;  // direct-access block device
+    page[1] = 0x80;
+    page[2] = static_cast<unsigned char>(len >> 8);
+    page[3] = static_cast<unsigned char>(len & 0xff);
+    putText(page, 4, len, serial);
+    return page;
+}
+
 } // namespace
 
 int scsiRequest(const Drive& drive, sg_io_hdr_t* hdr)
@@ -48,10 +64,7 @@ int scsiRequest(const Drive& drive, sg_io_hdr_t* hdr)
             if (cdb[2] == 0x00) {
                 data = {0, 0x00, 0, 2, 0x00, 0x80};
             } else if (cdb[2] == 0x80) {
-                data.assign(4 + drive.serial.size(), 0);
-                data[1] = 0x80;
-                data[3] = static_cast<unsigned char>(drive.serial.size());
-                std::memcpy(data.data() + 4, drive.serial.data(), drive.serial.size());
+                data = serialPage(drive.serial);
             } else {
                 checkCondition(hdr, 0x05, 0x24);  // illegal request, invalid field in CDB
                 return 0;

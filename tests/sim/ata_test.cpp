@@ -4,7 +4,6 @@
 
 #include "sim_fixture.h"
 #include "sim/ata.h"
-#include "sim/scsi.h"
 
 using namespace simtest;
 
@@ -83,43 +82,53 @@ TEST(Ata, SetFeaturesAndFlushAreRecordedForTheNextProcess)
     EXPECT_NE(log.find("flush-cache"), std::string::npos);
 }
 
-TEST(Scsi, InquiryAndSerialPage)
+TEST(Ata, TransferModeTheDriveDoesNotOfferIsAborted)
 {
-    sim::Drive d;
-    d.kind = "scsi";
-    d.serial = "SIMSCSI0001";
-    d.vendor = "SIMVEND";
-    d.model = "SIM-SCSI 36G";
-    d.firmware = "S001";
-    d.sectors = 71132960;
-    unsigned char cdb[6] = {0x12, 0, 0, 0, 96, 0};
-    unsigned char data[96] = {};
-    unsigned char sense[32] = {};
-    sg_io_hdr_t h{};
-    h.interface_id = 'S';
-    h.cmdp = cdb;
-    h.cmd_len = 6;
-    h.dxferp = data;
-    h.dxfer_len = sizeof data;
-    h.dxfer_direction = SG_DXFER_FROM_DEV;
-    h.sbp = sense;
-    h.mx_sb_len = sizeof sense;
-    ASSERT_EQ(sim::scsiRequest(d, &h), 0);
-    EXPECT_EQ(h.status, 0);
-    EXPECT_EQ(text(data + 8, 8), "SIMVEND ");
-    EXPECT_EQ(text(data + 16, 16), "SIM-SCSI 36G    ");
-    EXPECT_EQ(h.resid, 96 - 36);
+    TempModule m;
+    sim::SimPlatform p(m.dir());
+    int fd = p.open(kDisc1, O_RDONLY, 0);
+    ASSERT_GE(fd, 0);
+    auto setMode = [&](unsigned char mode, unsigned char* args) {
+        args[0] = sim::kAtaSetFeatures;
+        args[1] = mode;
+        args[2] = sim::kFeatureTransferMode;
+        args[3] = 0;
+        return p.ioctl(fd, HDIO_DRIVE_CMD, args);
+    };
+    unsigned char args[4];
+    ASSERT_EQ(setMode(0x44, args), 0) << "UDMA 4 is offered";
+    EXPECT_EQ(args[0], 0x50);
 
-    cdb[1] = 1;
-    cdb[2] = 0x80;
-    ASSERT_EQ(sim::scsiRequest(d, &h), 0);
-    EXPECT_EQ(data[1], 0x80);
-    EXPECT_EQ(text(data + 4, data[3]), d.serial);
+    // Word 88 offers UDMA 0-5, word 63 multiword DMA 0-2, word 64 PIO 3 and 4.
+    for (unsigned char mode : {0x47, 0x46, 0x99, 0x23, 0x0d, 0x10, 0x02}) {
+        errno = 0;
+        EXPECT_EQ(setMode(mode, args), -1) << std::hex << int(mode);
+        EXPECT_EQ(errno, EIO);
+        EXPECT_EQ(args[0], 0x51) << "status: error";
+        EXPECT_EQ(args[1], 0x04) << "error: aborted";
+    }
+    EXPECT_EQ(driveInBay(p, 1).transferMode, 0x44) << "a refused mode leaves the drive as it was";
+    unsigned char id[4 + 512] = {sim::kAtaIdentify, 0, 0, 1};
+    ASSERT_EQ(p.ioctl(fd, HDIO_DRIVE_CMD, id), 0);
+    EXPECT_EQ(id[4 + 176] | id[4 + 177] << 8, 0x103f) << "UDMA 4 still selected";
+    std::string log = p.module().readState("ata.log");
+    EXPECT_NE(log.find(std::string(kDisc1) + " setfeatures transfer-mode 0x47 refused"), std::string::npos) << log;
+    EXPECT_NE(log.find("setfeatures transfer-mode 0x99 refused"), std::string::npos) << log;
 
-    cdb[2] = 0x83;  // not served: check condition, illegal request
-    ASSERT_EQ(sim::scsiRequest(d, &h), 0);
-    EXPECT_EQ(h.status, 0x02);
-    EXPECT_EQ(sense[2], 0x05);
-    h.interface_id = 'Q';
-    EXPECT_EQ(sim::scsiRequest(d, &h), EINVAL);
+    for (unsigned char mode : {0x00, 0x01, 0x08, 0x0c, 0x20, 0x22, 0x40}) {
+        EXPECT_EQ(setMode(mode, args), 0) << std::hex << int(mode);
+        EXPECT_EQ(driveInBay(p, 1).transferMode, mode);
+    }
+    p.close(fd);
+
+    // The offer is the drive's own: one of UDMA 0-2 aborts UDMA 4.
+    sim::Drive slow = driveInBay(p, 1);
+    slow.udma = 0x0007;
+    std::string note;
+    unsigned char udma4[4] = {sim::kAtaSetFeatures, 0x44, sim::kFeatureTransferMode, 0};
+    EXPECT_EQ(sim::driveCommand(slow, udma4, note), EIO);
+    EXPECT_EQ(note, "setfeatures transfer-mode 0x44 refused");
+    unsigned char udma2[4] = {sim::kAtaSetFeatures, 0x42, sim::kFeatureTransferMode, 0};
+    EXPECT_EQ(sim::driveCommand(slow, udma2, note), 0);
+    EXPECT_EQ(slow.transferMode, 0x42);
 }

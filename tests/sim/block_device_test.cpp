@@ -7,7 +7,6 @@
 #include <sys/sysmacros.h>
 
 #include "sim_fixture.h"
-#include "sim/partitions.h"
 
 using namespace simtest;
 
@@ -129,41 +128,4 @@ TEST(BlockDevice, WindowEndsAtItsSizeWithItsOwnPosition)
     EXPECT_EQ(p.ioctl(disc, BLKRRPART, nullptr), 0);
     EXPECT_EQ(p.ioctl(disc, BLKFLSBUF, nullptr), 0);
     p.close(disc);
-}
-
-TEST(PartitionTable, GarbageTablesStayBounded)
-{
-    std::map<uint64_t, std::vector<unsigned char>> disk;
-    auto reader = [&disk](uint64_t sector, unsigned char* buf) {
-        auto it = disk.find(sector);
-        std::vector<unsigned char> zero(512, 0);
-        std::memcpy(buf, it == disk.end() ? zero.data() : it->second.data(), 512);
-        return true;
-    };
-    const uint64_t diskSectors = 100000;
-
-    // No magic: nothing.
-    disk[0] = std::vector<unsigned char>(512, 0);
-    EXPECT_TRUE(sim::readPartitionTable(diskSectors, 63, reader).empty());
-
-    // A link that points back at itself, an entry past the disk, one running over its end.
-    auto p = emptyTable();
-    putEntry(p, 0, 0x83, 200000, 10);       // starts beyond the disk: dropped
-    putEntry(p, 1, 0x83, 99990, 1000);      // runs past the end: cut
-    putEntry(p, 2, 0x05, 1000, 5000);       // extended
-    disk[0] = p;
-    auto link = emptyTable();
-    putEntry(link, 0, 0x83, 1, 10);
-    putEntry(link, 1, 0x05, 0, 5000);       // to itself
-    disk[1000] = link;
-    std::vector<sim::Window> w = sim::readPartitionTable(diskSectors, 63, reader);
-    ASSERT_FALSE(w.empty());
-    EXPECT_EQ(w[0].number, 2);
-    EXPECT_EQ(w[0].size, 10u);
-    EXPECT_EQ(w.back().number, 63) << "the loop ends at the minor limit";
-    EXPECT_LE(sim::readPartitionTable(diskSectors, 15, reader).size(), 15u);
-
-    // Text of the stored windows survives a round trip, and garbage lines are skipped.
-    std::string text = sim::formatWindows(w) + "part x 1 2\npart 0 1 1\nnonsense\npart 3 -1 4\n";
-    EXPECT_EQ(sim::parseWindows(text).size(), w.size());
 }
