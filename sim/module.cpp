@@ -94,7 +94,21 @@ bool Module::changed(const std::string& rel, Stamp& stamp)
 
 bool Module::stateChanged(const std::string& name, Stamp& stamp) { return changed(stateFile(name), stamp); }
 
-Module::Module(const std::string& dir, Creating) : root_(dir) {}
+namespace {
+
+// `dir` when it can be a module's directory.
+const std::string& usableDir(const std::string& dir)
+{
+    struct stat st;
+    if (::stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+        throw NotAModule(dir + " is no directory");
+    if (isHostRoot(dir)) throw NotAModule(dir + " is the host's root directory, never a module");
+    return dir;
+}
+
+} // namespace
+
+Module::Module(const std::string& dir, Creating) : root_(usableDir(dir)) {}
 
 Module::Module(const std::string& dir) : Module(dir, Creating{})
 {
