@@ -10,13 +10,30 @@
 //   sim/ata.log        ATA commands: "TIME DEVICE WHAT"
 //   sim/mounts         mounted file systems: "SOURCE TARGET TYPE"
 //   sim/services       "NAME running|stopped"
-//   sim/interfaces     the network interfaces (identity.h)
+//   sim/interfaces     the network interfaces (net_interfaces.h)
 //   sim/tables/bayN    the partitions of bay N as last read: "part N START SIZE" (sectors)
+//   sim/identify/bayN  the identify data the kernel read when it found bay N's
+//                      drive, in hex (ATA drives; empty for none)
+//   sim/locks/bayN.partM  a shared flock while partition M of bay N is open (block.h)
 //   sim/shelf/SERIAL.img  images of drives out of their bays
-//   sim/lock           taken (flock) around every change of a state file
+//   sim/lock           taken (flock) around every read-modify-write of a state file
 //
 // A drive's image is a sparse file at its bay's device path. Every state file
-// is read afresh when it changed, so separate processes see one module.
+// is changed only under the lock, through a temporary file of a unique name,
+// and read afresh when it changed, so that separate processes see one module
+// and lose nothing. Every host-side file operation resolves beneath the
+// directory and refuses links of every kind (hostfs.h).
+//
+// Devices are answered by their models (device_model.h). Kernel behaviours
+// deliberately left out:
+// - The kernel caches a whole disk and its partitions apart until BLKFLSBUF;
+//   here every node reads and writes the image at once, so a stale cache is
+//   never seen. The system under test flushes where it must; a model of the
+//   caches would only hide what it writes.
+// - Partition tables of other kinds than MS-DOS (GPT, BSD labels) are not
+//   read: a disk with a protective 0xEE entry shows no partitions (partitions.h).
+// - Nothing is ever mounted for real: a mount is a line of sim/mounts, which
+//   holds the disk busy for BLKRRPART and nothing else.
 #pragma once
 
 #include <cstdint>
