@@ -8,6 +8,7 @@
 
 #include "sim/commands.h"
 #include "sim/faults.h"
+#include "sim/identity.h"
 #include "sim/manifest.h"
 #include "sim/partitions.h"
 
@@ -15,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size == 0) return 0;
     const std::string text(reinterpret_cast<const char*>(data + 1), size - 1);
-    switch (data[0] % 5) {
+    switch (data[0] % 7) {
     case 0: {
         sim::Manifest m = sim::Manifest::parse(text);
         sim::Manifest again = sim::Manifest::parse(m.format());
@@ -32,6 +33,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             if (s * 512 < text.size()) std::memcpy(buf, text.data() + s * 512, std::min<size_t>(512, text.size() - s * 512));
             return s < sectors;
         });
+        break;
+    }
+    case 4: sim::parseInterfaces(text); break;
+    case 5: {
+        sim::FeatureSetting f;
+        std::string why;
+        if (sim::parseFeature(text, f, why)) sim::featureFile({f});
         break;
     }
     default: {
