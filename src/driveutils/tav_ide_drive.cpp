@@ -19,8 +19,6 @@ namespace {
 constexpr unsigned char kAtaIdentify = 0xEC;
 constexpr unsigned char kAtaSetFeatures = 0xEF;
 constexpr unsigned char kAtaFlushCache = 0xE7;
-constexpr unsigned char kFeatureWriteCacheOn = 0x02;
-constexpr unsigned char kFeatureWriteCacheOff = 0x82;
 constexpr unsigned char kFeatureTransferMode = 0x03;
 constexpr unsigned char kUltraDmaModeBase = 0x40;
 
@@ -171,11 +169,13 @@ int TavIdeDrive::setDmaMode()
     return 0;
 }
 
-int TavIdeDrive::SetHardDriveWriteCache(int on)
+// The value is the set-features subcommand itself: 2 (0x02) turns the cache
+// on, 130 (0x82) off; any other goes to the drive as it is.
+int TavIdeDrive::SetHardDriveWriteCache(int iWCache)
 {
     DriveCommand command{};
     command.args[0] = kAtaSetFeatures;
-    command.args[2] = on ? kFeatureWriteCacheOn : kFeatureWriteCacheOff;
+    command.args[2] = static_cast<unsigned char>(iWCache);
     CommandResult result = sendCommand(file, command);
     if (result.outcome == CommandResult::OpenFailed) {
         TAV_LOG(0, " WARNING:  SetHardDriveWriteCache(%s): open() Failed\n", file.c_str());
