@@ -72,7 +72,12 @@ CommandResult sendCommand(const std::string& disk, DriveCommand& command)
 {
     int fd = plat::open(disk.c_str(), O_RDONLY | O_NONBLOCK);
     if (fd < 0) return {CommandResult::OpenFailed, errno};
-    int rc = plat::ioctl(fd, HDIO_DRIVE_CMD, &command);
+    // An interrupted command is sent again, as an interrupted read is read
+    // again: a signal must not cost a drive its serial number.
+    int rc;
+    do {
+        rc = plat::ioctl(fd, HDIO_DRIVE_CMD, &command);
+    } while (rc < 0 && errno == EINTR);
     int error = errno;
     plat::close(fd);
     return {rc < 0 ? CommandResult::IoctlFailed : CommandResult::Done, error};
