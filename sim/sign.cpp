@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "driveutils/tavbus.h"
 #include "driveutils/tavdrive.h"
 #include "driveutils/tavdrivemgr.h"
 #include "driveutils/tavraiddevices.h"
@@ -71,10 +72,16 @@ void resetDriveManager()
     delete TavDriveMgr::devices;
     TavDriveMgr::devices = nullptr;
     std::memset(&TavDriveMgr::header, 0, sizeof TavDriveMgr::header);
+    for (int i = 0; i < TavDriveMgr::nDrives && TavDriveMgr::drives; ++i) delete TavDriveMgr::drives[i];
+    delete[] TavDriveMgr::drives;
     TavDriveMgr::drives = nullptr;
     TavDriveMgr::nDrives = 0;
+    for (int i = 0; i < TavDriveMgr::nBuses && TavDriveMgr::buses; ++i) delete TavDriveMgr::buses[i];
+    delete[] TavDriveMgr::buses;
     TavDriveMgr::buses = nullptr;
     TavDriveMgr::nBuses = 0;
+    delete TavDriveMgr::requiredNVRamCards;
+    TavDriveMgr::requiredNVRamCards = nullptr;
     TavDriveMgr::nvrams = nullptr;
     TavDriveMgr::nNvrams = 0;
     TavDriveMgr::nU = 1;

@@ -12,8 +12,7 @@ namespace sim {
 
 // Brings the drive manager back to the state of a process that has just
 // started, so that in-process runs of the system's programs see no state of
-// an earlier run. Its drives and buses are left behind, as a process leaves
-// them at exit.
+// an earlier run. What the manager owned is freed.
 void resetDriveManager();
 
 // Every drive in a bay gets the signature of a freshly installed module: a
