@@ -37,7 +37,7 @@ int runWith(const std::string& dir, const std::optional<sim::Fault>& fault, std:
 struct FreshRead {
     int good = 0;
     bool haveRecord = false;
-    SECT_AUTO_RAID record2{};
+    alignas(8) SECT_AUTO_RAID record2{};
     std::vector<SECT_AUTO_RAID> others;
 };
 
