@@ -45,7 +45,6 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
     static plat::ScopedPlatform scope(platform);
     for (const sim::Bay& bay : platform.module().manifest().bays)
         if (buildPartitions(bay.device.c_str(), 2048, 2048, 0, 2048, 20480, false) != 0) std::abort();
-    tavGlobalDebugLevel = -1;
     sim::resetDriveManager();
     TavDriveMgr::init();
     return 0;
