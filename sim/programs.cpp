@@ -5,13 +5,19 @@
 
 #include "platform/platform.h"
 #include "sim_platform.h"
+#include "system_programs.h"
 
 namespace sim {
 namespace {
 
 std::map<std::string, ProgramEntry>& registry()
 {
-    static std::map<std::string, ProgramEntry> programs;
+    // The system's own programs are there from the first lookup on.
+    static std::map<std::string, ProgramEntry> programs = [] {
+        std::map<std::string, ProgramEntry> builtin;
+        for (const auto& [name, entry] : systemPrograms()) builtin[name] = entry;
+        return builtin;
+    }();
     return programs;
 }
 

@@ -12,6 +12,7 @@
 #include "module.h"
 #include "programs.h"
 #include "sim_platform.h"
+#include "sign.h"
 #include "tavutils/tavdrivesig.h"
 
 namespace sim {
@@ -60,6 +61,9 @@ const char kHelp[] =
     "      Partition every drive in a bay with the system's own table builder and\n"
     "      the families' sizes (os 2097152, os2 2097152, log 98304, boot 20480\n"
     "      sectors, data the rest), ready for signatures.\n"
+    "  sign DIR [--time T]\n"
+    "      Give every drive in a bay the signature of a freshly installed module,\n"
+    "      both stamps T (default: the virtual clock).\n"
     "  log DIR [--ata]\n"
     "      Print the command log (\"TIME system|popen STATUS [unknown] COMMAND\"), or\n"
     "      the ATA command log.\n"
@@ -119,6 +123,8 @@ int show(Module& module)
         std::cout << d->serial << " " << d->sectors << " " << (parts.empty() ? "-" : parts) << " "
                   << (d->firmware.empty() ? "-" : d->firmware) << " " << d->model << "\n";
     }
+    for (const BayVerdict& v : bayVerdicts(module.dir()))
+        std::cout << "verdict " << v.bay << " " << formatVerdict(v) << "\n";
     for (const Drive& d : m.drives)
         if (d.bay == 0) std::cout << "shelf " << d.serial << " " << d.sectors << " " << d.model << "\n";
     for (const Fault& f : parseFaults(module.readState("faults"))) std::cout << "fault " << f.format() << "\n";
@@ -203,6 +209,12 @@ int tavsimMain(int argc, char** argv)
     int bay = 0, other = 0;
     if (cmd == "show" && a.size() == 2) return show(module);
     if (cmd == "partition" && a.size() == 2) return partition(module);
+    if (cmd == "sign" && a.size() == 2) return report(signModule(dir, std::nullopt));
+    if (cmd == "sign" && a.size() == 4 && a[2] == "--time") {
+        uint64_t t = 0;
+        if (!parseNumber(a[3], t) || t > INT64_MAX) return usage("sign: bad time " + a[3]);
+        return report(signModule(dir, static_cast<int64_t>(t)));
+    }
     if (cmd == "pull" && a.size() == 3 && toInt(a[2], bay)) return report(module.pull(bay));
     if (cmd == "insert" && (a.size() == 3 || a.size() == 4) && toInt(a[2], bay))
         return report(module.insert(bay, a.size() == 4 ? a[3] : ""));

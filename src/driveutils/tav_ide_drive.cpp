@@ -19,8 +19,6 @@ namespace {
 constexpr unsigned char kAtaIdentify = 0xEC;
 constexpr unsigned char kAtaSetFeatures = 0xEF;
 constexpr unsigned char kAtaFlushCache = 0xE7;
-constexpr unsigned char kFeatureWriteCacheOn = 0x02;
-constexpr unsigned char kFeatureWriteCacheOff = 0x82;
 constexpr unsigned char kFeatureTransferMode = 0x03;
 constexpr unsigned char kUltraDmaModeBase = 0x40;
 
@@ -74,7 +72,12 @@ CommandResult sendCommand(const std::string& disk, DriveCommand& command)
 {
     int fd = plat::open(disk.c_str(), O_RDONLY | O_NONBLOCK);
     if (fd < 0) return {CommandResult::OpenFailed, errno};
-    int rc = plat::ioctl(fd, HDIO_DRIVE_CMD, &command);
+    // An interrupted command is sent again, as an interrupted read is read
+    // again: a signal must not cost a drive its serial number.
+    int rc;
+    do {
+        rc = plat::ioctl(fd, HDIO_DRIVE_CMD, &command);
+    } while (rc < 0 && errno == EINTR);
     int error = errno;
     plat::close(fd);
     return {rc < 0 ? CommandResult::IoctlFailed : CommandResult::Done, error};
@@ -171,11 +174,13 @@ int TavIdeDrive::setDmaMode()
     return 0;
 }
 
-int TavIdeDrive::SetHardDriveWriteCache(int on)
+// The value is the set-features subcommand itself: 2 (0x02) turns the cache
+// on, 130 (0x82) off; any other goes to the drive as it is.
+int TavIdeDrive::SetHardDriveWriteCache(int iWCache)
 {
     DriveCommand command{};
     command.args[0] = kAtaSetFeatures;
-    command.args[2] = on ? kFeatureWriteCacheOn : kFeatureWriteCacheOff;
+    command.args[2] = static_cast<unsigned char>(iWCache);
     CommandResult result = sendCommand(file, command);
     if (result.outcome == CommandResult::OpenFailed) {
         TAV_LOG(0, " WARNING:  SetHardDriveWriteCache(%s): open() Failed\n", file.c_str());

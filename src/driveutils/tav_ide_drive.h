@@ -15,7 +15,7 @@ public:
     int getClass(std::string& text) override;
     int getModel(std::string& text) override;
     bool pingPhysicalDrive() override;
-    int SetHardDriveWriteCache(int on) override;
+    int SetHardDriveWriteCache(int iWCache) override;
     int flushWriteCache() override;
     int getTarget() override { return target; }
 

@@ -65,7 +65,8 @@ public:
     virtual int getTarget();
     virtual int validateSignature(long long* mountTime);
     virtual int validatePartitions();
-    virtual int SetHardDriveWriteCache(int on) = 0;
+    // 2 turns the write cache on, 130 (0x82) off.
+    virtual int SetHardDriveWriteCache(int iWCache) = 0;
     virtual int GetHardDriveWriteCache(std::string& text);
     virtual int flushWriteCache();
     virtual bool ataPassThroughEnabled();

@@ -1,12 +1,129 @@
-// The drive manager: one per process, all static. Its members arrive with
-// the parts of the manager that use them; the drive classes need the number
-// of drive positions of the platform.
+// The drive manager: one per process, all static. It brings the platform's
+// drives and buses up from the platform identifier, keeps the in-memory
+// signature (the block every data drive carries) and writes it back, and
+// gives the verdict on a drive.
 #pragma once
+
+#include <pthread.h>
+#include <string>
+#include <vector>
+
+#include "tavutils/tavdrivesig.h"
+
+class TavRaidDevices;
+
+namespace RaidDeviceMgmt {
+class TavDrive;
+class TavBus;
+class TavNVRam;
+} // namespace RaidDeviceMgmt
+
+// Device names of whole disks in position order, each null-terminated.
+extern const char* const hddevnames[];
+extern const char* const loamdevnames[];
+extern const char* const sddevnames[];
+extern const char* const unodevnames[];
+extern const char* const satadevnames[];
+extern const char* const sixportdevnames[];
+extern const char* const twdevnames[];
+extern const char* const twdocedevnames[];
+extern const char* const eightportdevnames[];
+extern const char* const sorreldevnames[];
+extern const char* const hpdevnames[];
+extern const char* const dell745Ndevnames[];
+extern const char* const sixfourportdevnames[];
+extern const char* const oneportdevnames[];
+extern const char* const twoportdevnames[];
+extern const char* const fourportdevnames[];
+// The old style of name; only getDriveNum reads it.
+extern const char* const oldhddevnames[];
+
+// The list of drive serial numbers that took part in the running array:
+// 64-byte NUL-terminated records, no header.
+extern const char* const DISK_SERIALNOS_FILE;
+
+// True when the list cannot be opened or holds `serial`.
+bool validSerialNumber(const char* serial);
 
 class TavDriveMgr {
 public:
     TavDriveMgr() = delete;
 
-    // Drive positions of the platform; the length of the drive table.
+    // --- bring-up ---
+    // 0, or -1 when the write cache selection failed. The first call on the manager.
+    static int init();
+    static void setDriveBase();
+    // The NVRAM cards this unit must have; the caller owns the vector.
+    static std::vector<unsigned int>* initRequiredNVRamCards();
+    static void initDrives();
+    static RaidDeviceMgmt::TavDrive* getDrive(int driveID);
+    static RaidDeviceMgmt::TavBus* getNthBus(int n);
+    // The bus holding the drive; a position on no bus ends the process.
+    static RaidDeviceMgmt::TavBus* getBus(int drive);
+    static RaidDeviceMgmt::TavNVRam* getNVRam(int n);
+    static bool NVRamIsRequired(unsigned int card);
+    static int getDriveNum(const char* name);
+    static int getDriveNum(int minor);
+
+    static bool isOneU() { return nU == 1; }
+    static bool isTwoU() { return nU == 2; }
+    static bool isThreeU() { return nU == 3; }
+    static int getNDrives() { return nDrives; }
+    static int getNBuses() { return nBuses; }
+    static int getPlatformID() { return hw_platform_id; }
+    static int getNHardDrives() { return numHardDriveSignatures; }
+    static int getNRequiredNVRams() { return requiredNVRamCards ? static_cast<int>(requiredNVRamCards->size()) : 0; }
+    // A drive number as shown outside.
+    static int adjDriveBase(int drive) { return drive + driveBase; }
+
+    // --- signature store ---
+    static void allocDriveTable(int ndrives);
+    static int cleanup();
+    static SECT_AUTO_RAID* findDriveDescription(int driveID);
+    static void readSignatureIntoMemory();
+    static int readSignature(int driveID, long long* timestamp);
+    static int readSignature(int driveID, int signFD, long long* timestamp);
+    static int writeSignature(int driveID);
+    static int writeSignature(int driveID, int fd);
+    static int createDriveSignature(int driveID, int serialNumOnly);
+    static long long getLatestMountTime();
+    static long long getLatestUnmountTime();
+    static void setMountTime(int driveID, long long utime);
+    static void setUnmountTime(int driveID, long long utime);
+    static int readUmountTime(int driveID, long long* utime);
+    static int readUmountTime(int partFD, int driveID, long long* utime);
+    static TavRaidDevices* readDevices(int driveID);
+    static TavRaidDevices* readDevices(int partFD, int driveID);
+    static void writeSerialNumbers();
+    static int removeFromValidList(RaidDeviceMgmt::TavDrive* drivep);
+
+    // --- policies the store needs ---
+    static int checkDrive(int driveID);
+    static int checkDrive(int driveID, long long* mountTime);
+    static int checkRaid();
+    static int checkDataRaid();
+    static int checkOsRebuilding(const char* mddev);
+    static bool raidRunning();
+    static int isActive(int driveID);
+
+    static SECT_INDEX_TABLE header;
+    static SECT_AUTO_RAID* hardDrives;
+    static int numHardDriveSignatures;
+    static RaidDeviceMgmt::TavDrive** drives;
     static int nDrives;
+    static RaidDeviceMgmt::TavBus** buses;
+    static int nBuses;
+    static RaidDeviceMgmt::TavNVRam** nvrams;
+    static int nNvrams;
+    static std::vector<unsigned int>* requiredNVRamCards;
+    static TavRaidDevices* devices;
+    static pthread_mutex_t accessMutex;
+    static int nU;
+    static bool checkRebuild;
+    static int hw_platform_id;
+    static int driveBase;
+
+private:
+    static void init1U();
+    static void initLoam();
 };

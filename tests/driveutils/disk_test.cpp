@@ -50,7 +50,7 @@ TEST_F(Disk, IdeDriveCommandsReachTheDrive)
     EXPECT_EQ(d.getModel(model), 0);
     EXPECT_EQ(d.getClass(cls), 0);
     EXPECT_EQ(cls, "UDMA 100MB");
-    EXPECT_EQ(d.SetHardDriveWriteCache(0), 0);
+    EXPECT_EQ(d.SetHardDriveWriteCache(130), 0);   // 0x82: off
     EXPECT_EQ(d.flushWriteCache(), 0);
     sim::Manifest manifest = platform_.module().manifest();
     const sim::Drive* state = manifest.driveInBay(2);

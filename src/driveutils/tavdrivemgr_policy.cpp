@@ -1,0 +1,84 @@
+// The drive manager's verdict on a drive and the RAID state it is asked for.
+#include <cstring>
+
+#include "driveutils/tav_md_raiddev.h"
+#include "driveutils/tavdrive.h"
+#include "driveutils/tavdrivemgr.h"
+#include "driveutils/tavlock.h"
+#include "driveutils/tavraiddevices.h"
+
+static int giDebug_tavpolicy = 0;
+#define TAV_DEBUG_FLAG giDebug_tavpolicy
+#include "driveutils/tavlog.h"
+
+namespace {
+
+const char* const kOsMirrors[] = {"/dev/md200", "/dev/md201"};
+constexpr int kMirrorQueryDisks = 26;
+constexpr int kSerialSize = 64;
+
+} // namespace
+
+int TavDriveMgr::checkDrive(int driveID) { return checkDrive(driveID, nullptr); }
+
+int TavDriveMgr::checkDrive(int driveID, long long* mountTime)
+{
+    RaidDeviceMgmt::TavDrive* drive = getDrive(driveID);
+    if (!drive) return -1;
+    if (int rc = drive->validatePartitions()) return rc;
+    if (int rc = drive->validateSignature(mountTime)) return rc;
+    char serial[kSerialSize] = {};
+    std::string text;
+    drive->getSerialNo(text);
+    std::strncpy(serial, text.c_str(), sizeof serial - 1);
+    return validSerialNumber(serial) ? 0 : 15;
+}
+
+int TavDriveMgr::checkOsRebuilding(const char* mddev)
+{
+    mdu_array_info_t info{};
+    TavMdRaidDevice::getArrayInfo(mddev, &info);
+    if (!(info.active_disks < info.raid_disks && info.active_disks < info.working_disks)) return 0;
+    DiskStatus status[kMirrorQueryDisks];
+    TavMdRaidDevice::getDiskInfo(mddev, kMirrorQueryDisks, status);
+    if (nDrives < 1) return NOT_REBUILDING;
+    for (int i = 0; i < nDrives && i < kMirrorQueryDisks; ++i)
+        if (status[i] == DISK_REBUILDING) return 0;
+    return NOT_REBUILDING;
+}
+
+int TavDriveMgr::checkDataRaid()
+{
+    TavRaidDevices* copy = nullptr;
+    {
+        TavLocked lock(accessMutex);
+        if (devices) copy = new TavRaidDevices(*devices);
+    }
+    if (!copy) return OFF;
+    int status = copy->checkRaid();
+    delete copy;
+    return status;
+}
+
+int TavDriveMgr::checkRaid()
+{
+    TAV_LOG(0, "checkRaid() devices:%p %s:%d\n", static_cast<void*>(devices), TAV_FILE, __LINE__);
+    for (const char* mirror : kOsMirrors)
+        if (checkOsRebuilding(mirror) == NOT_REBUILDING) return NOT_REBUILDING;
+    return checkDataRaid();
+}
+
+bool TavDriveMgr::raidRunning()
+{
+    int status = checkRaid();
+    return status == NOMINAL || status == REBUILDING || status == DEGRADED;
+}
+
+// Without the RAID tree's nodes the holder's stored flag answers.
+int TavDriveMgr::isActive(int driveID)
+{
+    TavLocked lock(accessMutex);
+    if (devices) return devices->isActive(driveID);
+    TAV_LOG(0, "isActive(%d)  no devices %s:%d\n", driveID, TAV_FILE, __LINE__);
+    return 0;
+}
