@@ -6,8 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "sim/clock.h"
 #include "sim/commands.h"
 #include "sim/faults.h"
+#include "sim/json.h"
 #include "sim/manifest.h"
 #include "sim/partitions.h"
 
@@ -15,7 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size == 0) return 0;
     const std::string text(reinterpret_cast<const char*>(data + 1), size - 1);
-    switch (data[0] % 5) {
+    switch (data[0] % 6) {
     case 0: {
         sim::Manifest m = sim::Manifest::parse(text);
         sim::Manifest again = sim::Manifest::parse(m.format());
@@ -32,6 +34,26 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             if (s * 512 < text.size()) std::memcpy(buf, text.data() + s * 512, std::min<size_t>(512, text.size() - s * 512));
             return s < sectors;
         });
+        break;
+    }
+    case 4: {
+        // The clock file, and the words of a fault as tavsim's command line gives them.
+        timeval tv{};
+        sim::parseClock(text, tv);
+        std::vector<std::string> words;
+        for (size_t at = 0; at <= text.size();) {
+            size_t end = std::min(text.find('\0', at), text.size());
+            words.push_back(text.substr(at, end - at));
+            at = end + 1;
+        }
+        sim::Fault f;
+        std::string why;
+        if (sim::Fault::parseWords(words, f, why)) {
+            sim::Fault again;
+            if (!sim::Fault::parse(f.format(), again, why) || again.format() != f.format()) __builtin_trap();
+        }
+        const std::string quoted = sim::jsonQuote(text);
+        if (quoted.size() < 2 || quoted.front() != '"' || quoted.back() != '"') __builtin_trap();
         break;
     }
     default: {
