@@ -189,8 +189,6 @@ bool isHelp(const std::string& word) { return word == "--help" || word == "-h"; 
 
 } // namespace
 
-const std::vector<Command>& commands() { return kCommands; }
-
 } // namespace cli
 
 int tavsimMain(int argc, char** argv)

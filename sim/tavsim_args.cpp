@@ -5,6 +5,7 @@
 #include <dirent.h>
 #include <iostream>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "state_check.h"
 #include "tavsim_cli.h"
@@ -107,8 +108,9 @@ bool decimal(const std::string& what, const std::string& word, uint64_t min, uin
     if (!parseNumber(word, n)) {
         const bool digits = !word.empty() && word.find_first_not_of("0123456789") == std::string::npos;
         why = what + " " + word + ": " +
-              (digits && word.size() <= 20 ? "a decimal number is written without a leading zero (" + range + ")"
-                                           : "not a decimal number (" + range + ")");
+              (!digits            ? "not a decimal number (" + range + ")"
+               : word[0] == '0'   ? "a decimal number is written without a leading zero (" + range + ")"
+                                  : "out of range " + range);
         return false;
     }
     if (n < min || n > max) {
@@ -119,6 +121,17 @@ bool decimal(const std::string& what, const std::string& word, uint64_t min, uin
     return true;
 }
 
+bool isDirEmpty(const std::string& dir)
+{
+    DIR* d = ::opendir(dir.c_str());
+    if (!d) return false;
+    bool empty = true;
+    while (dirent* e = ::readdir(d))
+        if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) empty = false;
+    ::closedir(d);
+    return empty;
+}
+
 std::string whyNoModule(const std::string& dir)
 {
     struct stat st;
@@ -126,13 +139,8 @@ std::string whyNoModule(const std::string& dir)
         return dir + ": " + (errno == ENOENT ? std::string("no such directory") : std::strerror(errno));
     if (!S_ISDIR(st.st_mode)) return dir + ": " + (S_ISREG(st.st_mode) ? "a file" : "not a directory") + ", not a module";
     if (Module::isModule(dir)) return "";
-    DIR* d = ::opendir(dir.c_str());
-    if (!d) return dir + ": " + std::strerror(errno);
-    bool empty = true;
-    while (dirent* e = ::readdir(d))
-        if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) empty = false;
-    ::closedir(d);
-    if (empty) return dir + ": an empty directory, no module yet (tavsim create " + dir + " --platform ID makes one)";
+    if (::access(dir.c_str(), R_OK | X_OK) != 0) return dir + ": " + std::strerror(errno);
+    if (isDirEmpty(dir)) return dir + ": an empty directory, no module yet (tavsim create " + dir + " --platform ID makes one)";
     return dir + ": a directory that is no module (it has no sim/manifest)";
 }
 

@@ -37,8 +37,6 @@ struct Command {
     int (*run)(const Call& call);
 };
 
-const std::vector<Command>& commands();
-
 // Each prints "tavsim NAME: why" on standard error and gives its status;
 // badUsage adds the command's usage line.
 int badUsage(const Call& call, const std::string& why);
@@ -71,6 +69,8 @@ int expectPositional(const Call& call, const Words& words, size_t min, size_t ma
 bool decimal(const std::string& what, const std::string& word, uint64_t min, uint64_t max, uint64_t& out,
              std::string& why);
 
+// Whether `dir` is a directory with no entries.
+bool isDirEmpty(const std::string& dir);
 // The reason DIR holds no module, or "" when it does.
 std::string whyNoModule(const std::string& dir);
 // The module at DIR, after its state files' warnings went to standard error;

@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <cstring>
 #include <optional>
-#include <dirent.h>
 #include <iostream>
 #include <sys/stat.h>
 
@@ -33,24 +32,17 @@ std::string serialProblem(const std::string& serial)
     for (size_t i = 0; i < serial.size(); ++i) {
         unsigned char c = static_cast<unsigned char>(serial[i]);
         if (c <= ' ' || c >= 0x7f)
-            return named + (c == ' ' ? "holds a blank" : c < ' ' || c == 0x7f ? "holds a control character" : "holds a byte beyond ASCII") +
-                   " at character " + std::to_string(i + 1) + "; give printable ASCII without blanks";
+        {
+            const char* what = c == ' '               ? "holds a blank"
+                               : c < ' ' || c == 0x7f ? "holds a control character"
+                                                      : "holds a byte beyond ASCII";
+            return named + what + " at character " + std::to_string(i + 1) + "; give printable ASCII without blanks";
+        }
     }
     if (serial.size() > kMaxModuleSerial)
         return named + std::to_string(serial.size()) + " characters; at most " + std::to_string(kMaxModuleSerial) +
                " (a drive's signature keeps the module serial number in 32 bytes)";
     return "";
-}
-
-bool isDirEmpty(const std::string& dir)
-{
-    DIR* d = ::opendir(dir.c_str());
-    if (!d) return false;
-    bool empty = true;
-    while (dirent* e = ::readdir(d))
-        if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) empty = false;
-    ::closedir(d);
-    return empty;
 }
 
 // Why a module cannot be made at `dir`, or "".
@@ -71,8 +63,7 @@ std::string createTargetProblem(const std::string& dir)
         up = slash == std::string::npos ? std::string(".") : slash == 0 ? std::string("/") : up.substr(0, slash);
         if (::stat(up.c_str(), &st) == 0) {
             if (S_ISDIR(st.st_mode)) return "";
-            return dir + ": its parent " + up + " is " + (S_ISREG(st.st_mode) ? "a file" : "not a directory") +
-                   ", not a directory";
+            return dir + ": its parent " + up + " is " + (S_ISREG(st.st_mode) ? "a file, not a directory" : "not a directory");
         }
         if (up == "." || up == "/") break;
     }
@@ -196,7 +187,8 @@ int runInsert(const Call& call)
                                      (shelf.empty() ? "the shelf is empty" : "the shelf holds " + listed(shelf)));
     }
     if (std::string err = module->insert(bay, serial); !err.empty()) return refused(call, err);
-    const Drive* d = module->manifest().driveInBay(bay);
+    const Manifest after = module->manifest();
+    const Drive* d = after.driveInBay(bay);
     const std::string put = d ? d->serial : serial;
     report(serial.empty() ? "inserted a new blank drive " + put + " of " + sectorsAndSize(d ? d->sectors : 0) + " into " + bayText
                           : "inserted drive " + put + " from the shelf into " + bayText);
@@ -265,6 +257,11 @@ int runCorrupt(const Call& call)
     if (!decimal("offset", w.positional[2], 0, INT64_MAX, offset, why)) return badUsage(call, why);
     if (!parseHexBytes(w.positional[3], bytes))
         return badUsage(call, "bytes " + cell(w.positional[3]) + ": give an even number of hex digits (deadbeef)");
+    bool present = false;
+    std::optional<DeviceNode> node = module->device(device, present);
+    if (node && present && (offset > node->size || bytes.size() > node->size - offset))
+        return refused(call, "offset " + w.positional[2] + ": " + std::to_string(bytes.size()) + " bytes there run past the end of " +
+                                 device + ", which has " + std::to_string(node->size) + " bytes");
     if (std::string err = module->overwrite(device, offset, bytes); !err.empty()) return refused(call, err);
     report("wrote " + std::to_string(bytes.size()) + (bytes.size() == 1 ? " byte" : " bytes") + " at byte " +
            std::to_string(offset) + " of " + device + where);

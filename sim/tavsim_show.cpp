@@ -1,4 +1,5 @@
 // tavsim show: the module as text tables, as JSON, or its partitions.
+#include <cstdio>
 #include <functional>
 #include <optional>
 #include <iostream>

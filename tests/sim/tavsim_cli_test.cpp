@@ -247,6 +247,10 @@ TEST(TavsimCli, CommandLineRefusalsNameTheArgumentAndTheRange)
         {{"corrupt", d, "disc", "0", "00"}, 2, "tavsim corrupt: BAY|DEVICE disc: give a bay number or a device path"},
         {{"corrupt", d, "1", "0x10", "00"}, 2, "tavsim corrupt: offset 0x10: not a decimal number"},
         {{"corrupt", d, "1", "0", "abc"}, 2, "tavsim corrupt: bytes abc: give an even number of hex digits"},
+        {{"corrupt", d, "1", std::to_string(kSectors * 512 - 1), "0000"}, 1,
+         "tavsim corrupt: offset " + std::to_string(kSectors * 512 - 1) + ": 2 bytes there run past the end of " +
+             std::string(kDisc1) + ", which has " + std::to_string(kSectors * 512) + " bytes"},
+        {{"pull", d, "99999999999"}, 2, "tavsim pull: bay 99999999999: out of range 0 to 2147483647"},
         {{"run", d, "--", "nonesuch"}, 1, "tavsim run: no program nonesuch; "},
     });
 
