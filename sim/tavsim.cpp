@@ -88,7 +88,8 @@ const char kFaultHelp[] =
 
 const char kRunHelp[] =
     "Runs a program of the system in this process with the module as its\n"
-    "platform, and exits with the program's result. The programs this tavsim can\n"
+    "platform, and exits with the program's result; the statuses below are those\n"
+    "of tavsim itself, before the program starts. The programs this tavsim can\n"
     "run: @PROGRAMS@.\n";
 
 const std::vector<Command> kCommands = {
@@ -160,7 +161,7 @@ void printHelp()
         synopsis = synopsis.substr(0, synopsis.find('\n'));
         std::cout << "  " << c.name << " " << synopsis << "\n      " << c.summary << "\n";
     }
-    std::cout << "\n" << kExitStatus << "\"tavsim COMMAND --help\" tells more of a command; \"man tavsim\" tells all.\n";
+    std::cout << "\n" << kExitStatus << "\n\"tavsim COMMAND --help\" tells more of a command; \"man tavsim\" tells all.\n";
 }
 
 void printVersion() { std::cout << "tavsim " << TAVSIM_VERSION << "\n"; }
