@@ -6,9 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "sim/clock.h"
 #include "sim/commands.h"
 #include "sim/faults.h"
 #include "sim/identity.h"
+#include "sim/json.h"
 #include "sim/manifest.h"
 #include "sim/partitions.h"
 
@@ -16,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size == 0) return 0;
     const std::string text(reinterpret_cast<const char*>(data + 1), size - 1);
-    switch (data[0] % 7) {
+    switch (data[0] % 8) {
     case 0: {
         sim::Manifest m = sim::Manifest::parse(text);
         sim::Manifest again = sim::Manifest::parse(m.format());
@@ -35,8 +37,28 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         });
         break;
     }
-    case 4: sim::parseInterfaces(text); break;
-    case 5: {
+    case 4: {
+        // The clock file, and the words of a fault as tavsim's command line gives them.
+        timeval tv{};
+        sim::parseClock(text, tv);
+        std::vector<std::string> words;
+        for (size_t at = 0; at <= text.size();) {
+            size_t end = std::min(text.find('\0', at), text.size());
+            words.push_back(text.substr(at, end - at));
+            at = end + 1;
+        }
+        sim::Fault f;
+        std::string why;
+        if (sim::Fault::parseWords(words, f, why)) {
+            sim::Fault again;
+            if (!sim::Fault::parse(f.format(), again, why) || again.format() != f.format()) __builtin_trap();
+        }
+        const std::string quoted = sim::jsonQuote(text);
+        if (quoted.size() < 2 || quoted.front() != '"' || quoted.back() != '"') __builtin_trap();
+        break;
+    }
+    case 5: sim::parseInterfaces(text); break;
+    case 6: {
         sim::FeatureSetting f;
         std::string why;
         if (sim::parseFeature(text, f, why)) sim::featureFile({f});

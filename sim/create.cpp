@@ -106,6 +106,13 @@ const Layout* layoutFor(int platform, std::string& why)
     return platform == 3 ? &kLoam : &kHd;
 }
 
+bool hasLayoutRow(int platform)
+{
+    for (const OtherFamily& o : kLater)
+        if (o.id == platform) return true;
+    return platform == 1 || platform == 3 || platform == 4;
+}
+
 bool deviceNumbers(const std::string& device, int scsiIndex, Bay& bay)
 {
     DeviceAddress a;
@@ -152,7 +159,7 @@ std::string createModule(const std::string& dir, const CreateOptions& options)
         return "platform " + std::to_string(options.platform) + " has no model (1 to 15)";
     if (!options.features.empty() && !modelRow(options.platform))
         return "platform " + std::to_string(options.platform) + " has no model to take feature settings";
-    if (options.sectors < 64 * 1024 || options.sectors > (1ULL << 36)) return "drive size out of range";
+    if (options.sectors < kMinDriveSectors || options.sectors > kMaxDriveSectors) return "drive size out of range";
     if (isHostRoot(dir)) return "the host's root directory is never a module";
     bool exists = false;
     if (!isEmptyDir(dir, exists)) return dir + " exists and is not an empty directory";

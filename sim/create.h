@@ -16,6 +16,10 @@
 
 namespace sim {
 
+// The drive sizes createModule makes, in sectors (32 MiB to 32 TiB).
+constexpr uint64_t kMinDriveSectors = 64 * 1024;
+constexpr uint64_t kMaxDriveSectors = 1ULL << 36;
+
 struct CreateOptions {
     int platform = 1;
     std::string moduleSerial;        // made from the directory's path when empty
@@ -38,6 +42,10 @@ struct Layout {
 // The layout of a platform identifier; null, with the reason, for a family
 // the simulation does not model yet.
 const Layout* layoutFor(int platform, std::string& why);
+
+// Whether the system's layout table has a row of the identifier's own; any
+// other identifier takes the layout of platform 1.
+bool hasLayoutRow(int platform);
 
 // Device numbers of a whole-disk node ("/dev/ide|scsi/hostH/busB/targetT/
 // lunL/disc"): IDE by interface (3, 22, 33, 34, ...) with 64 minors a unit,

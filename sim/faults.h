@@ -9,6 +9,12 @@
 //   ioctl /dev/ide/host0/bus0/target0/lun0/disc nth=1 times=1 request=0x31f errno=EIO
 //   write * nth=5 times=1 powercut
 //
+// PATH is absolute (the module's view), a prefix ending in "*", or "*".
+// Numbers are decimal; a request is a name (BLKRRPART, HDIO_GETGEO, ...), a
+// decimal number or 0x and hex, and is written in hex. Words that could never
+// fire are refused: times=0, request= on another operation than ioctl, short=
+// on another than read or write, errno= together with short= or powercut.
+//
 // A power cut with nth=N lets the first N-1 matching writes through and loses
 // the Nth and every later write of the process, to any path: the calls report
 // success and nothing reaches the module. A fault that has hit its last call
@@ -30,6 +36,14 @@ bool parseOp(const std::string& name, Op& op);
 
 const char* errnoName(int error);
 bool parseErrno(const std::string& name, int& error);
+
+// The names errno= takes, in the order tavsim lists them.
+std::vector<std::string> errnoNames();
+
+// The ioctl requests known by name; null or false for others.
+const char* requestName(unsigned long request);
+bool parseRequest(const std::string& word, unsigned long& request);
+std::vector<std::string> requestNames();
 
 bool pathMatches(const std::string& pattern, const std::string& path);
 
@@ -54,8 +68,11 @@ struct Fault {
     bool matches(Op o, const std::string& p, unsigned long req) const;
     std::string format() const;
     static bool parse(const std::string& line, Fault& out, std::string& why);
+    // The same from words: operation, path (not encoded), then key=value words.
+    static bool parseWords(const std::vector<std::string>& words, Fault& out, std::string& why);
 };
 
+// Lines that cannot be read are skipped; each gives a warning "sim/faults:LINE: why".
 std::vector<Fault> parseFaults(const std::string& text, std::vector<std::string>* warnings = nullptr);
 std::string formatFaults(const std::vector<Fault>& faults);
 

@@ -1,7 +1,5 @@
 #include "manifest.h"
 
-#include <cerrno>
-#include <cstdlib>
 #include <cstdio>
 #include <sstream>
 
@@ -9,11 +7,28 @@ namespace sim {
 
 bool parseNumber(const std::string& word, uint64_t& out)
 {
-    if (word.empty() || word[0] == '-' || word[0] == '+' || word[0] == ' ') return false;
-    errno = 0;
-    char* end = nullptr;
-    unsigned long long v = std::strtoull(word.c_str(), &end, 0);
-    if (errno != 0 || end == word.c_str() || *end != '\0') return false;
+    if (word.empty() || word.size() > 20 || (word[0] == '0' && word.size() > 1)) return false;
+    uint64_t v = 0;
+    for (char c : word) {
+        if (c < '0' || c > '9') return false;
+        uint64_t digit = static_cast<uint64_t>(c - '0');
+        if (v > (UINT64_MAX - digit) / 10) return false;
+        v = v * 10 + digit;
+    }
+    out = v;
+    return true;
+}
+
+bool parseHexNumber(const std::string& word, uint64_t& out)
+{
+    if (word.size() < 3 || word.size() > 18 || word[0] != '0' || (word[1] != 'x' && word[1] != 'X')) return false;
+    uint64_t v = 0;
+    for (size_t i = 2; i < word.size(); ++i) {
+        char c = word[i];
+        int digit = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+        if (digit < 0) return false;
+        v = v << 4 | static_cast<uint64_t>(digit);
+    }
     out = v;
     return true;
 }
@@ -102,7 +117,23 @@ std::vector<std::string> words(const std::string& line)
     return out;
 }
 
-bool parseDrive(const std::vector<std::string>& w, Drive& d, std::string& why)
+// A numeric field of a drive line: `limit` is its largest value.
+bool driveNumber(const std::string& key, const std::string& value, uint64_t limit, uint64_t& n, std::string& why)
+{
+    bool hex = key == "udma";
+    if (!(hex ? parseHexNumber(value, n) : parseNumber(value, n)))
+        why = key + "=" + value + ": not a " + (hex ? "hex number (0x...)" : "decimal number");
+    else if (n > limit)
+        why = key + "=" + value + ": out of range 0 to " + std::to_string(limit);
+    else
+        return true;
+    return false;
+}
+
+// Reads a drive line. The serial number, kind and bay decide whether the
+// drive can be kept at all (false, with `why`); another bad field is left at
+// its default and named in `fieldWarnings`.
+bool parseDrive(const std::vector<std::string>& w, Drive& d, std::string& why, std::vector<std::string>& fieldWarnings)
 {
     for (size_t i = 1; i < w.size(); ++i) {
         size_t eq = w[i].find('=');
@@ -112,34 +143,63 @@ bool parseDrive(const std::vector<std::string>& w, Drive& d, std::string& why)
         }
         std::string key = w[i].substr(0, eq);
         std::string value = percentDecode(w[i].substr(eq + 1));
+        std::string bad;
         uint64_t n = 0;
-        bool numeric = parseNumber(value, n);
         if (key == "serial") d.serial = value;
         else if (key == "kind") d.kind = value;
         else if (key == "model") d.model = value;
         else if (key == "firmware") d.firmware = value;
         else if (key == "vendor") d.vendor = value;
-        else if (key == "bay" && numeric && n < 4096) d.bay = static_cast<int>(n);
-        else if (key == "sectors" && numeric && n < (1ULL << 40)) d.sectors = n;
-        else if (key == "udma" && numeric && n <= 0xffff) d.udma = static_cast<uint16_t>(n);
-        else if (key == "wcache" && numeric) d.writeCache = n != 0;
-        else if (key == "xfer" && value == "-1") d.transferMode = -1;
-        else if (key == "xfer" && numeric && n <= 0xff) d.transferMode = static_cast<int>(n);
-        else if (key == "flushes" && numeric && n <= 0xffffffffULL) d.flushes = static_cast<unsigned>(n);
-        else {
-            why = "bad field " + w[i];
-            return false;
+        else if (key == "bay") {
+            if (!driveNumber(key, value, 4096, n, why)) return false;
+            d.bay = static_cast<int>(n);
+        } else if (key == "sectors") {
+            if (driveNumber(key, value, (1ULL << 40) - 1, n, bad)) d.sectors = n;
+        } else if (key == "udma") {
+            if (driveNumber(key, value, 0xffff, n, bad)) d.udma = static_cast<uint16_t>(n);
+        } else if (key == "wcache") {
+            if (driveNumber(key, value, 1, n, bad)) d.writeCache = n != 0;
+        } else if (key == "xfer") {
+            if (value == "-1") d.transferMode = -1;
+            else if (driveNumber(key, value, 0xff, n, bad)) d.transferMode = static_cast<int>(n);
+        } else if (key == "flushes") {
+            if (driveNumber(key, value, 0xffffffffULL, n, bad)) d.flushes = static_cast<unsigned>(n);
+        } else {
+            bad = "unknown field " + w[i];
         }
+        if (!bad.empty()) fieldWarnings.push_back(bad);
     }
     if (d.serial.empty()) {
         why = "drive without serial";
         return false;
     }
     if (d.kind != "ata" && d.kind != "scsi") {
-        why = "unknown drive kind " + d.kind;
+        why = "drive " + d.serial + ": unknown kind " + d.kind + " (ata or scsi)";
         return false;
     }
     return true;
+}
+
+// Reads a bay line "bay N DEVICE MAJOR MINOR [PARTITIONS]"; false, with `why`.
+bool parseBay(const std::vector<std::string>& w, Bay& bay, std::string& why)
+{
+    uint64_t number = 0, major = 0, minor = 0, parts = 15;
+    if (w.size() != 5 && w.size() != 6) why = "a bay line is: bay N DEVICE MAJOR MINOR [PARTITIONS]";
+    else if (!parseNumber(w[1], number) || number == 0 || number > 4096) why = "bay " + w[1] + ": not a bay number 1 to 4096";
+    else if (w[2].empty() || w[2][0] != '/') why = "bay " + w[1] + ": device " + w[2] + " is not an absolute path";
+    else if (!parseNumber(w[3], major) || major > 4095) why = "bay " + w[1] + ": major " + w[3] + " is not 0 to 4095";
+    else if (!parseNumber(w[4], minor) || minor > 0xfffff) why = "bay " + w[1] + ": minor " + w[4] + " is not 0 to 1048575";
+    else if (w.size() == 6 && (!parseNumber(w[5], parts) || parts > 255))
+        why = "bay " + w[1] + ": partitions " + w[5] + " is not 0 to 255";
+    else {
+        bay.number = static_cast<int>(number);
+        bay.device = percentDecode(w[2]);
+        bay.major = static_cast<unsigned>(major);
+        bay.minor = static_cast<unsigned>(minor);
+        bay.maxPartitions = static_cast<unsigned>(parts);
+        return true;
+    }
+    return false;
 }
 
 } // namespace
@@ -150,50 +210,57 @@ Manifest Manifest::parse(const std::string& text, std::vector<std::string>* warn
     std::istringstream in(text);
     std::string line;
     int lineNo = 0;
-    auto warn = [&](const std::string& what) {
-        if (warnings) warnings->push_back("manifest line " + std::to_string(lineNo) + ": " + what);
+    auto warnAt = [&](int at, const std::string& what) {
+        if (warnings) warnings->push_back("sim/manifest:" + std::to_string(at) + ": " + what);
     };
+    auto warn = [&](const std::string& what) { warnAt(lineNo, what); };
+    bool havePlatform = false;
     while (std::getline(in, line)) {
         ++lineNo;
         std::vector<std::string> w = words(line);
         if (w.empty() || w[0][0] == '#') continue;
-        uint64_t a = 0, b = 0, c = 0;
+        uint64_t a = 0;
         if (w[0] == "platform" && w.size() == 2) {
+            havePlatform = true;
             if (w[1] == "-1") m.platform = -1;
             else if (parseNumber(w[1], a) && a < 1000000) m.platform = static_cast<int>(a);
-            else warn("bad platform");
+            else warn("platform " + w[1] + ": not a platform id (0 to 999999, or -1)");
         } else if (w[0] == "module-serial" && w.size() == 2) {
             m.moduleSerial = percentDecode(w[1]);
-        } else if (w[0] == "bay" && (w.size() == 5 || w.size() == 6)) {
+        } else if (w[0] == "bay") {
             Bay bay;
-            uint64_t parts = 15;
-            if (!parseNumber(w[1], a) || a == 0 || a > 4096 || !parseNumber(w[3], b) || b > 4095 ||
-                !parseNumber(w[4], c) || c > 0xfffff || w[2].empty() || w[2][0] != '/' ||
-                (w.size() == 6 && (!parseNumber(w[5], parts) || parts > 255)) || m.bay(static_cast<int>(a))) {
-                warn("bad bay");
-                continue;
+            std::string why;
+            if (!parseBay(w, bay, why)) warn(why);
+            else if (const Bay* first = m.bay(bay.number))
+                warn("bay " + w[1] + " again (first on line " + std::to_string(first->line) + ")");
+            else {
+                bay.line = lineNo;
+                m.bays.push_back(bay);
             }
-            bay.number = static_cast<int>(a);
-            bay.device = percentDecode(w[2]);
-            bay.major = static_cast<unsigned>(b);
-            bay.minor = static_cast<unsigned>(c);
-            bay.maxPartitions = static_cast<unsigned>(parts);
-            m.bays.push_back(bay);
         } else if (w[0] == "drive") {
             Drive d;
             std::string why;
-            if (!parseDrive(w, d, why)) warn(why);
-            else if (m.drive(d.serial)) warn("duplicate drive " + d.serial);
-            else m.drives.push_back(d);
+            std::vector<std::string> fieldWarnings;
+            if (!parseDrive(w, d, why, fieldWarnings)) warn(why);
+            else if (const Drive* first = m.drive(d.serial))
+                warn("drive " + d.serial + " again (first on line " + std::to_string(first->line) + ")");
+            else {
+                for (const std::string& f : fieldWarnings) warn("drive " + d.serial + ": " + f + ", left at its default");
+                d.line = lineNo;
+                m.drives.push_back(d);
+            }
         } else {
-            warn("unknown line");
+            warn("unknown line: " + percentEncode(line.substr(0, 60)));
         }
     }
+    if (!havePlatform) warnAt(lineNo, "no platform line");
     // Two drives in one bay: the later one goes to the shelf.
     for (size_t i = 0; i < m.drives.size(); ++i)
         for (size_t j = 0; j < i; ++j)
             if (m.drives[i].bay != 0 && m.drives[i].bay == m.drives[j].bay) {
-                warn("two drives in bay " + std::to_string(m.drives[i].bay));
+                warnAt(m.drives[i].line, "drive " + m.drives[i].serial + ": bay " + std::to_string(m.drives[i].bay) +
+                                             " already holds drive " + m.drives[j].serial + " (line " +
+                                             std::to_string(m.drives[j].line) + "); taken as on the shelf");
                 m.drives[i].bay = 0;
             }
     return m;

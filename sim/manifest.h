@@ -8,7 +8,9 @@
 //   drive serial=SIMA0001 bay=1 kind=ata sectors=156301488 model=SIM%20DISK ...
 //
 // Values are percent-encoded where they hold blanks, "%", "=" or control
-// characters. Unknown lines and fields are skipped with a warning.
+// characters. Numbers are decimal; udma alone is hex ("udma=0x203f"). Lines
+// and fields that cannot be read are skipped with a warning naming
+// "sim/manifest" and the line.
 #pragma once
 
 #include <cstdint>
@@ -23,6 +25,7 @@ struct Bay {
     unsigned major = 0;
     unsigned minor = 0;      // first minor of the disk
     unsigned maxPartitions = 15;
+    int line = 0;            // of sim/manifest when read from it, else 0
 };
 
 struct Drive {
@@ -37,6 +40,7 @@ struct Drive {
     bool writeCache = true;
     int transferMode = -1;     // last set-features transfer mode, -1 none
     unsigned flushes = 0;
+    int line = 0;              // of sim/manifest when read from it, else 0
 };
 
 struct Manifest {
@@ -59,7 +63,10 @@ struct Manifest {
 std::string percentEncode(const std::string& value);
 std::string percentDecode(const std::string& value);
 
-// Strict unsigned parse of a whole word (decimal, or hex with 0x); false on garbage.
+// Strict unsigned parse of a whole word in decimal: digits only, no sign, no
+// leading zero (so that "010" is never taken for octal); false otherwise.
 bool parseNumber(const std::string& word, uint64_t& out);
+// The same for a field kept in hex: "0x" and 1 to 16 hex digits.
+bool parseHexNumber(const std::string& word, uint64_t& out);
 
 } // namespace sim

@@ -13,11 +13,10 @@
 #include <unistd.h>
 
 #include "ata.h"
+#include "clock.h"
 
 namespace sim {
 namespace {
-
-constexpr time_t kClockStart = 1136073600;  // 2006-01-01 00:00:00 UTC
 
 std::string dirName(const std::string& path)
 {
@@ -283,13 +282,8 @@ timeval Module::now()
 {
     std::string text;
     timeval tv{kClockStart, 0};
-    if (root_.readFile(stateFile("clock"), text)) {
-        long long s = 0, us = 0;
-        if (std::sscanf(text.c_str(), "%lld %lld", &s, &us) == 2 && s >= 0 && us >= 0 && us < 1000000) {
-            tv.tv_sec = static_cast<time_t>(s);
-            tv.tv_usec = static_cast<suseconds_t>(us);
-        }
-    }
+    // A clock that cannot be read counts from the start; tavsim reports it.
+    if (root_.readFile(stateFile("clock"), text)) parseClock(text, tv);
     return tv;
 }
 

@@ -1,270 +1,235 @@
 #include "tavsim.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <iostream>
 #include <string>
 #include <vector>
 
-#include "create.h"
 #include "faults.h"
-#include "hwlib/tavhwid.h"
-#include "module.h"
 #include "programs.h"
-#include "sim_platform.h"
-#include "sign.h"
-#include "tavutils/tavdrivesig.h"
+#include "tavsim_cli.h"
+
+#ifndef TAVSIM_VERSION
+#define TAVSIM_VERSION "unknown"
+#endif
 
 namespace sim {
+namespace cli {
 namespace {
 
-const char kHelp[] =
-    "usage: tavsim COMMAND DIR [ARGS]\n"
+const char kExitStatus[] =
+    "Exit status: 0 done; 1 refused or failed (the module or the simulation said\n"
+    "no); 2 a bad command line (an unknown command or option, a missing, malformed\n"
+    "or out-of-range argument).\n";
+
+const char kCreateHelp[] =
+    "Makes a module of platform ID in DIR, which must be absent or an empty\n"
+    "directory (missing parents are made). Every bay of the platform's layout gets\n"
+    "a blank sparse drive image with a serial number of its own.\n"
     "\n"
-    "A simulated module is one directory DIR. Commands:\n"
+    "  --platform ID    a decimal platform id, 0 to 999999. 1 and 4 (four IDE\n"
+    "                   drives) and 3 (two) are simulated; 2, 5, 6, 8, 9, 10, 11,\n"
+    "                   12 and 15 are families that come later and are refused;\n"
+    "                   any other id has no layout row of its own and takes the\n"
+    "                   layout of platform 1, as the system does.\n"
+    "  --serial S       the module serial number: printable ASCII without blanks,\n"
+    "                   at most 31 characters; by default one made from DIR.\n"
+    "  --sectors N      the size of every drive, default 156301488 (74.5G). The\n"
+    "                   families' partition table fits 4317185 to 4294967295\n"
+    "                   sectors (2.1G to 2T); other sizes need --any-size.\n"
+    "  --any-size       allow any --sectors from 65536 to 68719476736 (32M to 32T).\n"
+    "  --feature SECTION:KEY=VALUE\n"
+    "                   a setting of the model's features.conf, repeatable; the\n"
+    "                   section is split off at the last \":\" before \"=\".\n"
+    "  --no-drives      the identity files only, no bays, for any ID 1 to 15.\n";
+
+const char kShowHelp[] =
+    "Prints the module: its directory, platform (and the layout it takes), the\n"
+    "model the system's identity code recognises (ID CONFIG NAME, or UNKNOWN), the\n"
+    "module serial number and the clock (seconds, and ISO 8601 UTC); then a table\n"
+    "of the bays, one of the drives on the shelf and one of the armed faults, each\n"
+    "under a header line. A field that holds blanks is quoted, but for the last\n"
+    "column, which is free text. Sizes are 1024-based, as lsblk gives them.\n"
+    "State files that cannot be read are reported on standard error with their\n"
+    "file and line; what could be read is shown.\n"
     "\n"
-    "  create DIR --platform ID [--serial S] [--sectors N] [--feature SECTION:KEY=VALUE]...\n"
-    "         [--no-drives]\n"
-    "      Make a module of platform ID (1, 3, 4 and identifiers without a layout of\n"
-    "      their own; the other families come later) in DIR, which must be absent or\n"
-    "      empty: a blank drive of its own serial number in every bay, N sectors each\n"
-    "      (default 156301488), the module serial number S in\n"
-    "      configs/etc/marrowby/system/.serialnumber, and the model's identity: PCI\n"
-    "      list, model table, NVRAM rows, feature files, network interfaces, sysfs.\n"
-    "      Each --feature goes into the model's features.conf. --no-drives makes a\n"
-    "      module of any ID 1 to 15 with its identity files and no bays.\n"
-    "  show DIR\n"
-    "      Platform, the model the system recognises (ID CONFIG NAME), module\n"
-    "      serial number, clock, each bay with its device, numbers,\n"
-    "      drive serial number, size, partitions, firmware and model; drives on the\n"
-    "      shelf;\n"
-    "      armed faults.\n"
-    "  pull DIR BAY\n"
-    "      Take the drive out of BAY and put it on the shelf.\n"
-    "  insert DIR BAY [SERIAL]\n"
-    "      Put drive SERIAL from the shelf into the empty BAY, or a new blank drive.\n"
-    "  swap DIR BAY1 BAY2\n"
-    "      Exchange the drives of two bays (either may be empty).\n"
-    "  corrupt DIR BAY|DEVICE OFFSET HEX\n"
-    "      Overwrite bytes at OFFSET of the disk of BAY or of a device node such as\n"
-    "      /dev/ide/host0/bus0/target0/lun0/part1, HEX giving the bytes (\"deadbeef\").\n"
-    "  fault DIR OP PATH [nth=N] [times=K] [request=R] errno=E|short=N|powercut\n"
-    "      Arm a fault on calls OP (open read write lseek fsync ioctl stat unlink\n"
-    "      rename, the last by its source) of PATH\n"
-    "      (a path, a prefix ending in *, or *): from the Nth matching call of a\n"
-    "      process (default 1) K calls (default 1, -1 all) fail with errno E (EIO,\n"
-    "      EINTR, ENOSPC, ENODEV, ...), transfer at most N bytes, or (write only)\n"
-    "      cut the power: that write and all later ones of the process are lost.\n"
-    "  fault DIR --list | --clear\n"
-    "      List or remove the armed faults.\n"
-    "  partition DIR\n"
-    "      Partition every drive in a bay with the system's own table builder and\n"
-    "      the families' sizes (os 2097152, os2 2097152, log 98304, boot 20480\n"
-    "      sectors, data the rest), ready for signatures.\n"
-    "  sign DIR [--time T]\n"
-    "      Give every drive in a bay the signature of a freshly installed module,\n"
-    "      both stamps T (default: the virtual clock).\n"
-    "  log DIR [--ata]\n"
-    "      Print the command log (\"TIME system|popen STATUS [unknown] COMMAND\"), or\n"
-    "      the ATA command log.\n"
-    "  run DIR -- PROGRAM [ARGS...]\n"
-    "      Run a program of the system in this process with the module as its\n"
-    "      platform; exits with its result.\n"
-    "  --help\n"
-    "      This text.\n";
+    "  --json           the same as one JSON document\n"
+    "  --partitions     each drive's partitions: NUMBER ROLE START SECTORS SIZE,\n"
+    "                   the role where the families' table puts it (signature,\n"
+    "                   data, boot, extended, os, os2, log; \"-\" for none). These\n"
+    "                   are the kernel's nodes: an extended partition's node\n"
+    "                   covers its first two sectors.\n";
 
-int usage(const std::string& why)
+const char kPartitionHelp[] =
+    "Gives every drive in a bay the families' partition table through the system's\n"
+    "own table builder: signature 2048 sectors, boot 20480, data the rest, then\n"
+    "in the extended partition os 2097152, os2 2097152 and log 98304. The builder\n"
+    "works on 32-bit sizes: unless every drive has 4317185 to 4294967295 sectors\n"
+    "nothing is written. A failed build names the step (the open, the size or\n"
+    "geometry request, a table write, the re-read) with its errno and the\n"
+    "builder's result.\n";
+
+const char kFaultHelp[] =
+    "Arms a fault on the calls OP of PATH that the system makes:\n"
+    "\n"
+    "  OP         open read write lseek fsync ioctl stat unlink rename (by source)\n"
+    "  PATH       an absolute path of the module, a prefix ending in *, or *\n"
+    "  nth=N      from the Nth matching call of each process on (default 1)\n"
+    "  times=K    K calls (default 1), or -1: every call from then on\n"
+    "  request=R  ioctl only: @REQUESTS@,\n"
+    "             or a number (decimal, or 0x and hex)\n"
+    "  errno=E    the calls fail with E: @ERRNOS@,\n"
+    "             or a number 1 to 4095\n"
+    "  short=N    read or write only: the calls move at most N bytes\n"
+    "  powercut   write only: that write and every later one of the process are\n"
+    "             lost, though they report success\n"
+    "\n"
+    "One of errno=, short= and powercut is needed; words that could never fire\n"
+    "are refused. --list prints the armed faults, --clear removes them.\n";
+
+const char kRunHelp[] =
+    "Runs a program of the system in this process with the module as its\n"
+    "platform, and exits with the program's result; the statuses below are those\n"
+    "of tavsim itself, before the program starts. The programs this tavsim can\n"
+    "run: @PROGRAMS@.\n";
+
+const std::vector<Command> kCommands = {
+    {"create", "DIR --platform ID [--serial S] [--sectors N [--any-size]] [--feature SECTION:KEY=VALUE]... [--no-drives]",
+     "make a module in DIR", kCreateHelp, runCreate},
+    {"show", "DIR [--json | --partitions]", "platform, model, clock, bays, shelf, faults", kShowHelp, runShow},
+    {"partition", "DIR", "give every drive the families' partition table", kPartitionHelp, runPartition},
+    {"sign", "DIR [--time T]", "sign every drive as a freshly installed module",
+     "Gives every drive in a bay the signature of a freshly installed module of\n"
+     "this serial number, through the system's own signature code: a record per\n"
+     "position with owner and order, both stamps T (seconds, 0 to 2147483647;\n"
+     "default the virtual clock's time), empty device and string tables, both\n"
+     "copies. With partition, it makes a module ready for updatemount.\n",
+     runSign},
+    {"pull", "DIR BAY", "move the drive of BAY to the shelf",
+     "Takes the drive out of BAY and puts it on the shelf; its data goes with it.\n", runPull},
+    {"insert", "DIR BAY [SERIAL]", "put a shelf drive, or a new one, into an empty bay",
+     "Puts drive SERIAL from the shelf into the empty BAY; without SERIAL, a new\n"
+     "blank drive like the module's others.\n",
+     runInsert},
+    {"swap", "DIR BAY1 BAY2", "exchange the drives of two bays",
+     "Exchanges the drives of two bays; either may be empty.\n", runSwap},
+    {"corrupt", "DIR BAY|DEVICE OFFSET HEX", "overwrite bytes of a disk or partition",
+     "Overwrites bytes at byte OFFSET (decimal) of the disk in BAY, or of a disk or\n"
+     "partition node such as /dev/ide/host0/bus0/target0/lun0/part1. HEX gives\n"
+     "the bytes, two hex digits each (deadbeef).\n",
+     runCorrupt},
+    {"fault", "DIR OP PATH [nth=N] [times=K] [request=R] errno=E|short=N|powercut\n       tavsim fault DIR --list | --clear",
+     "arm, list or clear faults", kFaultHelp, runFault},
+    {"log", "DIR [--ata]", "print the command log or the ATA command log",
+     "Prints the command log, a line a command: TIME system|popen STATUS [unknown]\n"
+     "COMMAND. With --ata, the ATA command log: TIME DEVICE WHAT.\n",
+     runLog},
+    {"run", "DIR [--] PROGRAM [ARGS...]", "run a program of the system on the module", kRunHelp, runRun},
+};
+
+std::string joined(const std::vector<std::string>& words)
 {
-    std::cerr << "tavsim: " << why << "\n(tavsim --help tells the commands)\n";
-    return 2;
+    std::string out;
+    for (const std::string& w : words) out += (out.empty() ? "" : " ") + w;
+    return out;
 }
 
-bool toInt(const std::string& s, int& out)
+std::string replaced(std::string text, const std::string& mark, const std::string& by)
 {
-    uint64_t n = 0;
-    if (s == "-1") {
-        out = -1;
-        return true;
+    for (size_t at = text.find(mark); at != std::string::npos; at = text.find(mark, at + by.size()))
+        text.replace(at, mark.size(), by);
+    return text;
+}
+
+std::string programList()
+{
+    std::vector<std::string> names = programNames();
+    return names.empty() ? "none, for no program of the system is built into it yet" : listed(names);
+}
+
+void printCommandHelp(const Command& c)
+{
+    std::string help = replaced(c.help, "@ERRNOS@", joined(errnoNames()));
+    help = replaced(help, "@REQUESTS@", joined(requestNames()));
+    help = replaced(help, "@PROGRAMS@", programList());
+    std::cout << "usage: tavsim " << c.name << " " << c.synopsis << "\n\n" << help << "\n" << kExitStatus;
+}
+
+void printHelp()
+{
+    std::cout << "usage: tavsim COMMAND DIR [ARGS...]\n"
+                 "       tavsim COMMAND --help\n"
+                 "       tavsim --help | --version\n"
+                 "\n"
+                 "Makes and handles simulated modules: a whole module kept in one directory DIR.\n"
+                 "\n"
+                 "Commands:\n";
+    for (const Command& c : kCommands) {
+        std::string synopsis = c.synopsis;
+        synopsis = synopsis.substr(0, synopsis.find('\n'));
+        std::cout << "  " << c.name << " " << synopsis << "\n      " << c.summary << "\n";
     }
-    if (!parseNumber(s, n) || n > 1000000) return false;
-    out = static_cast<int>(n);
-    return true;
+    std::cout << "\n" << kExitStatus << "\n\"tavsim COMMAND --help\" tells more of a command; \"man tavsim\" tells all.\n";
 }
 
-// The model as the system's identity code sees it in the module.
-std::string recognisedModel(Module& module)
+void printVersion() { std::cout << "tavsim " << TAVSIM_VERSION << "\n"; }
+
+std::string commandNames()
 {
-    SimPlatform platform(module.dir());
-    plat::ScopedPlatform scope(platform);
-    char name[256] = "", config[256] = "";
-    if (hwid_getModelName(nullptr, name, sizeof name - 1) != 0) return "UNKNOWN";
-    hwid_getModelConfigName(nullptr, config, sizeof config - 1);
-    return std::to_string(hwid_getModelId(nullptr)) + " " + config + " " + name;
+    std::vector<std::string> names;
+    for (const Command& c : kCommands) names.push_back(c.name);
+    return joined(names);
 }
 
-int show(Module& module)
+const Command* findCommand(const std::string& name)
 {
-    Manifest m = module.manifest();
-    std::cout << "module " << module.dir() << "\n"
-              << "platform " << m.platform << "\n"
-              << "model " << recognisedModel(module) << "\n"
-              << "serial " << m.moduleSerial << "\n"
-              << "clock " << module.now().tv_sec << "\n"
-              << "BAY DEVICE MAJOR:MINOR SERIAL SECTORS PARTITIONS FIRMWARE MODEL\n";
-    for (const Bay& b : m.bays) {
-        const Drive* d = m.driveInBay(b.number);
-        std::cout << b.number << " " << b.device << " " << b.major << ":" << b.minor << " ";
-        if (!d) {
-            std::cout << "- - - - (empty)\n";
-            continue;
-        }
-        std::string parts;
-        for (const Window& w : module.windows(b.number)) parts += (parts.empty() ? "" : ",") + std::to_string(w.number);
-        std::cout << d->serial << " " << d->sectors << " " << (parts.empty() ? "-" : parts) << " "
-                  << (d->firmware.empty() ? "-" : d->firmware) << " " << d->model << "\n";
-    }
-    for (const BayVerdict& v : bayVerdicts(module.dir()))
-        std::cout << "verdict " << v.bay << " " << formatVerdict(v) << "\n";
-    for (const Drive& d : m.drives)
-        if (d.bay == 0) std::cout << "shelf " << d.serial << " " << d.sectors << " " << d.model << "\n";
-    for (const Fault& f : parseFaults(module.readState("faults"))) std::cout << "fault " << f.format() << "\n";
-    return 0;
+    for (const Command& c : kCommands)
+        if (name == c.name) return &c;
+    return nullptr;
 }
 
-bool parseHex(const std::string& hex, std::string& bytes)
+int topLevelError(const std::string& why)
 {
-    if (hex.empty() || hex.size() % 2) return false;
-    bytes.clear();
-    for (size_t i = 0; i < hex.size(); i += 2) {
-        char pair[3] = {hex[i], hex[i + 1], 0};
-        char* end = nullptr;
-        long v = std::strtol(pair, &end, 16);
-        if (*end != '\0' || pair[0] == '-' || pair[0] == '+' || pair[0] == ' ') return false;
-        bytes += static_cast<char>(v);
-    }
-    return true;
+    std::cerr << "tavsim: " << why << "\nthe commands: " << commandNames() << "\n(tavsim --help tells more)\n";
+    return kBadUsage;
 }
 
-// Every drive in a bay gets the families' table, through the system's own code.
-int partition(Module& module)
-{
-    Manifest m = module.manifest();
-    SimPlatform platform(module.dir());
-    plat::ScopedPlatform scope(platform);
-    int failed = 0;
-    for (const Bay& b : m.bays) {
-        if (!m.driveInBay(b.number)) continue;
-        int rc = buildPartitions(b.device.c_str(), 2097152, 2097152, 0, 98304, 20480, false);
-        if (rc != 0) {
-            std::cerr << "tavsim: bay " << b.number << ": the table builder gave " << rc << "\n";
-            failed = 1;
-        }
-    }
-    return failed;
-}
-
-int report(const std::string& err)
-{
-    if (err.empty()) return 0;
-    std::cerr << "tavsim: " << err << "\n";
-    return 1;
-}
+bool isHelp(const std::string& word) { return word == "--help" || word == "-h"; }
 
 } // namespace
 
+} // namespace cli
+
 int tavsimMain(int argc, char** argv)
 {
+    using namespace cli;
     std::vector<std::string> a(argv + 1, argv + argc);
-    if (a.empty()) return usage("no command");
-    if (a[0] == "--help" || a[0] == "-h" || a[0] == "help") {
-        std::cout << kHelp;
-        return 0;
+    if (a.empty()) return topLevelError("no command");
+    if (isHelp(a[0]) || a[0] == "help") {
+        const Command* c = a.size() > 1 ? findCommand(a[1]) : nullptr;
+        if (a.size() > 1 && !c) return topLevelError("unknown command " + a[1]);
+        if (c) printCommandHelp(*c);
+        else printHelp();
+        return kDone;
     }
-    if (a.size() < 2) return usage("no module directory");
-    const std::string& cmd = a[0];
-    const std::string& dir = a[1];
-
-    if (cmd == "create") {
-        CreateOptions options;
-        bool havePlatform = false;
-        for (size_t i = 2; i < a.size(); ++i) {
-            uint64_t n = 0;
-            if (a[i] == "--platform" && i + 1 < a.size() && toInt(a[i + 1], options.platform)) havePlatform = true, ++i;
-            else if (a[i] == "--serial" && i + 1 < a.size() && !a[i + 1].empty()) options.moduleSerial = a[++i];
-            else if (a[i] == "--sectors" && i + 1 < a.size() && parseNumber(a[i + 1], n)) options.sectors = n, ++i;
-            else if (a[i] == "--no-drives") options.identityOnly = true;
-            else if (a[i] == "--feature" && i + 1 < a.size()) {
-                FeatureSetting f;
-                std::string why;
-                if (!parseFeature(a[++i], f, why)) return usage("create: " + why);
-                options.features.push_back(f);
-            } else return usage("create: bad argument " + a[i]);
+    if (a[0] == "--version") {
+        printVersion();
+        return kDone;
+    }
+    const Command* command = findCommand(a[0]);
+    if (!command) return topLevelError(a[0][0] == '-' ? "unknown option " + a[0] : "unknown command " + a[0]);
+    Call call{*command, std::vector<std::string>(a.begin() + 1, a.end())};
+    for (const std::string& word : call.args) {
+        if (word == "--") break;
+        if (isHelp(word)) {
+            printCommandHelp(*command);
+            return kDone;
         }
-        if (!havePlatform) return usage("create: --platform ID is needed");
-        return report(createModule(dir, options));
-    }
-
-    if (!Module::isModule(dir)) return report(dir + " is no simulated module");
-    Module module(dir);
-    int bay = 0, other = 0;
-    if (cmd == "show" && a.size() == 2) return show(module);
-    if (cmd == "partition" && a.size() == 2) return partition(module);
-    if (cmd == "sign" && a.size() == 2) return report(signModule(dir, std::nullopt));
-    if (cmd == "sign" && a.size() == 4 && a[2] == "--time") {
-        uint64_t t = 0;
-        if (!parseNumber(a[3], t) || t > INT64_MAX) return usage("sign: bad time " + a[3]);
-        return report(signModule(dir, static_cast<int64_t>(t)));
-    }
-    if (cmd == "pull" && a.size() == 3 && toInt(a[2], bay)) return report(module.pull(bay));
-    if (cmd == "insert" && (a.size() == 3 || a.size() == 4) && toInt(a[2], bay))
-        return report(module.insert(bay, a.size() == 4 ? a[3] : ""));
-    if (cmd == "swap" && a.size() == 4 && toInt(a[2], bay) && toInt(a[3], other)) return report(module.swap(bay, other));
-    if (cmd == "corrupt" && a.size() == 5) {
-        std::string device = a[2], bytes;
-        uint64_t offset = 0;
-        if (toInt(a[2], bay)) {
-            Manifest m = module.manifest();
-            const Bay* b = m.bay(bay);
-            if (!b) return report("no bay " + a[2]);
-            device = b->device;
+        if (word == "--version") {
+            printVersion();
+            return kDone;
         }
-        if (!parseNumber(a[3], offset)) return usage("corrupt: bad offset " + a[3]);
-        if (!parseHex(a[4], bytes)) return usage("corrupt: bad bytes " + a[4]);
-        return report(module.overwrite(device, offset, bytes));
     }
-    if (cmd == "fault" && a.size() == 3 && (a[2] == "--list" || a[2] == "--clear")) {
-        if (a[2] == "--clear") {
-            Module::Lock lock(module);
-            module.writeState("faults", "");
-        } else {
-            std::cout << module.readState("faults");
-        }
-        return 0;
-    }
-    if (cmd == "fault" && a.size() >= 4) {
-        std::string line;
-        for (size_t i = 2; i < a.size(); ++i) line += (i > 2 ? " " : "") + a[i];
-        Fault f;
-        std::string why;
-        if (!Fault::parse(line, f, why)) return usage("fault: " + why);
-        Module::Lock lock(module);
-        module.appendState("faults", f.format());
-        return 0;
-    }
-    if (cmd == "log" && (a.size() == 2 || (a.size() == 3 && a[2] == "--ata"))) {
-        std::cout << module.readState(a.size() == 3 ? "ata.log" : "commands.log");
-        return 0;
-    }
-    if (cmd == "run" && a.size() >= 4 && a[2] == "--") {
-        std::vector<std::string> args(a.begin() + 3, a.end());
-        if (!findProgram(args[0])) {
-            std::string known;
-            for (const std::string& n : programNames()) known += " " + n;
-            return report("no program " + args[0] + (known.empty() ? " (none is registered)" : "; known:" + known));
-        }
-        return runProgram(dir, args);
-    }
-    return usage("bad command line for " + cmd);
+    return command->run(call);
 }
 
 } // namespace sim

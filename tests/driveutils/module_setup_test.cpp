@@ -44,7 +44,7 @@ TEST(ModuleSetup, PartitionSkipsEmptyBays)
 TEST(ModuleSetup, DmaModeFeatureSetsTheTransferModeOfTheDrive)
 {
     simtest::TempModule m(1, false);
-    ASSERT_EQ(simtest::callTavsim({"create", m.dir(), "--platform", "1", "--sectors", "1000000", "--feature",
+    ASSERT_EQ(simtest::callTavsim({"create", m.dir(), "--platform", "1", "--sectors", "1000000", "--any-size", "--feature",
                           "SIM-ATA 80G:dma_mode=5"}),
               0);
     sim::SimPlatform platform(m.dir());

@@ -49,7 +49,7 @@ TEST(Identity, EveryPlatformIsRecognisedWithItsNvramRows)
 TEST(Identity, FeatureSettingsOfCreateAreReadBackAndShowNamesTheModel)
 {
     TempModule m(1, false);
-    ASSERT_EQ(callTavsim({"create", m.dir(), "--platform", "4", "--sectors", "1000000", "--feature",
+    ASSERT_EQ(callTavsim({"create", m.dir(), "--platform", "4", "--sectors", "1000000", "--any-size", "--feature",
                           "RAID:chunk_size=128", "--feature", "SIM-ATA 80G:dma_mode=5", "--feature",
                           "RAID:auto_rebuild=no"}),
               0);

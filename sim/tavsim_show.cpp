@@ -1,0 +1,312 @@
+// tavsim show: the module as text tables, as JSON, or its partitions.
+#include <cstdio>
+#include <functional>
+#include <optional>
+#include <iostream>
+
+#include "clock.h"
+#include "create.h"
+#include "family_layout.h"
+#include "hwlib/tavhwid.h"
+#include "json.h"
+#include "sim_platform.h"
+#include "state_check.h"
+#include "table.h"
+#include "sign.h"
+#include "tavsim_cli.h"
+
+namespace sim::cli {
+namespace {
+
+struct ModelInfo {
+    bool known = false;
+    int id = 0;
+    std::string config, name;
+};
+
+struct BayView {
+    Bay bay;
+    std::optional<Drive> drive;  // none: the bay is empty
+    std::vector<Window> windows;
+    BayVerdict verdict;          // the drive manager's verdict and the drive's own stamps
+};
+
+// What show prints, read once.
+struct ModuleView {
+    std::string dir;
+    Manifest manifest;
+    ModelInfo model;
+    timeval clock{};
+    std::vector<BayView> bays;
+    std::vector<Fault> faults;
+    std::vector<std::string> warnings;  // of every state file, faults included
+};
+
+// The model as the system's identity code sees it in the module.
+ModelInfo recognisedModel(SimPlatform& platform)
+{
+    plat::ScopedPlatform scope(platform);
+    ModelInfo info;
+    char name[256] = "", config[256] = "";
+    if (hwid_getModelName(nullptr, name, sizeof name - 1) != 0) return info;
+    hwid_getModelConfigName(nullptr, config, sizeof config - 1);
+    info = {true, hwid_getModelId(nullptr), config, name};
+    return info;
+}
+
+ModuleView readModule(Module& module)
+{
+    ModuleView v;
+    v.dir = module.dir();
+    v.manifest = module.manifest();
+    SimPlatform platform(module.dir());
+    v.model = recognisedModel(platform);
+    v.clock = module.now();
+    std::vector<BayVerdict> verdicts = bayVerdicts(module.dir());
+    for (const Bay& b : v.manifest.bays) {
+        const Drive* d = v.manifest.driveInBay(b.number);
+        BayView bay{b, d ? std::optional<Drive>(*d) : std::nullopt,
+                    d ? module.windows(b.number) : std::vector<Window>{}, {}};
+        for (const BayVerdict& verdict : verdicts)
+            if (verdict.bay == b.number) bay.verdict = verdict;
+        v.bays.push_back(bay);
+    }
+    v.faults = parseFaults(module.readState("faults"));
+    v.warnings = checkModuleState(module, true);
+    return v;
+}
+
+std::string layoutText(int platform)
+{
+    if (hasLayoutRow(platform)) return "";
+    return "layout of platform 1 (no row of its own)";
+}
+
+std::string partitionList(const std::vector<Window>& windows)
+{
+    std::string out;
+    for (const Window& w : windows) out += (out.empty() ? "" : ",") + std::to_string(w.number);
+    return out;
+}
+
+// The columns of the bay table, in order; the free-text column stays last.
+// A column added later (a verdict) goes in before MODEL.
+struct BayColumn {
+    const char* header;
+    std::function<std::string(const BayView&)> text;
+};
+
+std::string stamp(const std::optional<int64_t>& t) { return t ? std::to_string(*t) : std::string(); }
+
+const std::vector<BayColumn>& bayColumns()
+{
+    auto drive = [](std::function<std::string(const Drive&)> f) {
+        return [f](const BayView& v) { return v.drive ? f(*v.drive) : std::string(); };
+    };
+    static const std::vector<BayColumn> columns = {
+        {"BAY", [](const BayView& v) { return std::to_string(v.bay.number); }},
+        {"DEVICE", [](const BayView& v) { return v.bay.device; }},
+        {"MAJ:MIN", [](const BayView& v) { return std::to_string(v.bay.major) + ":" + std::to_string(v.bay.minor); }},
+        {"SERIAL", drive([](const Drive& d) { return d.serial; })},
+        {"SECTORS", drive([](const Drive& d) { return std::to_string(d.sectors); })},
+        {"SIZE", drive([](const Drive& d) { return humanSize(d.sectors * 512); })},
+        {"PARTITIONS", [](const BayView& v) { return partitionList(v.windows); }},
+        {"FIRMWARE", drive([](const Drive& d) { return d.firmware; })},
+        {"VERDICT", [](const BayView& v) { return v.drive ? v.verdict.verdict : std::string(); }},
+        {"MOUNTED", [](const BayView& v) { return stamp(v.verdict.mount); }},
+        {"DISMOUNTED", [](const BayView& v) { return stamp(v.verdict.dismount); }},
+        {"MODEL", [](const BayView& v) { return v.drive ? v.drive->model : std::string("(empty)"); }},
+    };
+    return columns;
+}
+
+std::string requestText(const Fault& f)
+{
+    if (f.request == 0) return "";
+    const char* name = requestName(f.request);
+    char hex[32];
+    std::snprintf(hex, sizeof hex, "0x%lx", f.request);
+    return name ? name : hex;
+}
+
+std::string actionText(const Fault& f)
+{
+    switch (f.action) {
+    case Fault::Action::Error: {
+        const char* name = errnoName(f.error);
+        return "errno=" + (name ? std::string(name) : std::to_string(f.error));
+    }
+    case Fault::Action::Short: return "short=" + std::to_string(f.shortCount);
+    case Fault::Action::PowerCut: return "powercut";
+    }
+    return "";
+}
+
+void printText(const ModuleView& v)
+{
+    const Manifest& m = v.manifest;
+    std::cout << "module " << cell(v.dir) << "\n";
+    std::string layout = layoutText(m.platform);
+    std::cout << "platform " << m.platform << (layout.empty() ? "" : " " + layout) << "\n";
+    if (v.model.known) std::cout << "model " << v.model.id << " " << cell(v.model.config) << " " << lastCell(v.model.name) << "\n";
+    else std::cout << "model UNKNOWN\n";
+    std::cout << "serial " << cell(m.moduleSerial) << "\n";
+    std::cout << "clock " << v.clock.tv_sec << " " << isoTime(v.clock.tv_sec) << "\n";
+
+    std::vector<std::string> headers;
+    for (const BayColumn& c : bayColumns()) headers.push_back(c.header);
+    Table bays(headers);
+    for (const BayView& b : v.bays) {
+        std::vector<std::string> cells;
+        for (const BayColumn& c : bayColumns()) cells.push_back(c.text(b));
+        bays.add(cells);
+    }
+    std::cout << "\n";
+    bays.print(std::cout);
+
+    Table shelf({"SHELF", "SERIAL", "SECTORS", "SIZE", "FIRMWARE", "MODEL"});
+    for (const Drive& d : m.drives)
+        if (d.bay == 0) shelf.add({"shelf", d.serial, std::to_string(d.sectors), humanSize(d.sectors * 512), d.firmware, d.model});
+    std::cout << "\n";
+    shelf.print(std::cout);
+    std::cout << "\n";
+    printFaults(v.faults);
+}
+
+void writeJson(const ModuleView& v)
+{
+    const Manifest& m = v.manifest;
+    JsonWriter j(std::cout);
+    j.beginObject();
+    j.key("module").string(v.dir);
+    j.key("platform").number(m.platform);
+    j.key("layout").beginObject();
+    j.key("platform").number(hasLayoutRow(m.platform) ? m.platform : 1);
+    j.key("own_row").boolean(hasLayoutRow(m.platform));
+    j.endObject();
+    j.key("model");
+    if (v.model.known) {
+        j.beginObject();
+        j.key("id").number(v.model.id).key("config").string(v.model.config).key("name").string(v.model.name);
+        j.endObject();
+    } else {
+        j.null();
+    }
+    j.key("serial").string(m.moduleSerial);
+    j.key("clock").beginObject();
+    j.key("seconds").number(v.clock.tv_sec).key("microseconds").number(v.clock.tv_usec);
+    j.key("utc").string(isoTime(v.clock.tv_sec));
+    j.endObject();
+
+    auto optional = [&](const std::string& key, const Drive* d, const std::function<void(const Drive&)>& value) {
+        j.key(key);
+        if (d) value(*d);
+        else j.null();
+    };
+    j.key("bays").beginArray();
+    for (const BayView& b : v.bays) {
+        const Drive* d = b.drive ? &*b.drive : nullptr;
+        j.beginObject();
+        j.key("bay").number(b.bay.number).key("device").string(b.bay.device);
+        j.key("major").number(b.bay.major).key("minor").number(b.bay.minor);
+        optional("serial", d, [&](const Drive& x) { j.string(x.serial); });
+        optional("sectors", d, [&](const Drive& x) { j.unsignedNumber(x.sectors); });
+        j.key("partitions").beginArray();
+        for (const Window& w : b.windows) {
+            j.beginObject();
+            j.key("number").number(w.number).key("role").string(partitionRole(w));
+            j.key("start").unsignedNumber(w.start).key("sectors").unsignedNumber(w.size);
+            j.endObject();
+        }
+        j.endArray();
+        optional("firmware", d, [&](const Drive& x) { j.string(x.firmware); });
+        optional("model", d, [&](const Drive& x) { j.string(x.model); });
+        optional("verdict", d, [&](const Drive&) { j.string(b.verdict.verdict); });
+        optional("mount", b.verdict.mount ? d : nullptr, [&](const Drive&) { j.number(*b.verdict.mount); });
+        optional("dismount", b.verdict.dismount ? d : nullptr, [&](const Drive&) { j.number(*b.verdict.dismount); });
+        j.endObject();
+    }
+    j.endArray();
+
+    j.key("shelf").beginArray();
+    for (const Drive& d : m.drives)
+        if (d.bay == 0) {
+            j.beginObject();
+            j.key("serial").string(d.serial).key("sectors").unsignedNumber(d.sectors);
+            j.key("firmware").string(d.firmware).key("model").string(d.model);
+            j.endObject();
+        }
+    j.endArray();
+
+    j.key("faults").beginArray();
+    for (const Fault& f : v.faults) {
+        j.beginObject();
+        j.key("op").string(opName(f.op)).key("path").string(f.path);
+        j.key("nth").unsignedNumber(f.nth).key("times").number(f.times);
+        j.key("request");
+        if (f.request) j.string(requestText(f));
+        else j.null();
+        j.key("action").string(actionText(f));
+        j.endObject();
+    }
+    j.endArray();
+
+    j.key("warnings").beginArray();
+    for (const std::string& w : v.warnings) j.string(w);
+    j.endArray();
+    j.endObject();
+}
+
+void printPartitions(const ModuleView& v)
+{
+    bool first = true;
+    for (const BayView& b : v.bays) {
+        if (!first) std::cout << "\n";
+        first = false;
+        std::cout << "bay " << b.bay.number << ": " << cell(b.bay.device);
+        if (!b.drive) {
+            std::cout << ", empty\n";
+            continue;
+        }
+        const uint64_t sectors = b.drive->sectors;
+        std::cout << ", drive " << cell(b.drive->serial) << ", " << sectors << " sectors, " << humanSize(sectors * 512);
+        if (b.windows.empty()) {
+            std::cout << ", no partitions\n";
+            continue;
+        }
+        std::cout << "\n";
+        Table t({"NUMBER", "ROLE", "START", "SECTORS", "SIZE"});
+        for (const Window& w : b.windows)
+            t.add({std::to_string(w.number), partitionRole(w), std::to_string(w.start), std::to_string(w.size),
+                   humanSize(w.size * 512)});
+        t.print(std::cout);
+    }
+}
+
+} // namespace
+
+void printFaults(const std::vector<Fault>& faults)
+{
+    Table t({"FAULT", "OP", "PATH", "NTH", "TIMES", "REQUEST", "ACTION"});
+    for (const Fault& f : faults)
+        t.add({"fault", opName(f.op), f.path, std::to_string(f.nth), std::to_string(f.times), requestText(f), actionText(f)});
+    t.print(std::cout);
+}
+
+int runShow(const Call& call)
+{
+    Words w;
+    int status = splitWords(call, {{"--json", nullptr}, {"--partitions", nullptr}}, false, w);
+    if (status || (status = expectPositional(call, w, 1, 1))) return status;
+    const bool json = w.has("--json"), partitions = w.has("--partitions");
+    if (json && partitions) return badUsage(call, "--json and --partitions exclude each other (the JSON holds the partitions)");
+    auto module = openModule(call, w.positional[0], status);
+    if (!module) return status;
+    ModuleView view = readModule(*module);
+    if (json) writeJson(view);
+    else if (partitions) printPartitions(view);
+    else printText(view);
+    return kDone;
+}
+
+} // namespace sim::cli
