@@ -12,6 +12,7 @@
 #include "driveutils/tav_ide_drive.h"
 #include "driveutils/tavdrivemgr.h"
 #include "platform/platform.h"
+#include "fuzz_module.h"
 #include "sim/create.h"
 #include "sim/sim_platform.h"
 #include "tavutils/tavdrivesig.h"
@@ -23,28 +24,13 @@ constexpr const char* kSignature = "/dev/ide/host0/bus0/target0/lun0/part1";
 constexpr off_t kFirstLogical = 4093953LL * 512;   // of the standard layout on 8388608 sectors
 constexpr size_t kMaxSignature = 16 * 512;
 
-sim::SimPlatform* platform = nullptr;
-
-void writeAt(const char* path, off_t offset, const void* data, size_t size)
-{
-    int fd = plat::open(path, O_WRONLY);
-    if (fd < 0) std::abort();
-    plat::pwrite(fd, data, size, offset);
-    plat::close(fd);
-}
+using fuzzmodule::writeAt;
 
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    char templ[] = "/tmp/drive-fuzz.XXXXXX";
-    if (!mkdtemp(templ)) std::abort();
-    std::string dir = std::string(templ) + "/m";
-    sim::CreateOptions options;
-    options.sectors = 8388608;
-    if (!sim::createModule(dir, options).empty()) std::abort();
-    platform = new sim::SimPlatform(dir);
-    static plat::ScopedPlatform scope(*platform);
+    fuzzmodule::install("drive-fuzz", 8388608);
     TavDriveMgr::nDrives = 4;
     if (buildPartitions(kDisc, 2097152, 2097152, 0, 98304, 20480, false) != 0) std::abort();
     return 0;

@@ -12,6 +12,7 @@
 #include "driveutils/tavdrivemgr.h"
 #include "driveutils/tavraiddevices.h"
 #include "platform/platform.h"
+#include "fuzz_module.h"
 #include "sim/create.h"
 #include "sim/sign.h"
 #include "sim/sim_platform.h"
@@ -23,26 +24,13 @@ constexpr const char* kSignature = "/dev/ide/host0/bus0/target0/lun0/part1";
 constexpr off_t kSecondCopy = 524288;
 constexpr size_t kMaxBlock = 24 * 512;
 
-void writeAt(const char* path, off_t offset, const void* data, size_t size)
-{
-    int fd = plat::open(path, O_WRONLY);
-    if (fd < 0) std::abort();
-    plat::pwrite(fd, data, size, offset);
-    plat::close(fd);
-}
+using fuzzmodule::writeAt;
 
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    char templ[] = "/tmp/signature-fuzz.XXXXXX";
-    if (!mkdtemp(templ)) std::abort();
-    std::string dir = std::string(templ) + "/m";
-    sim::CreateOptions options;
-    options.sectors = 65536;
-    if (!sim::createModule(dir, options).empty()) std::abort();
-    static sim::SimPlatform platform(dir);
-    static plat::ScopedPlatform scope(platform);
+    sim::SimPlatform& platform = fuzzmodule::install("signature-fuzz", 65536);
     for (const sim::Bay& bay : platform.module().manifest().bays)
         if (buildPartitions(bay.device.c_str(), 2048, 2048, 0, 2048, 20480, false) != 0) std::abort();
     sim::resetDriveManager();
