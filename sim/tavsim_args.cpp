@@ -175,4 +175,12 @@ int bayArgument(const Call& call, const Manifest& m, const std::string& word, in
     return refused(call, "bay " + word + ": this module has bays " + std::to_string(low) + " to " + std::to_string(high));
 }
 
+std::unique_ptr<Module> openModuleCall(const Call& call, const std::vector<Option>& known, size_t min, size_t max,
+                                       Words& words, int& status)
+{
+    status = splitWords(call, known, false, words);
+    if (status || (status = expectPositional(call, words, min, max))) return nullptr;
+    return openModule(call, words.positional[0], status);
+}
+
 } // namespace sim::cli

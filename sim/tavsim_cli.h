@@ -76,6 +76,10 @@ std::string whyNoModule(const std::string& dir);
 // The module at DIR, after its state files' warnings went to standard error;
 // null, with the status printed, when there is none.
 std::unique_ptr<Module> openModule(const Call& call, const std::string& dir, int& status);
+// The common start of a command on a module: its words with `known` options,
+// `min` to `max` positional words, the first of them the module's directory.
+std::unique_ptr<Module> openModuleCall(const Call& call, const std::vector<Option>& known, size_t min, size_t max,
+                                       Words& words, int& status);
 
 // A bay argument of the module; kDone, or the status after the error was
 // printed ("bay 9: this module has bays 1 to 4").

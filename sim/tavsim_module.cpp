@@ -147,9 +147,8 @@ int runCreate(const Call& call)
 int runPull(const Call& call)
 {
     Words w;
-    int status = splitWords(call, {}, false, w);
-    if (status || (status = expectPositional(call, w, 2, 2))) return status;
-    auto module = openModule(call, w.positional[0], status);
+    int status = 0;
+    auto module = openModuleCall(call, {}, 2, 2, w, status);
     if (!module) return status;
     int bay = 0;
     Manifest m = module->manifest();
@@ -165,9 +164,8 @@ int runPull(const Call& call)
 int runInsert(const Call& call)
 {
     Words w;
-    int status = splitWords(call, {}, false, w);
-    if (status || (status = expectPositional(call, w, 2, 3))) return status;
-    auto module = openModule(call, w.positional[0], status);
+    int status = 0;
+    auto module = openModuleCall(call, {}, 2, 3, w, status);
     if (!module) return status;
     int bay = 0;
     Manifest m = module->manifest();
@@ -198,9 +196,8 @@ int runInsert(const Call& call)
 int runSwap(const Call& call)
 {
     Words w;
-    int status = splitWords(call, {}, false, w);
-    if (status || (status = expectPositional(call, w, 3, 3))) return status;
-    auto module = openModule(call, w.positional[0], status);
+    int status = 0;
+    auto module = openModuleCall(call, {}, 3, 3, w, status);
     if (!module) return status;
     int a = 0, b = 0;
     Manifest m = module->manifest();
@@ -236,9 +233,8 @@ bool parseHexBytes(const std::string& hex, std::string& bytes)
 int runCorrupt(const Call& call)
 {
     Words w;
-    int status = splitWords(call, {}, false, w);
-    if (status || (status = expectPositional(call, w, 4, 4))) return status;
-    auto module = openModule(call, w.positional[0], status);
+    int status = 0;
+    auto module = openModuleCall(call, {}, 4, 4, w, status);
     if (!module) return status;
     const std::string& target = w.positional[1];
     std::string device = target, where, why, bytes;
@@ -302,9 +298,8 @@ int runFault(const Call& call)
 int runLog(const Call& call)
 {
     Words w;
-    int status = splitWords(call, {{"--ata", nullptr}}, false, w);
-    if (status || (status = expectPositional(call, w, 1, 1))) return status;
-    auto module = openModule(call, w.positional[0], status);
+    int status = 0;
+    auto module = openModuleCall(call, {{"--ata", nullptr}}, 1, 1, w, status);
     if (!module) return status;
     std::cout << module->readState(w.has("--ata") ? "ata.log" : "commands.log");
     return kDone;

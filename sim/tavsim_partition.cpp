@@ -164,9 +164,8 @@ int runSign(const Call& call)
 int runPartition(const Call& call)
 {
     Words w;
-    int status = splitWords(call, {}, false, w);
-    if (status || (status = expectPositional(call, w, 1, 1))) return status;
-    auto module = openModule(call, w.positional[0], status);
+    int status = 0;
+    auto module = openModuleCall(call, {}, 1, 1, w, status);
     if (!module) return status;
     Manifest m = module->manifest();
     std::vector<const Bay*> bays;
