@@ -31,11 +31,11 @@ int TavIdeBus::checkOSRaid(int drive)
 int TavIdeBus::checkOSRaid(int drive, const char* set)
 {
     if (activeDisks(set) > kOsMirrorDisks - 1) return 0;
-    DiskStatus status[kMirrorQueryDisks];
+    TavRaidDevice::DiskStatus status[kMirrorQueryDisks];
     TavMdRaidDevice::getDiskInfo(set, kMirrorQueryDisks, status);
     int ide = driveToIde(drive);
-    if (ide == 0 && status[2] != DISK_NOMINAL && status[3] != DISK_NOMINAL) return 7;
-    if (ide == 1 && status[0] != DISK_NOMINAL && status[1] != DISK_NOMINAL) return 6;
+    if (ide == 0 && status[2] != TavRaidDevice::DISK_NOMINAL && status[3] != TavRaidDevice::DISK_NOMINAL) return 7;
+    if (ide == 1 && status[0] != TavRaidDevice::DISK_NOMINAL && status[1] != TavRaidDevice::DISK_NOMINAL) return 6;
     return 0;
 }
 

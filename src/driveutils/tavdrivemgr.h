@@ -105,6 +105,9 @@ public:
     static int checkOsRebuilding(const char* mddev);
     static bool raidRunning();
     static int isActive(int driveID);
+    static void addToOsRaid(int driveID);
+    static void initBootSector(int driveID);
+    static void addToOS(int driveID);
 
     static SECT_INDEX_TABLE header;
     static SECT_AUTO_RAID* hardDrives;

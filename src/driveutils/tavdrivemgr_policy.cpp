@@ -39,12 +39,12 @@ int TavDriveMgr::checkOsRebuilding(const char* mddev)
     mdu_array_info_t info{};
     TavMdRaidDevice::getArrayInfo(mddev, &info);
     if (!(info.active_disks < info.raid_disks && info.active_disks < info.working_disks)) return 0;
-    DiskStatus status[kMirrorQueryDisks];
+    TavRaidDevice::DiskStatus status[kMirrorQueryDisks];
     TavMdRaidDevice::getDiskInfo(mddev, kMirrorQueryDisks, status);
-    if (nDrives < 1) return NOT_REBUILDING;
+    if (nDrives < 1) return TavRaidDevice::NOT_REBUILDING;
     for (int i = 0; i < nDrives && i < kMirrorQueryDisks; ++i)
-        if (status[i] == DISK_REBUILDING) return 0;
-    return NOT_REBUILDING;
+        if (status[i] == TavRaidDevice::DISK_REBUILDING) return 0;
+    return TavRaidDevice::NOT_REBUILDING;
 }
 
 int TavDriveMgr::checkDataRaid()
@@ -54,7 +54,7 @@ int TavDriveMgr::checkDataRaid()
         TavLocked lock(accessMutex);
         if (devices) copy = new TavRaidDevices(*devices);
     }
-    if (!copy) return OFF;
+    if (!copy) return TavRaidDevice::OFF;
     int status = copy->checkRaid();
     delete copy;
     return status;
@@ -64,21 +64,51 @@ int TavDriveMgr::checkRaid()
 {
     TAV_LOG(0, "checkRaid() devices:%p %s:%d\n", static_cast<void*>(devices), TAV_FILE, __LINE__);
     for (const char* mirror : kOsMirrors)
-        if (checkOsRebuilding(mirror) == NOT_REBUILDING) return NOT_REBUILDING;
+        if (checkOsRebuilding(mirror) == TavRaidDevice::NOT_REBUILDING) return TavRaidDevice::NOT_REBUILDING;
     return checkDataRaid();
 }
 
 bool TavDriveMgr::raidRunning()
 {
     int status = checkRaid();
-    return status == NOMINAL || status == REBUILDING || status == DEGRADED;
+    return status == TavRaidDevice::NOMINAL || status == TavRaidDevice::REBUILDING || status == TavRaidDevice::DEGRADED;
 }
 
-// Without the RAID tree's nodes the holder's stored flag answers.
 int TavDriveMgr::isActive(int driveID)
 {
     TavLocked lock(accessMutex);
-    if (devices) return devices->isActive(driveID);
-    TAV_LOG(0, "isActive(%d)  no devices %s:%d\n", driveID, TAV_FILE, __LINE__);
-    return 0;
+    if (!devices) {
+        TAV_LOG(0, "isActive(%d)  no devices %s:%d\n", driveID, TAV_FILE, __LINE__);
+        return 0;
+    }
+    TavRaidDevice* node = devices->findDisk(driveID);
+    if (!node) return 0;
+    if (!node->getParent()) {
+        // A drive of its own, with no array.
+        RaidDeviceMgmt::TavDrive* drive = getDrive(driveID);
+        if (!drive || !drive->pingLogicalDrive()) node->setActive(0);
+    } else {
+        TavRaidDevice::DiskStatus status[TavRaidDevice::MAX_DISKS] = {};
+        devices->getDiskInfo(TavRaidDevice::MAX_DISKS, status);
+        TavRaidDevice::DiskStatus entry =
+            driveID >= 1 && driveID <= TavRaidDevice::MAX_DISKS ? status[driveID - 1] : TavRaidDevice::DISK_OFF;
+        node->setActive(entry == TavRaidDevice::DISK_NOMINAL || entry == TavRaidDevice::DISK_REBUILDING);
+    }
+    return node->isActive();
+}
+
+void TavDriveMgr::addToOsRaid(int driveID)
+{
+    if (RaidDeviceMgmt::TavDrive* drive = getDrive(driveID)) drive->addToOsRaid();
+}
+
+void TavDriveMgr::initBootSector(int driveID)
+{
+    if (RaidDeviceMgmt::TavDrive* drive = getDrive(driveID)) drive->initBootSector();
+}
+
+void TavDriveMgr::addToOS(int driveID)
+{
+    addToOsRaid(driveID);
+    initBootSector(driveID);
 }

@@ -110,7 +110,7 @@ struct RaidTables {
     // The type of the first device record; a block without device tables
     // describes no devices, as a type of 0 does.
     int firstDeviceType() const { return devices.empty() ? 0 : devices[0].devices[0].deviceType; }
-    TavRaidDevices* tree() const
+    TavRaidDevices* tree()
     {
         try {
             return new TavRaidDevices(devices.data(), strings.data(), static_cast<int>(devices.size()),

@@ -53,13 +53,13 @@ TEST_F(Store, NewestDismountWinsFirstPositionOnATieAndType0KeepsTheTree)
 {
     // Bay 1: a tree (device 7), stamps 100. Bay 2: same stamp, other mount
     // times and tree 8. Bay 3: its own record newer (150), no tree.
-    rewrite(1, [] { setTree(7, ARRAY); TavDriveMgr::findDriveDescription(4)->llLastMountTime = 11; });
-    rewrite(2, [] { setTree(8, ARRAY); TavDriveMgr::findDriveDescription(4)->llLastMountTime = 22; });
+    rewrite(1, [] { setTree(7, TavRaidDevice::ARRAY); TavDriveMgr::findDriveDescription(4)->llLastMountTime = 11; });
+    rewrite(2, [] { setTree(8, TavRaidDevice::ARRAY); TavDriveMgr::findDriveDescription(4)->llLastMountTime = 22; });
     TavDriveMgr::readSignatureIntoMemory();
     EXPECT_EQ(TavDriveMgr::findDriveDescription(4)->llLastMountTime, 11) << "a tie keeps the earlier position";
 
     rewrite(3, [] {
-        setTree(0, UNKNOWN);
+        setTree(0, TavRaidDevice::UNKNOWN);
         TavDriveMgr::findDriveDescription(3)->llLastDismountTime = 150;
         TavDriveMgr::findDriveDescription(4)->llLastMountTime = 33;
     });
@@ -70,7 +70,7 @@ TEST_F(Store, NewestDismountWinsFirstPositionOnATieAndType0KeepsTheTree)
     EXPECT_EQ(m_.copy(4, 0).u32(5 * 512), 7u) << "device 7 written back";
 
     // The reverse: the first drive has no tree, a later one a tree and an older stamp.
-    rewrite(1, [] { setTree(0, UNKNOWN); TavDriveMgr::findDriveDescription(1)->llLastDismountTime = 300; });
+    rewrite(1, [] { setTree(0, TavRaidDevice::UNKNOWN); TavDriveMgr::findDriveDescription(1)->llLastDismountTime = 300; });
     TavDriveMgr::readSignatureIntoMemory();
     EXPECT_EQ(TavDriveMgr::devices, nullptr);
     EXPECT_EQ(TavDriveMgr::getLatestUnmountTime(), 300);
@@ -145,7 +145,7 @@ TEST_F(Store, StampsLeaveTheRecordHashStaleAndCreateKeepsThem)
 
 TEST_F(Store, OwnStampAndTreeStraightFromDisk)
 {
-    rewrite(1, [] { setTree(5, ARRAY); TavDriveMgr::setUnmountTime(2, 222); });
+    rewrite(1, [] { setTree(5, TavRaidDevice::ARRAY); TavDriveMgr::setUnmountTime(2, 222); });
     long long stamp = 0;
     EXPECT_EQ(TavDriveMgr::readUmountTime(1, &stamp), 0);
     EXPECT_EQ(stamp, 100);
