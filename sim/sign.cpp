@@ -17,44 +17,37 @@
 #include "tavutils/tavobxinfo.h"
 
 namespace sim {
+
+QuietOutput::QuietOutput()
+{
+    flushAll();
+    int null = ::open("/dev/null", O_WRONLY);
+    for (int fd : {1, 2}) {
+        saved_[fd - 1] = ::dup(fd);
+        if (null >= 0) ::dup2(null, fd);
+    }
+    if (null >= 0) ::close(null);
+}
+
+QuietOutput::~QuietOutput()
+{
+    flushAll();
+    for (int fd : {1, 2}) {
+        if (saved_[fd - 1] < 0) continue;
+        ::dup2(saved_[fd - 1], fd);
+        ::close(saved_[fd - 1]);
+    }
+}
+
+void QuietOutput::flushAll()
+{
+    tav_logstream.flush();
+    std::cout.flush();
+    std::fflush(stdout);
+    std::fflush(stderr);
+}
+
 namespace {
-
-// The process's standard output and error go nowhere for the life of the
-// scope: the drive manager logs on both.
-class QuietOutput {
-public:
-    QuietOutput()
-    {
-        flushAll();
-        int null = ::open("/dev/null", O_WRONLY);
-        for (int fd : {1, 2}) {
-            saved_[fd - 1] = ::dup(fd);
-            if (null >= 0) ::dup2(null, fd);
-        }
-        if (null >= 0) ::close(null);
-    }
-    ~QuietOutput()
-    {
-        flushAll();
-        for (int fd : {1, 2}) {
-            if (saved_[fd - 1] < 0) continue;
-            ::dup2(saved_[fd - 1], fd);
-            ::close(saved_[fd - 1]);
-        }
-    }
-    QuietOutput(const QuietOutput&) = delete;
-    QuietOutput& operator=(const QuietOutput&) = delete;
-
-private:
-    static void flushAll()
-    {
-        tav_logstream.flush();
-        std::cout.flush();
-        std::fflush(stdout);
-        std::fflush(stderr);
-    }
-    int saved_[2] = {-1, -1};
-};
 
 // The word of a verdict: its text up to the colon.
 std::string verdictWord(int code)

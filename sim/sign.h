@@ -10,6 +10,20 @@
 
 namespace sim {
 
+// The process's standard output and error go nowhere for the life of the
+// scope: the drive manager logs on both.
+class QuietOutput {
+public:
+    QuietOutput();
+    ~QuietOutput();
+    QuietOutput(const QuietOutput&) = delete;
+    QuietOutput& operator=(const QuietOutput&) = delete;
+
+private:
+    static void flushAll();
+    int saved_[2] = {-1, -1};
+};
+
 // Brings the drive manager back to the state of a process that has just
 // started, so that in-process runs of the system's programs see no state of
 // an earlier run. What the manager owned is freed.

@@ -86,6 +86,24 @@ const char kFaultHelp[] =
     "One of errno=, short= and powercut is needed; words that could never fire\n"
     "are refused. --list prints the armed faults, --clear removes them.\n";
 
+const char kRaidHelp[] =
+    "Configures the module's data array as an installed appliance has it, through\n"
+    "the system's own RAID tree and md nodes: the array /dev/mdN of LEVEL is made\n"
+    "on the data partitions (part2) of the bays in LIST, the last N of them join\n"
+    "it as hot spares, and the tree is written into every drive's signature. On\n"
+    "platforms 1, 2 and 4 the OS mirrors are made too, if they do not stand yet:\n"
+    "/dev/md200 (RAID 1 of the os partitions, part5) and /dev/md201 (of the log\n"
+    "partitions, part7), slot i holding position i + 1. The module must be\n"
+    "partitioned and signed; the array must not exist yet.\n"
+    "\n"
+    "  --level 0|1|5   the RAID level; needed\n"
+    "  --drives LIST   bays, comma-separated (1,2,3,4); default every bay with a\n"
+    "                  drive. A RAID 5 needs 3 members, a RAID 1 2, a RAID 0 1.\n"
+    "  --spares N      the last N bays of LIST are hot spares (not in a RAID 0)\n"
+    "  --md N          the array's number, 1 to 199; default 1\n"
+    "  --mount PATH    the array's mount point in the tree, an absolute path of\n"
+    "                  at most 127 bytes; default none\n";
+
 const char kRunHelp[] =
     "Runs a program of the system in this process with the module as its\n"
     "platform, and exits with the program's result; the statuses below are those\n"
@@ -104,6 +122,8 @@ const std::vector<Command> kCommands = {
      "default the virtual clock's time), empty device and string tables, both\n"
      "copies. With partition, it makes a module ready for updatemount.\n",
      runSign},
+    {"raid", "DIR --level 0|1|5 [--drives LIST] [--spares N] [--md N] [--mount PATH]",
+     "configure the data array as an installed module has it", kRaidHelp, runRaid},
     {"pull", "DIR BAY", "move the drive of BAY to the shelf",
      "Takes the drive out of BAY and puts it on the shelf; its data goes with it.\n", runPull},
     {"insert", "DIR BAY [SERIAL]", "put a shelf drive, or a new one, into an empty bay",

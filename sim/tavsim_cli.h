@@ -95,6 +95,7 @@ int runCreate(const Call& call);
 int runShow(const Call& call);
 int runPartition(const Call& call);
 int runSign(const Call& call);
+int runRaid(const Call& call);
 int runPull(const Call& call);
 int runInsert(const Call& call);
 int runSwap(const Call& call);
