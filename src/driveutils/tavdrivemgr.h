@@ -10,6 +10,7 @@
 
 #include "tavutils/tavdrivesig.h"
 
+class TavRaidDevice;
 class TavRaidDevices;
 
 namespace RaidDeviceMgmt {
@@ -108,6 +109,23 @@ public:
     static void addToOsRaid(int driveID);
     static void initBootSector(int driveID);
     static void addToOS(int driveID);
+
+    // --- diagnostic tables: row 0 the titles, row 1 the underline ---
+    using Table = std::vector<std::vector<std::string>>;
+    static void dumpInMemorySignatureData();
+    // A null tree: a copy of the manager's.
+    static void dumpRaidDeviceTables(TavRaidDevices* devices);
+    static int buildSignatureTableHeading(Table& table);
+    static void buildSignatureTableRow(Table& table, int driveID);
+    static int buildRaidDeviceTableHeading(Table& table);
+    static void buildRaidDeviceRows(Table& table, TavRaidDevice* node);
+    static void printTableData(Table& table);
+
+    // --- the RAID tree ---
+    // A deep copy of the tree for the caller to delete, or null.
+    static TavRaidDevices* getRaidDevices();
+    // The tree becomes a deep copy of `devices`, or null.
+    static void setRaidDevices(TavRaidDevices* devices);
 
     static SECT_INDEX_TABLE header;
     static SECT_AUTO_RAID* hardDrives;

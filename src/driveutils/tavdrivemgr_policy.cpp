@@ -47,6 +47,20 @@ int TavDriveMgr::checkOsRebuilding(const char* mddev)
     return TavRaidDevice::NOT_REBUILDING;
 }
 
+TavRaidDevices* TavDriveMgr::getRaidDevices()
+{
+    TavLocked lock(accessMutex);
+    return devices ? new TavRaidDevices(*devices) : nullptr;
+}
+
+void TavDriveMgr::setRaidDevices(TavRaidDevices* tree)
+{
+    TavRaidDevices* copy = tree ? new TavRaidDevices(*tree) : nullptr;
+    TavLocked lock(accessMutex);
+    delete devices;
+    devices = copy;
+}
+
 int TavDriveMgr::checkDataRaid()
 {
     TavRaidDevices* copy = nullptr;
