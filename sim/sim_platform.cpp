@@ -721,6 +721,13 @@ int SimPlatform::pclose(FILE* stream)
     return W_EXITCODE(status & 0xff, 0);
 }
 
+int SimPlatform::kill(pid_t pid, int signal)
+{
+    std::lock_guard<std::recursive_mutex> guard(mu_);
+    module_.logCommand("kill", ESRCH, true, "kill -" + std::to_string(signal) + " " + std::to_string(pid));
+    return fail(ESRCH);
+}
+
 // ---- time ----
 
 time_t SimPlatform::time(time_t* out)

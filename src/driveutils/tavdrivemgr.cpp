@@ -38,7 +38,7 @@ std::vector<unsigned int>* TavDriveMgr::requiredNVRamCards = nullptr;
 TavRaidDevices* TavDriveMgr::devices = nullptr;
 pthread_mutex_t TavDriveMgr::accessMutex = PTHREAD_MUTEX_INITIALIZER;
 int TavDriveMgr::nU = 1;
-bool TavDriveMgr::checkRebuild = false;
+std::atomic<bool> TavDriveMgr::checkRebuild{false};
 int TavDriveMgr::hw_platform_id = -1;
 int TavDriveMgr::driveBase = 0;
 

@@ -4,6 +4,7 @@
 // gives the verdict on a drive.
 #pragma once
 
+#include <atomic>
 #include <pthread.h>
 #include <string>
 #include <vector>
@@ -106,9 +107,39 @@ public:
     static int checkOsRebuilding(const char* mddev);
     static bool raidRunning();
     static int isActive(int driveID);
+    static int isHotSpare(int driveID);
+    static int getRaidLevel();
+    static const char* getRaidStatusString(int status);
+    // 0, or 3 when a required NVRAM card is missing (the reason in `errorMsg`).
+    static int checkNVRam(std::string& errorMsg);
+
+    // --- membership ---
+    static int addToRaid(int driveID);
+    static int addToRaid(TavRaidDevice* drive);
     static void addToOsRaid(int driveID);
     static void initBootSector(int driveID);
     static void addToOS(int driveID);
+    static void removeFromOS(int driveID);
+    static void removeFromRaid(int driveID);
+    static int removeFromRaid(TavRaidDevice* node);
+    static void raidSetFaulty(int driveID);
+    static void setDrivesActive();
+    static void setDrivesInactive();
+    static void setMacAddresses(TavRaidDevices* devices);
+    static int startRaid(long now, int* okDrives);
+    static int willCauseFailure(int driveNo);
+    static int willCauseFailure(const char* devName);
+
+    // --- stamps after a rebuild ---
+    static bool anyRebuilding();
+    // Starts the mount-time thread unless it runs.
+    static void updateMountTimeAfterRebuild();
+    static void* updateMountTimes(void*);
+    static void updateNominalMountTimes();
+
+    // --- services that hold files on a file system ---
+    static void stopServicesOnFS(const char* fs);
+    static void startServicesOnFS(const char* fs);
 
     // --- diagnostic tables: row 0 the titles, row 1 the underline ---
     using Table = std::vector<std::vector<std::string>>;
@@ -140,11 +171,15 @@ public:
     static TavRaidDevices* devices;
     static pthread_mutex_t accessMutex;
     static int nU;
-    static bool checkRebuild;
+    // Set while the mount-time thread runs; clearing it cuts the wait short.
+    static std::atomic<bool> checkRebuild;
     static int hw_platform_id;
     static int driveBase;
 
 private:
+    static int willCauseFailure(TavRaidDevice* node, const char* what);
+    // Whether card `index` of `nvrams` gives `serial` as its serial number.
+    static bool nvramSerialNumberMatches(int index, unsigned int serial, std::string& errorMsg);
     static void init1U();
     static void initLoam();
 };

@@ -1,5 +1,6 @@
 #include "platform/platform.h"
 
+#include <csignal>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -51,6 +52,7 @@ public:
     int system(const char* command) override { return ::system(command); }
     FILE* popen(const char* command, const char* mode) override { return ::popen(command, mode); }
     int pclose(FILE* stream) override { return ::pclose(stream); }
+    int kill(pid_t pid, int signal) override { return ::kill(pid, signal); }
     time_t time(time_t* out) override { return ::time(out); }
     int gettimeofday(struct timeval* tv) override { return ::gettimeofday(tv, nullptr); }
     unsigned int sleep(unsigned int seconds) override { return ::sleep(seconds); }

@@ -57,6 +57,8 @@ public:
     virtual int system(const char* command) = 0;
     virtual FILE* popen(const char* command, const char* mode) = 0;
     virtual int pclose(FILE* stream) = 0;
+    // A signal to a process by its number.
+    virtual int kill(pid_t pid, int signal) = 0;
 
     // Time. waitTimeout is a wait that is only a wait: a select on no descriptors.
     virtual time_t time(time_t* out) = 0;
@@ -139,6 +141,7 @@ public:
     int system(const char* command) override { return inner_.system(command); }
     FILE* popen(const char* command, const char* mode) override { return inner_.popen(command, mode); }
     int pclose(FILE* stream) override { return inner_.pclose(stream); }
+    int kill(pid_t pid, int signal) override { return inner_.kill(pid, signal); }
     time_t time(time_t* out) override { return inner_.time(out); }
     int gettimeofday(struct timeval* tv) override { return inner_.gettimeofday(tv); }
     unsigned int sleep(unsigned int seconds) override { return inner_.sleep(seconds); }
@@ -199,6 +202,7 @@ inline void sync() { current().sync(); }
 inline int system(const char* command) { return current().system(command); }
 inline FILE* popen(const char* command, const char* mode) { return current().popen(command, mode); }
 inline int pclose(FILE* stream) { return current().pclose(stream); }
+inline int kill(pid_t pid, int signal) { return current().kill(pid, signal); }
 inline time_t time(time_t* out) { return current().time(out); }
 inline int gettimeofday(struct timeval* tv) { return current().gettimeofday(tv); }
 inline unsigned int sleep(unsigned int seconds) { return current().sleep(seconds); }
