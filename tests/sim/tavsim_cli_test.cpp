@@ -186,7 +186,7 @@ TEST(TavsimCli, CommandLineRefusalsNameTheArgumentAndTheRange)
 
     // Top level and conventions shared by every command.
     expectRefusals({
-        {{}, 2, "tavsim: no command\nthe commands: create show partition sign pull insert swap corrupt fault log run"},
+        {{}, 2, "tavsim: no command\nthe commands: create show partition sign raid pull insert swap corrupt fault log run"},
         {{"frobnicate", d}, 2, "tavsim: unknown command frobnicate\nthe commands: create show"},
         {{"show", d, "--colour"}, 2, "tavsim show: unknown option --colour; show takes --json and --partitions"},
         {{"show", d, "--json", "--partitions"}, 2, "tavsim show: --json and --partitions exclude each other"},
