@@ -1,0 +1,153 @@
+// The life of a 1U module's md RAID 5 through the manager's operations: a
+// start with quorum, a drive removed (the survivors stamped newer, the array
+// degraded), the drive added back while the array runs (hot added, rebuilt on
+// the virtual clock, the mount-time thread stamping every drive when the
+// rebuild ends), then drives removed until the array goes off.
+#include <chrono>
+#include <thread>
+
+#include "driveutils/store_fixture.h"
+#include "driveutils/tav_md_raiddev.h"
+#include "driveutils/tavraiddevices.h"
+#include "sim/md_kernel.h"
+#include "sim/raid.h"
+
+namespace lifecycletest {
+namespace {
+
+using RD = TavRaidDevice;
+
+class Lifecycle : public testing::Test {
+protected:
+    Lifecycle() : platform_(m_.dir()), scope_(platform_)
+    {
+        sim::RaidOptions options;
+        options.level = 5;
+        sim::RaidResult result;
+        EXPECT_EQ(sim::configureRaid(m_.dir(), options, result), "");
+        // A restart: the kernel knows no array, the drives keep their superblocks.
+        sim::visitMd(platform_.module(), [](sim::MdKernel& k) { k.forgetAll(); });
+        sim::resetDriveManager();
+        TavDriveMgr::init();
+        TavDriveMgr::readSignatureIntoMemory();
+    }
+    ~Lifecycle() override
+    {
+        waitForThread();
+        sim::resetDriveManager();
+    }
+
+    // The drives that pass their checks.
+    std::vector<int> okDrives()
+    {
+        std::vector<int> ok(5, 0);
+        for (int p = 1; p <= 4; ++p) ok[static_cast<size_t>(p - 1)] = TavDriveMgr::checkDrive(p) == 0;
+        return ok;
+    }
+    long long stamp(int position) { return TavDriveMgr::findDriveDescription(position)->llLastDismountTime; }
+    std::vector<long long> stamps() { return {stamp(1), stamp(2), stamp(3), stamp(4)}; }
+    // The mount-time thread ends by itself; a bound keeps a fault from hanging the run.
+    static void waitForThread()
+    {
+        for (int i = 0; i < 3000 && TavDriveMgr::checkRebuild.load(); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        ASSERT_FALSE(TavDriveMgr::checkRebuild.load()) << "the mount-time thread did not end";
+    }
+    // The stamps on a drive's own copy.
+    long long onDisk(int bay, int position) { return m_.copy(bay, 0).dismountOf(position); }
+
+    storetest::StoreModule m_;
+    sim::SimPlatform platform_;
+    plat::ScopedPlatform scope_;
+};
+
+TEST_F(Lifecycle, RemovedDriveFallsBehindRejoinsAndTheLastMembersKeepEqualStamps)
+{
+    std::vector<int> ok = okDrives();
+    ASSERT_EQ(TavDriveMgr::startRaid(200, ok.data()), 0);
+    EXPECT_EQ(stamps(), (std::vector<long long>{200, 200, 200, 200}));
+    EXPECT_EQ(TavDriveMgr::checkRaid(), RD::NOMINAL);
+
+    // One drive leaves: the others are stamped with the old maximum plus 1.
+    TavDriveMgr::removeFromRaid(2);
+    EXPECT_EQ(stamps(), (std::vector<long long>{201, 200, 201, 201}));
+    EXPECT_EQ(onDisk(2, 2), 200) << "the removed drive carries its older stamp";
+    EXPECT_EQ(onDisk(1, 3), 201);
+    EXPECT_EQ(TavDriveMgr::isActive(2), 0);
+    EXPECT_EQ(TavDriveMgr::checkRaid(), RD::DEGRADED);
+    EXPECT_EQ(TavDriveMgr::addToRaid(1), 16) << "an active drive";
+
+    // Back while the array runs: hot added, rebuilt, and the thread stamps all.
+    ASSERT_EQ(TavDriveMgr::addToRaid(2), 0);
+    EXPECT_EQ(TavDriveMgr::isActive(2), 1);
+    EXPECT_TRUE(TavDriveMgr::anyRebuilding());
+    EXPECT_EQ(TavDriveMgr::checkRaid(), RD::REBUILDING);
+    TavDriveMgr::updateMountTimeAfterRebuild();
+    waitForThread();
+    EXPECT_FALSE(TavDriveMgr::anyRebuilding());
+    EXPECT_EQ(TavDriveMgr::checkRaid(), RD::NOMINAL);
+    EXPECT_EQ(stamps(), (std::vector<long long>{202, 202, 202, 202}));
+    for (int bay = 1; bay <= 4; ++bay) EXPECT_EQ(onDisk(bay, 2), 202) << bay;
+    EXPECT_GT(TavDriveMgr::findDriveDescription(1)->llLastMountTime, 100) << "whole in both OS mirrors";
+
+    // Drives leave until the array is off: the last members keep equal stamps.
+    TavDriveMgr::removeFromRaid(1);
+    EXPECT_EQ(stamps(), (std::vector<long long>{202, 203, 203, 203}));
+    TavDriveMgr::removeFromRaid(3);
+    EXPECT_EQ(TavDriveMgr::checkRaid(), RD::OFF);
+    EXPECT_EQ(stamps(), (std::vector<long long>{202, 203, 203, 203}));
+    EXPECT_EQ(TavMdRaidDevice::getActiveDeviceCount("/dev/md1"), 3) << "stopped: the array cannot be read";
+
+    // No quorum: nothing starts and no stamp moves.
+    std::vector<int> two{0, 1, 0, 1, 0};
+    EXPECT_EQ(TavDriveMgr::startRaid(300, two.data()), 1);
+    EXPECT_EQ(stamps(), (std::vector<long long>{202, 203, 203, 203}));
+}
+
+TEST_F(Lifecycle, TheLastDriveOfAMirrorStopsItWithTheStampsEqual)
+{
+    TavRaidDevices mirror;
+    RD* top = TavRaidDevices::createDevice(1, 2, nullptr, nullptr, 5, 0);
+    top->addSubdevice(-1, 0, nullptr, 3);
+    top->addSubdevice(-1, 0, nullptr, 4);
+    mirror.add(top);
+    sim::visitMd(platform_.module(), [](sim::MdKernel& k) { k.forgetAll(); });
+    ASSERT_EQ(top->createArray(), 0);
+    TavDriveMgr::setRaidDevices(&mirror);
+    std::vector<int> ok = okDrives();
+    ASSERT_EQ(TavDriveMgr::startRaid(400, ok.data()), 0);
+    TavDriveMgr::removeFromRaid(3);
+    EXPECT_EQ(stamp(4), 401);
+    TavDriveMgr::removeFromRaid(4);
+    EXPECT_EQ(stamp(3), 400);
+    EXPECT_EQ(stamp(4), 401) << "the array went off: no newer stamp";
+    EXPECT_EQ(TavDriveMgr::checkRaid(), RD::OFF);
+}
+
+TEST_F(Lifecycle, ADriveThatCannotBeWrittenLeavesTheOthersStamped)
+{
+    std::vector<int> ok = okDrives();
+    ASSERT_EQ(TavDriveMgr::startRaid(200, ok.data()), 0);
+    platform_.arm(sim::Fault::failing(sim::Op::Write, "/dev/ide/host0/bus1/target1/lun0/part1", 1, EIO, -1));
+    TavDriveMgr::removeFromRaid(1);
+    EXPECT_EQ(onDisk(2, 2), 201);
+    EXPECT_EQ(onDisk(4, 4), 201);
+    EXPECT_EQ(onDisk(3, 3), 200) << "the failing drive keeps its old copy";
+
+    // The thread stamps what it can and ends normally; a second start only logs.
+    TavDriveMgr::checkRebuild.store(true);
+    testing::internal::CaptureStderr();
+    TavDriveMgr::updateMountTimeAfterRebuild();
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("updateMountTimeAfterRebuild called while in progress"),
+              std::string::npos);
+    TavDriveMgr::checkRebuild.store(false);
+    ASSERT_EQ(TavDriveMgr::addToRaid(1), 0);
+    TavDriveMgr::updateMountTimeAfterRebuild();
+    waitForThread();
+    EXPECT_EQ(onDisk(1, 1), 202);
+    EXPECT_EQ(onDisk(4, 1), 202);
+    EXPECT_EQ(onDisk(3, 1), 200) << "still the old copy";
+}
+
+} // namespace
+} // namespace lifecycletest
