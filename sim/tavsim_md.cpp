@@ -60,7 +60,7 @@ std::string summary(const MdArray& a, bool stalled)
     std::string line = device(a.minor) + (levelKnown(a) ? " " + levelText(a) : "") + " " + arrayCondition(a, stalled) + ": ";
     if (!a.running)
         return line + (a.hasInfo ? "raid disks " + std::to_string(a.raidDisks) + ", " + members + ", not running"
-                                 : members + ", to be assembled from their superblocks");
+                                 : members + ", to be assembled from the members' superblocks");
     line += "raid disks " + std::to_string(a.raidDisks) + ", active " + std::to_string(c.active) + ", working " +
             std::to_string(c.working) + ", failed " + std::to_string(c.failed) + ", spare " + std::to_string(c.spare) +
             ", size " + humanSize(a.bytes());
