@@ -268,8 +268,29 @@ int MdKernel::addNewDisk(int minor, const mdu_disk_info_t& disk)
     return 0;
 }
 
-// Whether the array can run as its members stand: 0 or EINVAL.
-int MdKernel::runChecks(MdArray& a)
+// The freshest superblock defines the set; members with an older event
+// count are kicked and not used.
+void MdKernel::takeFreshest(MdArray& a)
+{
+    const MdMember* freshest = &a.members[0];
+    for (const MdMember& m : a.members)
+        if (m.super && (!freshest->super || m.super->events > freshest->super->events)) freshest = &m;
+    const MdSuperInfo s = freshest->super.value_or(MdSuperInfo{});
+    auto stale = [&](const MdMember& m) { return !m.super || m.super->events < s.events; };
+    for (const MdMember& m : a.members)
+        if (stale(m)) TAV_LOG(1, "tavsim: md%d: kicking non-fresh %s from array\n", a.minor, m.name.c_str());
+    a.members.erase(std::remove_if(a.members.begin(), a.members.end(), stale), a.members.end());
+    a.level = s.level;
+    a.raidDisks = s.raidDisks;
+    a.layout = s.layout;
+    a.chunkSize = s.chunkSize;
+    a.ctime = s.ctime;
+    a.events = s.events;
+}
+
+// Members in their roles (an in-sync one beyond the set becomes a spare);
+// 0, or EINVAL when the personality cannot run them.
+int MdKernel::placeMembers(MdArray& a)
 {
     if (a.level != 0 && a.level != 1 && a.level != 5) return EINVAL;  // no such personality
     if (a.level != 1 && (!isPowerOfTwo(a.chunkSize) || a.chunkSize < 4096)) return EINVAL;
@@ -295,30 +316,13 @@ int MdKernel::runArray(int minor)
     if (!a) return ENODEV;
     if (a->running) return EBUSY;
     if (a->members.empty()) return EINVAL;
-    if (!a->hasInfo) {
-        // The freshest superblock defines the set; older members are left out.
-        const MdMember* freshest = &a->members[0];
-        for (const MdMember& m : a->members)
-            if (m.super && (!freshest->super || m.super->events > freshest->super->events)) freshest = &m;
-        const MdSuperInfo s = freshest->super.value_or(MdSuperInfo{});
-        for (const MdMember& m : a->members)
-            if (!m.super || m.super->events < s.events)
-                TAV_LOG(1, "tavsim: md%d: kicking non-fresh %s from array\n", minor, m.name.c_str());
-        a->members.erase(std::remove_if(a->members.begin(), a->members.end(),
-                                        [&](const MdMember& m) { return !m.super || m.super->events < s.events; }),
-                         a->members.end());
-        a->level = s.level;
-        a->raidDisks = s.raidDisks;
-        a->layout = s.layout;
-        a->chunkSize = s.chunkSize;
-        a->ctime = s.ctime;
-        a->events = s.events;
-    }
-    if (int error = runChecks(*a)) {
+    if (!a->hasInfo) takeFreshest(*a);
+    if (int error = placeMembers(*a)) {
         TAV_LOG(1, "tavsim: md%d: cannot run level %d with %zu members\n", minor, a->level, a->members.size());
         return error;
     }
     if (a->hasInfo) {
+        // A new set: a uuid of its own, the event count starting at 1.
         const std::string seed = manifest_.moduleSerial + "/" + std::to_string(minor) + "/" + std::to_string(nowUs_) + "/" +
                                  std::to_string(++state_.made);
         for (int i = 0; i < 4; ++i) a->uuid[i] = fnv(2166136261u + static_cast<uint32_t>(i) * 0x9e3779b9u, seed);

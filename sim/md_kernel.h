@@ -72,7 +72,8 @@ private:
     void writeSuperblocks(const MdArray& a);
     // After a change: the event count, then recovery onto a spare if one can start.
     void changed(MdArray& a);
-    int runChecks(MdArray& a);
+    void takeFreshest(MdArray& a);
+    int placeMembers(MdArray& a);
 
     Module& module_;
     MdState& state_;

@@ -574,6 +574,7 @@ TEST_F(Md, ProcessesShareOneKernel)
 
 TEST_F(Md, TavsimShowsTheArraysAndForgetsThemOnRequest)
 {
+    EXPECT_EQ(sim::Module(m.dir()).readState("md"), "speed_limit_min 1000\nspeed_limit_max 200000\n") << "as create leaves it";
     Captured r = tavsim({"md", m.dir()});
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out, "no md arrays\n\nspeed_limit_min 1000 KiB/s, speed_limit_max 200000 KiB/s\n");
