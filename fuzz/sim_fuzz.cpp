@@ -12,13 +12,15 @@
 #include "sim/identity.h"
 #include "sim/json.h"
 #include "sim/manifest.h"
+#include "sim/md.h"
+#include "sim/md_superblock.h"
 #include "sim/partitions.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size == 0) return 0;
     const std::string text(reinterpret_cast<const char*>(data + 1), size - 1);
-    switch (data[0] % 8) {
+    switch (data[0] % 10) {
     case 0: {
         sim::Manifest m = sim::Manifest::parse(text);
         sim::Manifest again = sim::Manifest::parse(m.format());
@@ -62,6 +64,31 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         sim::FeatureSetting f;
         std::string why;
         if (sim::parseFeature(text, f, why)) sim::featureFile({f});
+        break;
+    }
+    case 8: {
+        // The kernel's md state: what it reads it writes back alike, and runs on.
+        sim::MdState s;
+        std::string why;
+        if (!sim::MdState::parse(text, s, why)) break;
+        sim::MdState again;
+        if (!sim::MdState::parse(s.format(), again, why) || again.format() != s.format()) __builtin_trap();
+        sim::mdstatText(s);
+        for (sim::MdArray& a : s.arrays) {
+            a.bytes();
+            sim::startRecovery(a, a.recovery.sinceUs);
+            sim::advanceRecovery(a, a.recovery.sinceUs + 86400000000ULL, s.speedMax, false);
+        }
+        sim::mdstatText(s);
+        break;
+    }
+    case 9: {
+        // A member's superblock, padded to its size.
+        std::string bytes = text.substr(0, sim::kMdSuperblockBytes);
+        bytes.resize(sim::kMdSuperblockBytes, '\0');
+        sim::SuperblockView view;
+        std::string why;
+        sim::readSuperblock(bytes, view, why);
         break;
     }
     default: {

@@ -11,6 +11,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "md_kernel.h"
+
 namespace sim {
 namespace {
 
@@ -208,6 +210,8 @@ std::string createModule(const std::string& dir, const CreateOptions& options)
                   writeText(root, Module::stateFile("faults"), "") &&
                   writeText(root, Module::stateFile("commands.log"), "") &&
                   writeText(root, Module::stateFile("ata.log"), "") && writeText(root, Module::stateFile("mounts"), "") &&
+                  writeText(root, Module::stateFile("md"), freshMdState()) &&
+                  writeText(root, Module::stateFile("md.log"), "") &&
                   writeText(root, Module::stateFile("services"), "syslog running\ncrond running\n");
         if (!ok) return "cannot write the files of the module";
         module.writeManifest(m);

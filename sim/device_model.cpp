@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "ata_disk.h"
+#include "md.h"
 #include "net_interfaces.h"
 #include "scsi_disk.h"
 #include "sysfs.h"
@@ -78,6 +79,7 @@ DeviceRegistry DeviceRegistry::standard()
     for (unsigned major = 128; major <= 135; ++major) r.byMajor(false, major, scsi);
     r.byMajor(true, 21, scsi);  // the generic node
     r.byPrefix("/sys/", std::make_shared<SysfsModel>());
+    addMdModels(r);
     r.forSockets(std::make_shared<NetModel>());
     return r;
 }

@@ -7,6 +7,8 @@
 //   AtaDisk       an IDE disk: BlockDevice plus the ATA requests (ata_disk.h)
 //   ScsiDisk      a SCSI disk: BlockDevice plus SG_IO; ScsiGeneric its sg node (scsi_disk.h)
 //   SysfsModel    attribute files under /sys (sysfs.h)
+//   MdDevice      the md arrays "/dev/mdN"; MdStatFile "/proc/mdstat";
+//                 RaidSpeedFile the rebuild speed limits (md.h, md_kernel.h)
 //   NetModel      interface queries on sockets (net_interfaces.h)
 #pragma once
 

@@ -4,6 +4,8 @@
 #include <iterator>
 #include <linux/fs.h>
 #include <linux/hdreg.h>
+#include <linux/major.h>
+#include <linux/raid/md_u.h>
 #include <scsi/sg.h>
 #include <sstream>
 
@@ -23,7 +25,7 @@ const ErrnoName kErrnos[] = {
     {EIO, "EIO"},       {EINTR, "EINTR"},   {ENOSPC, "ENOSPC"}, {ENODEV, "ENODEV"},     {ENOENT, "ENOENT"},
     {EACCES, "EACCES"}, {EPERM, "EPERM"},   {EBUSY, "EBUSY"},   {ENXIO, "ENXIO"},       {EAGAIN, "EAGAIN"},
     {EINVAL, "EINVAL"}, {ENOMEM, "ENOMEM"}, {EROFS, "EROFS"},   {ETIMEDOUT, "ETIMEDOUT"}, {EFAULT, "EFAULT"},
-    {ENOTTY, "ENOTTY"}, {EMFILE, "EMFILE"}, {E2BIG, "E2BIG"},
+    {ENOTTY, "ENOTTY"}, {EMFILE, "EMFILE"}, {E2BIG, "E2BIG"},   {EEXIST, "EEXIST"},
 };
 
 struct RequestName {
@@ -35,6 +37,9 @@ const RequestName kRequests[] = {
     {BLKRRPART, "BLKRRPART"},         {BLKGETSIZE, "BLKGETSIZE"},       {BLKGETSIZE64, "BLKGETSIZE64"},
     {BLKFLSBUF, "BLKFLSBUF"},         {HDIO_GETGEO, "HDIO_GETGEO"},     {HDIO_GET_IDENTITY, "HDIO_GET_IDENTITY"},
     {HDIO_DRIVE_CMD, "HDIO_DRIVE_CMD"}, {SG_IO, "SG_IO"},
+    {SET_ARRAY_INFO, "SET_ARRAY_INFO"}, {GET_ARRAY_INFO, "GET_ARRAY_INFO"}, {GET_DISK_INFO, "GET_DISK_INFO"},
+    {ADD_NEW_DISK, "ADD_NEW_DISK"},     {RUN_ARRAY, "RUN_ARRAY"},           {STOP_ARRAY, "STOP_ARRAY"},
+    {HOT_ADD_DISK, "HOT_ADD_DISK"},     {HOT_REMOVE_DISK, "HOT_REMOVE_DISK"}, {SET_DISK_FAULTY, "SET_DISK_FAULTY"},
 };
 
 std::string joined(const std::vector<std::string>& names)

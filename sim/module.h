@@ -15,6 +15,9 @@
 //   sim/identify/bayN  the identify data the kernel read when it found bay N's
 //                      drive, in hex (ATA drives; empty for none)
 //   sim/locks/bayN.partM  a shared flock while partition M of bay N is open (block.h)
+//   sim/md             the kernel's md arrays, the rebuild speed limits and the
+//                      arrays whose recovery is stalled (md_state.h)
+//   sim/md.log         every md request: "TIME /dev/mdN REQUEST [ARGS] -> RESULT"
 //   sim/shelf/SERIAL.img  images of drives out of their bays
 //   sim/lock           taken (flock) around every read-modify-write of a state file
 //
@@ -33,7 +36,22 @@
 // - Partition tables of other kinds than MS-DOS (GPT, BSD labels) are not
 //   read: a disk with a protective 0xEE entry shows no partitions (partitions.h).
 // - Nothing is ever mounted for real: a mount is a line of sim/mounts, which
-//   holds the disk busy for BLKRRPART and nothing else.
+//   holds the disk busy for BLKRRPART and an md array busy for STOP_ARRAY,
+//   and nothing else.
+// - md keeps no data: an array's node reads and writes nothing (EIO), and a
+//   rebuild is a count of KiB moving on the virtual clock at speed_limit_max
+//   (the maximum, as for an idle array; speed_limit_min is kept, not used).
+//   The model exists for the requests, counts, superblocks and status texts
+//   the system reads, not for the blocks.
+// - A new array whose members are added in sync is clean at once: there is
+//   no initial resync. There are no write-intent bitmaps, no superblocks but
+//   version 0.90, no levels but 0, 1 and 5, no reshape, no read-only arrays,
+//   no checkpoint of a rebuild (one cut short by a reboot starts again) and
+//   no autodetection at boot: arrays come back only when they are assembled.
+// - Assembly kicks every member whose event count is below the freshest one,
+//   without the one-event grace of some kernels.
+// - A member whose drive left its bay is failed the next time the md state is
+//   touched (any request, /proc/mdstat, tavsim), not at the first I/O error.
 #pragma once
 
 #include <cstdint>

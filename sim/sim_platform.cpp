@@ -461,6 +461,12 @@ int SimPlatform::access(const char* path, int mode)
     if (r.kind == Resolved::Proc) return (mode & W_OK) ? fail(EACCES) : (procDir().exists(r.rel) ? 0 : -1);
     Target t = target(r);
     if (t.node) return t.present ? 0 : fail(ENOENT);
+    if (t.model) {
+        // Nodes and files of a model's own exist as the model tells.
+        struct ::stat st;
+        DeviceContext ctx = context();
+        return t.model->stat(ctx, r.vpath, DeviceNode{}, &st);
+    }
     return module_.host().exists(r.vpath) ? 0 : -1;
 }
 

@@ -7,6 +7,7 @@
 #include "clock.h"
 #include "create.h"
 #include "faults.h"
+#include "md_state.h"
 #include "module.h"
 #include "table.h"
 
@@ -92,6 +93,9 @@ std::vector<std::string> checkModuleState(Module& module, bool faults)
         return std::atoi(a.c_str() + 13) < std::atoi(b.c_str() + 13);
     });
     checkClock(module, out);
+    MdState md;
+    std::string why;
+    if (!MdState::parse(module.readState("md"), md, why)) out.push_back(why + "; the kernel knows no md arrays");
     if (faults) parseFaults(module.readState("faults"), &out);
     return out;
 }

@@ -103,6 +103,24 @@ const char kRaidHelp[] =
     "  --md N          the array's number, 1 to 199; default 1\n"
     "  --mount PATH    the array's mount point in the tree, an absolute path of\n"
     "                  at most 127 bytes; default none\n";
+const char kMdHelp[] =
+    "Prints the md arrays the module's kernel knows, each as a line (device,\n"
+    "level, state: active, degraded, recovering, failed or inactive; raid disks,\n"
+    "active, working, failed and spare members; size, 1024-based; chunk), then a\n"
+    "table of its members (SLOT RAID_DISK DEVICE BAY SERIAL STATE, the state\n"
+    "in-sync, spare, rebuilding, waiting or faulty) and, during recovery, the\n"
+    "part done and the virtual time to finish; last the speed limits. Recovery\n"
+    "moves on the virtual clock at speed_limit_max.\n"
+    "\n"
+    "  --json           the same as one JSON document\n"
+    "  --stall ARRAY    recovery onto a new member of ARRAY (md0 to md255, or\n"
+    "                   /dev/md0 to /dev/md255) never runs: the member waits with\n"
+    "                   the in-sync flag of its old superblock and is never made\n"
+    "                   active, as in a mirror whose new member does not sync. The\n"
+    "                   fault stays until --unstall, over --stop-all too.\n"
+    "  --unstall ARRAY  recovery of ARRAY runs again, from where it stood\n"
+    "  --stop-all       the kernel forgets every array, as after a reboot; the\n"
+    "                   superblocks stay on the drives, to be assembled again\n";
 
 const char kRunHelp[] =
     "Runs a program of the system in this process with the module as its\n"
@@ -139,11 +157,14 @@ const std::vector<Command> kCommands = {
      runCorrupt},
     {"fault", "DIR OP PATH [nth=N] [times=K] [request=R] errno=E|short=N|powercut\n       tavsim fault DIR --list | --clear",
      "arm, list or clear faults", kFaultHelp, runFault},
-    {"log", "DIR [--ata]", "print the command log or the ATA command log",
+    {"log", "DIR [--ata | --md]", "print the command log, the ATA or the md request log",
      "Prints the command log, a line a command: TIME system|popen STATUS [unknown]\n"
-     "COMMAND. With --ata, the ATA command log: TIME DEVICE WHAT.\n",
+     "COMMAND. With --ata, the ATA command log: TIME DEVICE WHAT. With --md, the md\n"
+     "request log: TIME /dev/mdN REQUEST [ARGS] -> 0|ERRNO.\n",
      runLog},
     {"run", "DIR [--] PROGRAM [ARGS...]", "run a program of the system on the module", kRunHelp, runRun},
+    {"md", "DIR [--json | --stall ARRAY | --unstall ARRAY | --stop-all]", "the md arrays; stall a recovery; forget all",
+     kMdHelp, runMd},
 };
 
 std::string joined(const std::vector<std::string>& words)

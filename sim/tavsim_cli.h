@@ -13,6 +13,8 @@
 #include <vector>
 
 #include "faults.h"
+#include "json.h"
+#include "md_state.h"
 #include "module.h"
 
 namespace sim::cli {
@@ -88,6 +90,11 @@ int bayArgument(const Call& call, const Manifest& m, const std::string& word, in
 // The armed faults as a table under a header line.
 void printFaults(const std::vector<Fault>& faults);
 
+// The kernel's md arrays as a table under a header line, one row an array;
+// and as a JSON array (tavsim md).
+void printArrayTable(const MdState& state);
+void writeArraysJson(JsonWriter& j, const MdState& state, const Manifest& manifest);
+
 // "1, 2 and 4".
 std::string listed(const std::vector<std::string>& items);
 
@@ -102,6 +109,7 @@ int runSwap(const Call& call);
 int runCorrupt(const Call& call);
 int runFault(const Call& call);
 int runLog(const Call& call);
+int runMd(const Call& call);
 int runRun(const Call& call);
 
 } // namespace sim::cli

@@ -299,9 +299,10 @@ int runLog(const Call& call)
 {
     Words w;
     int status = 0;
-    auto module = openModuleCall(call, {{"--ata", nullptr}}, 1, 1, w, status);
+    auto module = openModuleCall(call, {{"--ata", nullptr}, {"--md", nullptr}}, 1, 1, w, status);
     if (!module) return status;
-    std::cout << module->readState(w.has("--ata") ? "ata.log" : "commands.log");
+    if (w.has("--ata") && w.has("--md")) return badUsage(call, "--ata and --md exclude each other");
+    std::cout << module->readState(w.has("--ata") ? "ata.log" : w.has("--md") ? "md.log" : "commands.log");
     return kDone;
 }
 

@@ -9,6 +9,7 @@
 #include "family_layout.h"
 #include "hwlib/tavhwid.h"
 #include "json.h"
+#include "md_kernel.h"
 #include "sim_platform.h"
 #include "state_check.h"
 #include "table.h"
@@ -39,6 +40,7 @@ struct ModuleView {
     timeval clock{};
     std::vector<BayView> bays;
     std::vector<Fault> faults;
+    MdState md;
     std::vector<std::string> warnings;  // of every state file, faults included
 };
 
@@ -72,6 +74,7 @@ ModuleView readModule(Module& module)
         v.bays.push_back(bay);
     }
     v.faults = parseFaults(module.readState("faults"));
+    v.md = mdState(module);
     v.warnings = checkModuleState(module, true);
     return v;
 }
@@ -171,6 +174,8 @@ void printText(const ModuleView& v)
     shelf.print(std::cout);
     std::cout << "\n";
     printFaults(v.faults);
+    std::cout << "\n";
+    printArrayTable(v.md);
 }
 
 void writeJson(const ModuleView& v)
@@ -250,6 +255,9 @@ void writeJson(const ModuleView& v)
         j.endObject();
     }
     j.endArray();
+
+    j.key("arrays");
+    writeArraysJson(j, v.md, m);
 
     j.key("warnings").beginArray();
     for (const std::string& w : v.warnings) j.string(w);
