@@ -25,8 +25,8 @@ protected:
         options.level = 5;
         sim::RaidResult result;
         EXPECT_EQ(sim::configureRaid(m_.dir(), options, result), "");
-        // A restart: the kernel knows no array, the drives keep their superblocks.
-        sim::visitMd(platform_.module(), [](sim::MdKernel& k) { k.forgetAll(); });
+        // The data array stopped, as before a start; the OS mirrors run.
+        sim::visitMd(platform_.module(), [](sim::MdKernel& k) { k.stopArray(1); });
         sim::resetDriveManager();
         TavDriveMgr::init();
         TavDriveMgr::readSignatureIntoMemory();
@@ -82,26 +82,28 @@ TEST_F(Lifecycle, RemovedDriveFallsBehindRejoinsAndTheLastMembersKeepEqualStamps
     EXPECT_EQ(TavDriveMgr::isActive(2), 1);
     EXPECT_TRUE(TavDriveMgr::anyRebuilding());
     EXPECT_EQ(TavDriveMgr::checkRaid(), RD::REBUILDING);
+    // The thread stamps the whole members at its start (202, the rebuilding
+    // drive not yet) and every drive once the rebuild has ended (203).
     TavDriveMgr::updateMountTimeAfterRebuild();
     waitForThread();
     EXPECT_FALSE(TavDriveMgr::anyRebuilding());
     EXPECT_EQ(TavDriveMgr::checkRaid(), RD::NOMINAL);
-    EXPECT_EQ(stamps(), (std::vector<long long>{202, 202, 202, 202}));
-    for (int bay = 1; bay <= 4; ++bay) EXPECT_EQ(onDisk(bay, 2), 202) << bay;
-    EXPECT_GT(TavDriveMgr::findDriveDescription(1)->llLastMountTime, 100) << "whole in both OS mirrors";
+    EXPECT_EQ(stamps(), (std::vector<long long>{203, 203, 203, 203}));
+    for (int bay = 1; bay <= 4; ++bay) EXPECT_EQ(onDisk(bay, 2), 203) << bay;
+    EXPECT_EQ(TavDriveMgr::findDriveDescription(1)->llLastMountTime, 102) << "whole in both OS mirrors, twice";
 
     // Drives leave until the array is off: the last members keep equal stamps.
     TavDriveMgr::removeFromRaid(1);
-    EXPECT_EQ(stamps(), (std::vector<long long>{202, 203, 203, 203}));
+    EXPECT_EQ(stamps(), (std::vector<long long>{203, 204, 204, 204}));
     TavDriveMgr::removeFromRaid(3);
     EXPECT_EQ(TavDriveMgr::checkRaid(), RD::OFF);
-    EXPECT_EQ(stamps(), (std::vector<long long>{202, 203, 203, 203}));
+    EXPECT_EQ(stamps(), (std::vector<long long>{203, 204, 204, 204}));
     EXPECT_EQ(TavMdRaidDevice::getActiveDeviceCount("/dev/md1"), 3) << "stopped: the array cannot be read";
 
     // No quorum: nothing starts and no stamp moves.
     std::vector<int> two{0, 1, 0, 1, 0};
     EXPECT_EQ(TavDriveMgr::startRaid(300, two.data()), 1);
-    EXPECT_EQ(stamps(), (std::vector<long long>{202, 203, 203, 203}));
+    EXPECT_EQ(stamps(), (std::vector<long long>{203, 204, 204, 204}));
 }
 
 TEST_F(Lifecycle, TheLastDriveOfAMirrorStopsItWithTheStampsEqual)
@@ -111,7 +113,6 @@ TEST_F(Lifecycle, TheLastDriveOfAMirrorStopsItWithTheStampsEqual)
     top->addSubdevice(-1, 0, nullptr, 3);
     top->addSubdevice(-1, 0, nullptr, 4);
     mirror.add(top);
-    sim::visitMd(platform_.module(), [](sim::MdKernel& k) { k.forgetAll(); });
     ASSERT_EQ(top->createArray(), 0);
     TavDriveMgr::setRaidDevices(&mirror);
     std::vector<int> ok = okDrives();
@@ -132,7 +133,7 @@ TEST_F(Lifecycle, ADriveThatCannotBeWrittenLeavesTheOthersStamped)
     TavDriveMgr::removeFromRaid(1);
     EXPECT_EQ(onDisk(2, 2), 201);
     EXPECT_EQ(onDisk(4, 4), 201);
-    EXPECT_EQ(onDisk(3, 3), 200) << "the failing drive keeps its old copy";
+    EXPECT_EQ(onDisk(3, 3), 100) << "the failing drive keeps its copy as signed";
 
     // The thread stamps what it can and ends normally; a second start only logs.
     TavDriveMgr::checkRebuild.store(true);
@@ -144,9 +145,9 @@ TEST_F(Lifecycle, ADriveThatCannotBeWrittenLeavesTheOthersStamped)
     ASSERT_EQ(TavDriveMgr::addToRaid(1), 0);
     TavDriveMgr::updateMountTimeAfterRebuild();
     waitForThread();
-    EXPECT_EQ(onDisk(1, 1), 202);
-    EXPECT_EQ(onDisk(4, 1), 202);
-    EXPECT_EQ(onDisk(3, 1), 200) << "still the old copy";
+    EXPECT_EQ(onDisk(1, 1), 203);
+    EXPECT_EQ(onDisk(4, 1), 203);
+    EXPECT_EQ(onDisk(3, 1), 100) << "still the copy as signed";
 }
 
 } // namespace
