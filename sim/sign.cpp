@@ -140,6 +140,60 @@ std::vector<BayVerdict> bayVerdicts(const std::string& dir)
     return out;
 }
 
+namespace {
+
+// What `print` writes on standard error, kept from the terminal.
+template <typename Print>
+std::string capturedStderr(Print print)
+{
+    std::fflush(stderr);
+    int saved = ::dup(2);
+    FILE* into = std::tmpfile();
+    if (saved < 0 || !into) {
+        if (saved >= 0) ::close(saved);
+        if (into) std::fclose(into);
+        return "";
+    }
+    ::dup2(::fileno(into), 2);
+    print();
+    std::fflush(stderr);
+    ::dup2(saved, 2);
+    ::close(saved);
+    std::string text;
+    std::rewind(into);
+    for (int c; (c = std::fgetc(into)) != EOF;) text += static_cast<char>(c);
+    std::fclose(into);
+    return text;
+}
+
+} // namespace
+
+std::string managerTables(const std::string& dir)
+{
+    SimPlatform platform(dir);
+    plat::ScopedPlatform scope(platform);
+    TavDriveMgr::Table signature, raid;
+    {
+        QuietOutput quiet;
+        resetDriveManager();
+        TavDriveMgr::init();
+        TavDriveMgr::readSignatureIntoMemory();
+        TavDriveMgr::buildSignatureTableHeading(signature);
+        for (int position = 1; position <= TavDriveMgr::nDrives; ++position)
+            TavDriveMgr::buildSignatureTableRow(signature, position);
+        TavDriveMgr::buildRaidDeviceTableHeading(raid);
+        if (TavRaidDevices* tree = TavDriveMgr::getRaidDevices()) {
+            for (int i = 0; i < tree->getNTopLevelDevs(); ++i)
+                TavDriveMgr::buildRaidDeviceRows(raid, tree->getNthTopLevelDev(i));
+            delete tree;
+        }
+    }
+    std::string text = capturedStderr([&] { TavDriveMgr::printTableData(signature); }) + "\n" +
+                       capturedStderr([&] { TavDriveMgr::printTableData(raid); });
+    resetDriveManager();
+    return text;
+}
+
 std::string formatVerdict(const BayVerdict& v)
 {
     auto stamp = [](const std::optional<int64_t>& s) { return s ? std::to_string(*s) : std::string("-"); };

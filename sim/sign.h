@@ -35,6 +35,11 @@ void resetDriveManager();
 // "" or the reason it could not.
 std::string signModule(const std::string& dir, std::optional<int64_t> time);
 
+// The drive manager's own diagnostic tables of the module, as it logs them:
+// the in-memory signature (a row a position) and the RAID tree (a row a
+// node), each under its titles and a dashed line, with a blank line between.
+std::string managerTables(const std::string& dir);
+
 struct BayVerdict {
     int bay = 0;
     std::string verdict;     // the word of the drive manager's verdict, "-" for an empty bay

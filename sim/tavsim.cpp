@@ -57,7 +57,10 @@ const char kShowHelp[] =
     "                   the role where the families' table puts it (signature,\n"
     "                   data, boot, extended, os, os2, log; \"-\" for none). These\n"
     "                   are the kernel's nodes: an extended partition's node\n"
-    "                   covers its first two sectors.\n";
+    "                   covers its first two sectors.\n"
+    "  --signature      the drive manager's own diagnostic tables: the in-memory\n"
+    "                   signature (a row a position, its verdict beside it) and\n"
+    "                   the RAID tree (a row a node), as it logs them.\n";
 
 const char kPartitionHelp[] =
     "Gives every drive in a bay the families' partition table through the system's\n"
@@ -131,7 +134,7 @@ const char kRunHelp[] =
 const std::vector<Command> kCommands = {
     {"create", "DIR --platform ID [--serial S] [--sectors N [--any-size]] [--feature SECTION:KEY=VALUE]... [--no-drives]",
      "make a module in DIR", kCreateHelp, runCreate},
-    {"show", "DIR [--json | --partitions]", "platform, model, clock, bays, shelf, faults", kShowHelp, runShow},
+    {"show", "DIR [--json | --partitions | --signature]", "platform, model, clock, bays, shelf, faults", kShowHelp, runShow},
     {"partition", "DIR", "give every drive the families' partition table", kPartitionHelp, runPartition},
     {"sign", "DIR [--time T]", "sign every drive as a freshly installed module",
      "Gives every drive in a bay the signature of a freshly installed module of\n"

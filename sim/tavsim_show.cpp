@@ -304,12 +304,17 @@ void printFaults(const std::vector<Fault>& faults)
 int runShow(const Call& call)
 {
     Words w;
-    int status = splitWords(call, {{"--json", nullptr}, {"--partitions", nullptr}}, false, w);
+    int status =
+        splitWords(call, {{"--json", nullptr}, {"--partitions", nullptr}, {"--signature", nullptr}}, false, w);
     if (status || (status = expectPositional(call, w, 1, 1))) return status;
-    const bool json = w.has("--json"), partitions = w.has("--partitions");
-    if (json && partitions) return badUsage(call, "--json and --partitions exclude each other (the JSON holds the partitions)");
+    const bool json = w.has("--json"), partitions = w.has("--partitions"), signature = w.has("--signature");
+    if (json + partitions + signature > 1) return badUsage(call, "--json, --partitions and --signature exclude each other");
     auto module = openModule(call, w.positional[0], status);
     if (!module) return status;
+    if (signature) {
+        std::cout << managerTables(module->dir());
+        return kDone;
+    }
     ModuleView view = readModule(*module);
     if (json) writeJson(view);
     else if (partitions) printPartitions(view);

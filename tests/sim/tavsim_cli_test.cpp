@@ -556,3 +556,41 @@ TEST(TavsimCli, NumbersSizesQuotingAndJsonStrings)
     EXPECT_EQ(sim::jsonQuote("\xff\xc3"), "\"\\u00ff\\u00c3\"") << "stray bytes become code points";
     EXPECT_EQ(sim::jsonQuote("\xed\xa0\x80"), "\"\\u00ed\\u00a0\\u0080\"") << "no surrogates";
 }
+
+TEST(TavsimCli, RaidConfiguresTheArrayAndShowSignatureListsTheTree)
+{
+    TempModule m;
+    const std::string d = m.dir();
+    EXPECT_EQ(tavsim({"raid", d, "--level", "1"}).status, 1) << "not partitioned and signed";
+    ASSERT_EQ(tavsim({"partition", d}).status, 0);
+    ASSERT_EQ(tavsim({"sign", d, "--time", "500"}).status, 0);
+    expectRefusals({
+        {{"raid", d}, 2, "tavsim raid: --level is needed"},
+        {{"raid", d, "--level", "6"}, 2, "tavsim raid: --level 6: 0, 1 or 5"},
+        {{"raid", d, "--level", "1", "--drives", "1,x"}, 2, "tavsim raid: --drives 1,x: bay"},
+        {{"raid", d, "--level", "1", "--md", "200"}, 2, "tavsim raid: --md"},
+        {{"raid", d, "--level", "1", "--drives", "1,9"}, 1, "tavsim raid: bay 9: the module has positions 1 to 4"},
+        {{"raid", d, "--level", "1", "--drives", "1,1"}, 1, "tavsim raid: bay 1 is named twice"},
+        {{"raid", d, "--level", "5", "--drives", "1,2,3", "--spares", "1"}, 1,
+         "tavsim raid: a RAID 5 needs at least 3 members, not 2"},
+        {{"raid", d, "--level", "0", "--spares", "1"}, 1, "tavsim raid: a RAID 0 takes no spares"},
+    });
+    Outcome made = tavsim({"raid", d, "--level", "1", "--drives", "3,4", "--md", "7", "--mount", "/data"});
+    ASSERT_EQ(made.status, 0) << made.err;
+    EXPECT_EQ(made.out, "/dev/md7 RAID 1 of bays 3 and 4, mounted at /data; OS mirrors /dev/md200 and /dev/md201; "
+                        "the tree written into every drive's signature\n");
+
+    Outcome tables = tavsim({"show", d, "--signature"});
+    ASSERT_EQ(tables.status, 0) << tables.err;
+    auto drives = rows(tables.out, "3");
+    ASSERT_EQ(drives.size(), 1u) << tables.out;
+    EXPECT_EQ(drives[0][1], "500");
+    EXPECT_EQ(drives[0].back(), "1") << "a member is active";
+    EXPECT_EQ(rows(tables.out, "1")[0].back(), "0") << "bay 1 is in no array";
+    auto top = rows(tables.out, "/dev/md7");
+    ASSERT_EQ(top.size(), 1u) << tables.out;
+    EXPECT_EQ(top[0], (std::vector<std::string>{"/dev/md7", "7", "Array", "NULL", "1", "2", "1", "0", "0"}));
+    EXPECT_EQ(rows(tables.out, "/dev/ide/host0/bus1/target0/lun0/part2")[0][3], "/dev/md7");
+    EXPECT_EQ(tavsim({"show", d, "--signature", "--json"}).status, 2);
+    EXPECT_EQ(tavsim({"raid", d, "--level", "1", "--drives", "3,4", "--md", "7"}).status, 1) << "it stands already";
+}
