@@ -188,8 +188,8 @@ TEST(TavsimCli, CommandLineRefusalsNameTheArgumentAndTheRange)
     expectRefusals({
         {{}, 2, "tavsim: no command\nthe commands: create show partition sign raid pull insert swap corrupt fault log run"},
         {{"frobnicate", d}, 2, "tavsim: unknown command frobnicate\nthe commands: create show"},
-        {{"show", d, "--colour"}, 2, "tavsim show: unknown option --colour; show takes --json and --partitions"},
-        {{"show", d, "--json", "--partitions"}, 2, "tavsim show: --json and --partitions exclude each other"},
+        {{"show", d, "--colour"}, 2, "tavsim show: unknown option --colour; show takes --json, --partitions and --signature"},
+        {{"show", d, "--json", "--partitions"}, 2, "tavsim show: --json, --partitions and --signature exclude each other"},
         {{"pull", d, "1", "2"}, 2, "tavsim pull: unexpected argument 2"},
         {{"pull"}, 2, "tavsim pull: no module directory given"},
     });
