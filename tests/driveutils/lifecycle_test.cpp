@@ -4,10 +4,13 @@
 // the virtual clock, the mount-time thread stamping every drive when the
 // rebuild ends), then drives removed until the array goes off.
 #include <chrono>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <thread>
 
 #include "driveutils/store_fixture.h"
 #include "driveutils/tav_md_raiddev.h"
+#include "driveutils/tavdrive.h"
 #include "driveutils/tavraiddevices.h"
 #include "sim/md_kernel.h"
 #include "sim/raid.h"
@@ -148,6 +151,32 @@ TEST_F(Lifecycle, ADriveThatCannotBeWrittenLeavesTheOthersStamped)
     EXPECT_EQ(onDisk(1, 1), 203);
     EXPECT_EQ(onDisk(4, 1), 203);
     EXPECT_EQ(onDisk(3, 1), 100) << "still the copy as signed";
+}
+
+TEST_F(Lifecycle, AnOsMirrorWaitingForARebuildThatDoesNotRunOverridesTheDataArray)
+{
+    std::vector<int> ok = okDrives();
+    ASSERT_EQ(TavDriveMgr::startRaid(200, ok.data()), 0);
+    ASSERT_EQ(TavDriveMgr::checkRaid(), RD::NOMINAL);
+    // Bay 2's os partition leaves /dev/md200 and comes back to a mirror that
+    // does not sync it.
+    sim::visitMd(platform_.module(), [](sim::MdKernel& k) { k.setStalled(200, true); });
+    struct stat st;
+    ASSERT_EQ(plat::stat(TavDriveMgr::getDrive(2)->getOSPartitionName().c_str(), &st), 0);
+    void* member = reinterpret_cast<void*>(static_cast<uintptr_t>(st.st_rdev));
+    int fd = plat::open("/dev/md200", O_RDONLY);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(plat::ioctl(fd, SET_DISK_FAULTY, member), 0);
+    EXPECT_EQ(plat::ioctl(fd, HOT_REMOVE_DISK, member), 0);
+    EXPECT_EQ(plat::ioctl(fd, HOT_ADD_DISK, member), 0);
+    plat::close(fd);
+    EXPECT_EQ(TavDriveMgr::checkOsRebuilding("/dev/md200"), RD::NOT_REBUILDING);
+    EXPECT_EQ(TavDriveMgr::checkDataRaid(), RD::NOMINAL);
+    EXPECT_EQ(TavDriveMgr::checkRaid(), RD::NOT_REBUILDING) << "whatever the data array's state";
+    EXPECT_FALSE(TavDriveMgr::raidRunning());
+    sim::visitMd(platform_.module(), [](sim::MdKernel& k) { k.setStalled(200, false); });
+    plat::sleep(60);
+    EXPECT_EQ(TavDriveMgr::checkRaid(), RD::NOMINAL) << "the mirror synced once it could";
 }
 
 } // namespace
