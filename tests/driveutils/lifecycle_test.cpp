@@ -20,9 +20,9 @@ namespace {
 
 using RD = TavRaidDevice;
 
-class Lifecycle : public testing::Test {
+class Lifecycle : public storetest::ManagerTest {
 protected:
-    Lifecycle() : platform_(m_.dir()), scope_(platform_)
+    Lifecycle()
     {
         sim::RaidOptions options;
         options.level = 5;
@@ -34,11 +34,7 @@ protected:
         TavDriveMgr::init();
         TavDriveMgr::readSignatureIntoMemory();
     }
-    ~Lifecycle() override
-    {
-        waitForThread();
-        sim::resetDriveManager();
-    }
+    ~Lifecycle() override { waitForThread(); }
 
     // The drives that pass their checks.
     std::vector<int> okDrives()
@@ -58,10 +54,6 @@ protected:
     }
     // The stamps on a drive's own copy.
     long long onDisk(int bay, int position) { return m_.copy(bay, 0).dismountOf(position); }
-
-    storetest::StoreModule m_;
-    sim::SimPlatform platform_;
-    plat::ScopedPlatform scope_;
 };
 
 TEST_F(Lifecycle, RemovedDriveFallsBehindRejoinsAndTheLastMembersKeepEqualStamps)

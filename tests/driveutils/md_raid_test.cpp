@@ -19,14 +19,8 @@ namespace {
 
 using RD = TavRaidDevice;
 
-class Md : public testing::Test {
+class Md : public storetest::ManagerTest {
 protected:
-    Md() : platform_(m_.dir()), scope_(platform_)
-    {
-        sim::resetDriveManager();
-        TavDriveMgr::init();
-    }
-    ~Md() override { sim::resetDriveManager(); }
 
     // An array of `level` as configuration makes it, over `positions`.
     RD* array(int level, int number, std::vector<int> positions)
@@ -80,9 +74,6 @@ protected:
         plat::close(fd);
     }
 
-    storetest::StoreModule m_;
-    sim::SimPlatform platform_;
-    plat::ScopedPlatform scope_;
     TavRaidDevices tree_;
     size_t seen_ = 0;
 };

@@ -10,14 +10,8 @@ namespace {
 
 using RD = TavRaidDevice;
 
-class Policy : public testing::Test {
+class Policy : public storetest::ManagerTest {
 protected:
-    Policy() : platform_(m_.dir()), scope_(platform_)
-    {
-        sim::resetDriveManager();
-        TavDriveMgr::init();
-    }
-    ~Policy() override { sim::resetDriveManager(); }
 
     // The lines a call logs.
     template <typename Call>
@@ -30,10 +24,6 @@ protected:
         for (std::string line; std::getline(in, line);) lines.push_back(line);
         return lines;
     }
-
-    storetest::StoreModule m_;
-    sim::SimPlatform platform_;
-    plat::ScopedPlatform scope_;
 };
 
 TEST_F(Policy, TablesAreRightAlignedUnderADashedLine)

@@ -94,21 +94,14 @@ std::string bytes(const Tables& t)
            std::string(reinterpret_cast<const char*>(t.strings.data()), t.strings.size() * 512);
 }
 
-class Tree : public testing::Test {
+class Tree : public storetest::ManagerTest {
 protected:
-    Tree() : platform_(m_.dir()), scope_(platform_)
+    Tree()
     {
-        sim::resetDriveManager();
-        TavDriveMgr::init();
         Scripted::arrays.clear();
         Scripted::rebuilding.clear();
         Scripted::failed.clear();
     }
-    ~Tree() override { sim::resetDriveManager(); }
-
-    storetest::StoreModule m_;
-    sim::SimPlatform platform_;
-    plat::ScopedPlatform scope_;
 };
 
 TEST_F(Tree, RaidFiveOfFourDisksIsFiveRecordsAndRebuildsToTheSameShape)

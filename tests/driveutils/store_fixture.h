@@ -163,4 +163,19 @@ private:
     simtest::TempModule temp_;
 };
 
+// A signed module with the drive manager brought up on it in this process.
+class ManagerTest : public testing::Test {
+protected:
+    ManagerTest() : platform_(m_.dir()), scope_(platform_)
+    {
+        sim::resetDriveManager();
+        TavDriveMgr::init();
+    }
+    ~ManagerTest() override { sim::resetDriveManager(); }
+
+    StoreModule m_;
+    sim::SimPlatform platform_;
+    plat::ScopedPlatform scope_;
+};
+
 } // namespace storetest

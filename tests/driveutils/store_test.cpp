@@ -11,14 +11,8 @@ namespace storetest {
 namespace {
 
 // A signed module with the drive manager brought up on it in this process.
-class Store : public testing::Test {
+class Store : public ManagerTest {
 protected:
-    Store() : platform_(m_.dir()), scope_(platform_)
-    {
-        sim::resetDriveManager();
-        TavDriveMgr::init();
-    }
-    ~Store() override { sim::resetDriveManager(); }
 
     // Gives bay `bay` a block read from the drive manager's memory after
     // `change`: the records as signed, changed, written by the store itself.
@@ -43,10 +37,6 @@ protected:
         delete TavDriveMgr::devices;
         TavDriveMgr::devices = new TavRaidDevices(&table, &strings, 1, 1);
     }
-
-    StoreModule m_;
-    sim::SimPlatform platform_;
-    plat::ScopedPlatform scope_;
 };
 
 TEST_F(Store, NewestDismountWinsFirstPositionOnATieAndType0KeepsTheTree)
