@@ -73,6 +73,13 @@ bool queryArray(const char* device, mdu_array_info_t& info, const char* openForm
     return ok;
 }
 
+// The query of both status readings; a failure means OFF.
+bool statusQuery(const char* device, mdu_array_info_t& info)
+{
+    return queryArray(device, info, "checkRaid: can't open %s for reading %s:%d\n",
+                      "ioctl GET_ARRAY_INFO errno:%d dev:%s %s:%d\n");
+}
+
 bool hasEntry(const TavRaidDevice::DiskStatus* entries, int count, TavRaidDevice::DiskStatus wanted)
 {
     for (int i = 0; i < count; ++i)
@@ -452,9 +459,7 @@ TavRaidDevice::RaidStatus TavMdRaidDevice::checkRaidStatus()
 TavRaidDevice::RaidStatus TavMdRaidDevice::checkRaidStatus(const char* device)
 {
     mdu_array_info_t info{};
-    if (!queryArray(device, info, "checkRaid: can't open %s for reading %s:%d\n",
-                    "ioctl GET_ARRAY_INFO errno:%d dev:%s %s:%d\n"))
-        return OFF;
+    if (!statusQuery(device, info)) return OFF;
     if (info.working_disks == 0) return OFF;
     if (info.level == 0 && info.working_disks < info.raid_disks) return OFF;
     if (info.level == 1 && info.active_disks < info.working_disks) {
@@ -471,9 +476,7 @@ TavRaidDevice::RaidStatus TavMdRaidDevice::checkRaidStatus(const char* device)
 TavRaidDevice::RaidStatus TavMdRaidDevice::checkRaidStatusEx(const char* device)
 {
     mdu_array_info_t info{};
-    if (!queryArray(device, info, "checkRaid: can't open %s for reading %s:%d\n",
-                    "ioctl GET_ARRAY_INFO errno:%d dev:%s %s:%d\n"))
-        return OFF;
+    if (!statusQuery(device, info)) return OFF;
     if (info.active_disks == 0) return OFF;
     if (info.level == 0 && info.active_disks < info.raid_disks) return OFF;
     if ((info.level == 1 || info.level == 5) && info.active_disks < info.raid_disks) {

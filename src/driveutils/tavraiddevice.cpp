@@ -48,10 +48,7 @@ char* readMountPoint(const SECT_RAID_DEV& d, const SECT_STRING_TABLE* strings, i
     int length = static_cast<int8_t>(table[d.stringIndex]);
     if (length < 0) length = 0;
     if (length > kStringTableSize - 1 - d.stringIndex) length = kStringTableSize - 1 - d.stringIndex;
-    char text[kStringTableSize];
-    std::memcpy(text, table + d.stringIndex + 1, static_cast<size_t>(length));
-    text[length] = '\0';
-    return duplicate(text, static_cast<size_t>(length));
+    return duplicate(reinterpret_cast<const char*>(table + d.stringIndex + 1), static_cast<size_t>(length));
 }
 
 template <typename T>

@@ -58,7 +58,7 @@ protected:
         return text;
     }
     // KiB of /dev/md1.
-    uint64_t componentKiB()
+    uint64_t arrayKiB()
     {
         int fd = plat::open("/dev/md1", O_RDONLY);
         uint64_t bytes = 0;
@@ -140,7 +140,7 @@ TEST_F(Md, StartWithoutTheSecondDiskRunsDegradedAndItsHotAddRebuildsOnTheClock)
 
     // The second disk comes back: a hot add, a rebuild at speed_limit_max,
     // 37.5 percent after three of eight seconds.
-    const uint64_t component = componentKiB() / 2;
+    const uint64_t component = arrayKiB() / 2;  // a RAID 5 of three holds two components
     ASSERT_EQ(component % 8, 0u);
     setRate("/proc/sys/dev/raid/speed_limit_max", static_cast<long>(component / 8));
     RD* second = top->getSubdevice(1);
