@@ -1,5 +1,7 @@
 #include "device_model.h"
 
+#include <algorithm>
+
 #include <unistd.h>
 
 #include "ata_disk.h"
@@ -43,6 +45,22 @@ int DeviceModel::fstat(DeviceContext&, OpenNode& n, struct ::stat* st) { return 
 int DeviceModel::stat(DeviceContext& ctx, const std::string& vpath, const DeviceNode&, struct ::stat* st)
 {
     return ctx.module.host().stat(vpath, st);
+}
+
+bool DeviceModel::readReady(DeviceContext&, OpenNode&) { return true; }
+
+std::optional<uint64_t> DeviceModel::nextEvent(DeviceContext&) { return std::nullopt; }
+
+std::vector<DeviceModel*> DeviceRegistry::all() const
+{
+    std::vector<DeviceModel*> out;
+    auto add = [&out](DeviceModel* m) {
+        if (m && std::find(out.begin(), out.end(), m) == out.end()) out.push_back(m);
+    };
+    for (const auto& entry : prefixes_) add(entry.second.get());
+    for (const auto& entry : majors_) add(entry.second.get());
+    add(sockets_.get());
+    return out;
 }
 
 void DeviceRegistry::byPrefix(const std::string& prefix, std::shared_ptr<DeviceModel> model)

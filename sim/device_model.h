@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <memory>
 #include <string>
 #include <sys/stat.h>
@@ -62,6 +63,17 @@ public:
     virtual int fstat(DeviceContext& ctx, OpenNode& n, struct ::stat* st);
     // stat of a node by path; `present` as Module::device tells.
     virtual int stat(DeviceContext& ctx, const std::string& vpath, const DeviceNode& node, struct ::stat* st);
+
+    // A read with nothing to give yet returns -1 with errno EWOULDBLOCK; on a
+    // blocking descriptor the platform then waits (a simulated wait that holds
+    // no lock of the platform) until readReady is true, and reads again. The
+    // platform asks readReady while its thread holds the turn (clock.h), so a
+    // model sees the calls of all threads one at a time. Default: true.
+    virtual bool readReady(DeviceContext& ctx, OpenNode& n);
+    // The virtual time (microseconds since the epoch) of the model's next
+    // event of its own, if any: when every thread waits, the clock moves to
+    // the earliest of these and of the waits' ends. Default: none.
+    virtual std::optional<uint64_t> nextEvent(DeviceContext& ctx);
 };
 
 // The models of a platform, found by path prefix or by (block, major).
@@ -74,6 +86,8 @@ public:
     DeviceModel* prefixModel(const std::string& vpath) const;
     DeviceModel* majorModel(bool character, unsigned major) const;
     DeviceModel* socketModel() const { return sockets_.get(); }
+    // Every model registered, each once.
+    std::vector<DeviceModel*> all() const;
 
     // The models of the families simulated so far.
     static DeviceRegistry standard();
