@@ -67,7 +67,7 @@ public:
     // A read with nothing to give yet returns -1 with errno EWOULDBLOCK; on a
     // blocking descriptor the platform then waits (a simulated wait that holds
     // no lock of the platform) until readReady is true, and reads again. The
-    // platform asks readReady while its thread holds the turn (clock.h), so a
+    // platform asks readReady while its thread holds the turn (scheduler.h), so a
     // model sees the calls of all threads one at a time. Default: true.
     virtual bool readReady(DeviceContext& ctx, OpenNode& n);
     // The virtual time (microseconds since the epoch) of the model's next

@@ -14,7 +14,7 @@
 namespace sim {
 namespace {
 
-const char* const kOpNames[] = {"open", "read", "write", "lseek", "fsync", "ioctl", "stat", "unlink", "rename"};
+const char* const kOpNames[] = {"open", "read", "write", "lseek", "fsync", "ioctl", "stat", "unlink", "rename", "wait"};
 
 struct ErrnoName {
     int value;

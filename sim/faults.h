@@ -29,7 +29,8 @@
 namespace sim {
 
 // Rename faults match the source path.
-enum class Op { Open, Read, Write, Lseek, Fsync, Ioctl, Stat, Unlink, Rename };
+// A wait is the platform's waitTimeout (its path is "-").
+enum class Op { Open, Read, Write, Lseek, Fsync, Ioctl, Stat, Unlink, Rename, Wait };
 
 const char* opName(Op op);
 bool parseOp(const std::string& name, Op& op);

@@ -49,7 +49,16 @@ const std::vector<std::string>& mappedRoots()
 }
 
 SimPlatform::SimPlatform(const std::string& dir)
-    : module_(dir), registry_(DeviceRegistry::standard()), commands_(CommandTable::standard())
+    : module_(dir),
+      registry_(DeviceRegistry::standard()),
+      commands_(CommandTable::standard()),
+      sched_(Scheduler::Clock{[this] { return nowMicros(); },
+                              [this](uint64_t to) {
+                                  std::lock_guard<std::recursive_mutex> guard(mu_);
+                                  uint64_t now = nowMicros();
+                                  if (to > now) module_.advance(to - now);
+                              },
+                              [this] { return nextDeviceEvent(); }})
 {
     refreshFaults();
 }
@@ -70,7 +79,7 @@ SimPlatform::~SimPlatform()
 
 void SimPlatform::arm(const Fault& fault)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     module_.updateState("faults", [&](std::string& text) {
         text += fault.format() + "\n";
         return true;
@@ -80,27 +89,27 @@ void SimPlatform::arm(const Fault& fault)
 
 void SimPlatform::clearFaults()
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     module_.writeState("faults", "");
     refreshFaults();
 }
 
 std::vector<Fault> SimPlatform::faults()
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     refreshFaults();
     return faults_;
 }
 
 bool SimPlatform::powerIsCut()
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     return powerCut_;
 }
 
 uint64_t SimPlatform::calls(Op op, const std::string& pattern)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     uint64_t n = 0;
     for (const auto& [key, count] : counts_)
         if (key.first == op && pathMatches(pattern, key.second)) n += count;
@@ -109,7 +118,7 @@ uint64_t SimPlatform::calls(Op op, const std::string& pattern)
 
 void SimPlatform::resetCalls()
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     counts_.clear();
     for (Fault& f : faults_) f.seen = 0;
 }
@@ -176,7 +185,7 @@ SimPlatform::Hit SimPlatform::checkFault(Op op, const std::string& vpath, unsign
 
 bool SimPlatform::normalize(const char* path, std::string& vpath)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     std::string full = path[0] == '/' ? std::string(path) : cwd_ + "/" + path;
     std::vector<std::string> parts;
     size_t pos = 0;
@@ -267,7 +276,7 @@ SimPlatform::Handle* SimPlatform::handle(int fd)
 
 int SimPlatform::open(const char* path, int flags, mode_t mode)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     const int accmode = flags & O_ACCMODE;
     Resolved r;
     if (!resolve(path, r, accmode != O_RDONLY || (flags & (O_CREAT | O_TRUNC)))) return -1;
@@ -276,6 +285,7 @@ int SimPlatform::open(const char* path, int flags, mode_t mode)
     Handle h;
     h.vpath = r.vpath;
     h.accmode = accmode;
+    h.nonblocking = (flags & O_NONBLOCK) != 0;
     Target t = target(r);
     int fd = -1;
     if (r.kind == Resolved::Proc) {
@@ -306,7 +316,7 @@ int SimPlatform::open(const char* path, int flags, mode_t mode)
 
 int SimPlatform::close(int fd)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     if (Handle* h = handle(fd); h && h->model) {
         DeviceContext ctx = context();
         h->model->close(ctx, *h);
@@ -316,21 +326,25 @@ int SimPlatform::close(int fd)
 }
 
 // read, write, pread and pwrite: `at` null for the descriptor's position.
-ssize_t SimPlatform::transfer(int fd, void* buf, size_t count, const uint64_t* at, bool writing)
+ssize_t SimPlatform::transfer(int fd, void* buf, size_t count, const uint64_t* at, bool writing, bool again,
+                              bool* wouldBlock)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     Handle* h = handle(fd);
     if (!h) {
         if (writing) return at ? ::pwrite(fd, buf, count, static_cast<off_t>(*at)) : ::write(fd, buf, count);
         return at ? ::pread(fd, buf, count, static_cast<off_t>(*at)) : ::read(fd, buf, count);
     }
-    Hit hit = checkFault(writing ? Op::Write : Op::Read, h->vpath);
+    Hit hit = again ? Hit{} : checkFault(writing ? Op::Write : Op::Read, h->vpath);
     if (hit.fires && hit.action == Fault::Action::Error) return fail(hit.error);
     if (hit.fires && hit.action == Fault::Action::Short) count = std::min<uint64_t>(count, hit.shortCount);
     if (h->model) {
         DeviceContext ctx = context();
         uint64_t where = at ? *at : h->pos;
-        return writing ? h->model->write(ctx, *h, buf, count, where, !at) : h->model->read(ctx, *h, buf, count, where, !at);
+        if (writing) return h->model->write(ctx, *h, buf, count, where, !at);
+        ssize_t got = h->model->read(ctx, *h, buf, count, where, !at);
+        if (got < 0 && errno == EWOULDBLOCK && !h->nonblocking && wouldBlock) *wouldBlock = true;
+        return got;
     }
     if (!writing) return at ? ::pread(fd, buf, count, static_cast<off_t>(*at)) : ::read(fd, buf, count);
     if (powerCut_) {
@@ -342,7 +356,31 @@ ssize_t SimPlatform::transfer(int fd, void* buf, size_t count, const uint64_t* a
     return at ? ::pwrite(fd, buf, count, static_cast<off_t>(*at)) : ::write(fd, buf, count);
 }
 
-ssize_t SimPlatform::read(int fd, void* buf, size_t count) { return transfer(fd, buf, count, nullptr, false); }
+ssize_t SimPlatform::blockingRead(int fd, void* buf, size_t count, const uint64_t* at)
+{
+    Turn turn(sched_);
+    bool wouldBlock = false;
+    ssize_t got = transfer(fd, buf, count, at, false, false, &wouldBlock);
+    while (wouldBlock) {
+        wouldBlock = false;
+        sched_.waitFor([this, fd] { return readReady(fd); });
+        got = transfer(fd, buf, count, at, false, true, &wouldBlock);
+    }
+    return got;
+}
+
+// Asked by the scheduler while the reader waits; a descriptor closed
+// meanwhile ends the wait, and the read then fails.
+bool SimPlatform::readReady(int fd)
+{
+    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Handle* h = handle(fd);
+    if (!h || !h->model) return true;
+    DeviceContext ctx = context();
+    return h->model->readReady(ctx, *h);
+}
+
+ssize_t SimPlatform::read(int fd, void* buf, size_t count) { return blockingRead(fd, buf, count, nullptr); }
 
 ssize_t SimPlatform::write(int fd, const void* buf, size_t count)
 {
@@ -353,7 +391,7 @@ ssize_t SimPlatform::pread(int fd, void* buf, size_t count, off_t offset)
 {
     if (offset < 0) return fail(EINVAL);
     uint64_t at = static_cast<uint64_t>(offset);
-    return transfer(fd, buf, count, &at, false);
+    return blockingRead(fd, buf, count, &at);
 }
 
 ssize_t SimPlatform::pwrite(int fd, const void* buf, size_t count, off_t offset)
@@ -365,7 +403,7 @@ ssize_t SimPlatform::pwrite(int fd, const void* buf, size_t count, off_t offset)
 
 off_t SimPlatform::lseek(int fd, off_t offset, int whence)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     Handle* h = handle(fd);
     if (!h) return ::lseek(fd, offset, whence);
     Hit hit = checkFault(Op::Lseek, h->vpath);
@@ -377,7 +415,7 @@ off_t SimPlatform::lseek(int fd, off_t offset, int whence)
 
 int SimPlatform::fsync(int fd)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     Handle* h = handle(fd);
     if (!h) return ::fsync(fd);
     Hit hit = checkFault(Op::Fsync, h->vpath);
@@ -389,7 +427,7 @@ int SimPlatform::fsync(int fd)
 
 int SimPlatform::ioctl(int fd, unsigned long request, void* arg)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     Handle* h = handle(fd);
     if (!h) {
         TAV_LOG(0, "tavsim: refused ioctl 0x%lx on descriptor %d opened outside the module %s:%d\n", request, fd,
@@ -406,7 +444,7 @@ int SimPlatform::ioctl(int fd, unsigned long request, void* arg)
 
 int SimPlatform::fstat(int fd, struct ::stat* st)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     Handle* h = handle(fd);
     if (!h) return ::fstat(fd, st);
     Hit hit = checkFault(Op::Stat, h->vpath);
@@ -418,7 +456,7 @@ int SimPlatform::fstat(int fd, struct ::stat* st)
 
 void* SimPlatform::mmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     Handle* h = handle(fd);
     if ((flags & MAP_ANONYMOUS) || (h && h->kind == Kind::File)) return ::mmap(addr, length, prot, flags, fd, offset);
     errno = ENODEV;
@@ -432,7 +470,7 @@ int SimPlatform::munmap(void* addr, size_t length) { return ::munmap(addr, lengt
 // Links are refused in the module, so stat and lstat are one.
 int SimPlatform::pathStat(const char* path, struct ::stat* st)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     Resolved r;
     if (!resolve(path, r, false)) return -1;
     Hit hit = checkFault(Op::Stat, r.vpath);
@@ -453,7 +491,7 @@ int SimPlatform::lstat(const char* path, struct ::stat* st) { return pathStat(pa
 
 int SimPlatform::access(const char* path, int mode)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     Resolved r;
     if (!resolve(path, r, false)) return -1;
     Hit hit = checkFault(Op::Stat, r.vpath);
@@ -472,7 +510,7 @@ int SimPlatform::access(const char* path, int mode)
 
 int SimPlatform::mkdir(const char* path, mode_t mode)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     Resolved r;
     if (!resolve(path, r, true)) return -1;
     bool present = false;
@@ -482,7 +520,7 @@ int SimPlatform::mkdir(const char* path, mode_t mode)
 
 int SimPlatform::mknod(const char* path, mode_t, dev_t)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     Resolved r;
     if (!resolve(path, r, true)) return -1;
     bool present = false;
@@ -496,7 +534,7 @@ int SimPlatform::mknod(const char* path, mode_t, dev_t)
 
 int SimPlatform::unlink(const char* path)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     Resolved r;
     if (!resolve(path, r, true)) return -1;
     Target t = target(r);
@@ -511,7 +549,7 @@ int SimPlatform::unlink(const char* path)
 
 int SimPlatform::remove(const char* path)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     Resolved r;
     if (!resolve(path, r, true)) return -1;
     Target t = target(r);
@@ -524,7 +562,7 @@ int SimPlatform::remove(const char* path)
 
 int SimPlatform::rename(const char* from, const char* to)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     Resolved a, b;
     if (!resolve(from, a, true) || !resolve(to, b, true)) return -1;
     Target ta = target(a), tb = target(b);
@@ -539,7 +577,7 @@ int SimPlatform::rename(const char* from, const char* to)
 
 int SimPlatform::mkstemp(char* templ)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     Resolved r;
     if (!resolve(templ, r, true)) return -1;
     size_t len = std::strlen(templ);
@@ -560,7 +598,7 @@ int SimPlatform::mkstemp(char* templ)
 
 DIR* SimPlatform::opendir(const char* path)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     Resolved r;
     if (!resolve(path, r, false)) return nullptr;
     Hit hit = checkFault(Op::Open, r.vpath);
@@ -627,14 +665,14 @@ FILE* SimPlatform::fopen(const char* path, const char* mode)
     case 'a': flags = (plus ? O_RDWR : O_WRONLY) | O_CREAT | O_APPEND; break;
     default: errno = EINVAL; return nullptr;
     }
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     int fd = open(path, flags, 0666);
     return fd < 0 ? nullptr : streamOf(fd, mode);
 }
 
 int SimPlatform::chdir(const char* path)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     Resolved r;
     if (!resolve(path, r, false)) return -1;
     if (r.kind == Resolved::Proc) {
@@ -666,7 +704,7 @@ int SimPlatform::runCommand(const std::string& kind, const std::string& command,
 
 int SimPlatform::system(const char* command)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     if (!command) return 1;  // a shell is there
     std::string output;
     int status = runCommand("system", command, "", output);
@@ -675,7 +713,7 @@ int SimPlatform::system(const char* command)
 
 FILE* SimPlatform::popen(const char* command, const char* mode)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     if (!command || !mode || (mode[0] != 'r' && mode[0] != 'w')) {
         errno = EINVAL;
         return nullptr;
@@ -712,7 +750,7 @@ FILE* SimPlatform::popen(const char* command, const char* mode)
 
 int SimPlatform::pclose(FILE* stream)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     auto it = pipes_.find(stream);
     if (it == pipes_.end()) return fail(ECHILD);
     Pipe* pipe = it->second;
@@ -729,7 +767,7 @@ int SimPlatform::pclose(FILE* stream)
 
 int SimPlatform::kill(pid_t pid, int signal)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     module_.logCommand("kill", ESRCH, true, "kill -" + std::to_string(signal) + " " + std::to_string(pid));
     return fail(ESRCH);
 }
@@ -738,7 +776,7 @@ int SimPlatform::kill(pid_t pid, int signal)
 
 time_t SimPlatform::time(time_t* out)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     time_t now = module_.now().tv_sec;
     if (out) *out = now;
     return now;
@@ -746,45 +784,76 @@ time_t SimPlatform::time(time_t* out)
 
 int SimPlatform::gettimeofday(struct timeval* tv)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     if (!tv) return fail(EFAULT);
     *tv = module_.now();
     return 0;
 }
 
-unsigned int SimPlatform::sleep(unsigned int seconds)
+uint64_t SimPlatform::nowMicros()
 {
     std::lock_guard<std::recursive_mutex> guard(mu_);
-    module_.advance(static_cast<uint64_t>(seconds) * 1000000);
+    timeval tv = module_.now();
+    return static_cast<uint64_t>(tv.tv_sec) * 1000000 + static_cast<uint64_t>(tv.tv_usec);
+}
+
+std::optional<uint64_t> SimPlatform::nextDeviceEvent()
+{
+    std::lock_guard<std::recursive_mutex> guard(mu_);
+    DeviceContext ctx = context();
+    std::optional<uint64_t> next;
+    for (DeviceModel* model : registry_.all()) {
+        std::optional<uint64_t> t = model->nextEvent(ctx);
+        if (t && (!next || *t < *next)) next = t;
+    }
+    return next;
+}
+
+// Holds the turn and no lock of the platform while it waits.
+void SimPlatform::waitFor(uint64_t micros)
+{
+    sched_.waitUntil(nowMicros() + micros);
+}
+
+unsigned int SimPlatform::sleep(unsigned int seconds)
+{
+    Turn turn(sched_);
+    waitFor(static_cast<uint64_t>(seconds) * 1000000);
     return 0;
 }
 
 int SimPlatform::usleep(useconds_t usec)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
-    module_.advance(usec);
+    Turn turn(sched_);
+    waitFor(usec);
     return 0;
 }
 
 int SimPlatform::nanosleep(const struct timespec* req, struct timespec* rem)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Turn turn(sched_);
     if (!req) return fail(EFAULT);
     if (req->tv_sec < 0 || req->tv_nsec < 0 || req->tv_nsec >= 1000000000) return fail(EINVAL);
-    module_.advance(static_cast<uint64_t>(req->tv_sec) * 1000000 + static_cast<uint64_t>(req->tv_nsec) / 1000);
+    waitFor(static_cast<uint64_t>(req->tv_sec) * 1000000 + static_cast<uint64_t>(req->tv_nsec) / 1000);
     if (rem) *rem = timespec{0, 0};
     return 0;
 }
 
 int SimPlatform::waitTimeout(struct timeval* timeout)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
-    if (!timeout) {
-        TAV_LOG(0, "tavsim: a wait without a time-out would never end %s:%d\n", TAV_FILE, __LINE__);
-        return fail(EINVAL);
+    Turn turn(sched_);
+    {
+        std::lock_guard<std::recursive_mutex> guard(mu_);
+        if (!timeout) {
+            TAV_LOG(0, "tavsim: a wait without a time-out would never end %s:%d\n", TAV_FILE, __LINE__);
+            return fail(EINVAL);
+        }
+        if (timeout->tv_sec < 0 || timeout->tv_usec < 0) return fail(EINVAL);
+        // A fault cuts the wait short at once (EINTR) or refuses it.
+        Hit hit = checkFault(Op::Wait, "-");
+        if (hit.fires) return fail(hit.error);
     }
-    if (timeout->tv_sec < 0 || timeout->tv_usec < 0) return fail(EINVAL);
-    module_.advance(static_cast<uint64_t>(timeout->tv_sec) * 1000000 + static_cast<uint64_t>(timeout->tv_usec));
+    waitFor(static_cast<uint64_t>(timeout->tv_sec) * 1000000 + static_cast<uint64_t>(timeout->tv_usec));
     *timeout = timeval{0, 0};
     return 0;
 }
@@ -793,7 +862,7 @@ int SimPlatform::waitTimeout(struct timeval* timeout)
 
 int SimPlatform::socket(int domain, int type, int protocol)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     int fd = ::socket(domain, type, protocol);
     if (fd >= 0) {
         Handle h;
@@ -807,7 +876,7 @@ int SimPlatform::socket(int domain, int type, int protocol)
 
 int SimPlatform::setsockopt(int fd, int level, int name, const void* value, socklen_t length)
 {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
+    Call call(*this);
     Handle* h = handle(fd);
     if (!h || h->kind != Kind::Socket) return fail(ENOTSOCK);
     return ::setsockopt(fd, level, name, value, length);

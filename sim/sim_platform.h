@@ -22,6 +22,7 @@
 #include "faults.h"
 #include "module.h"
 #include "platform/platform.h"
+#include "scheduler.h"
 
 namespace sim {
 
@@ -33,6 +34,8 @@ public:
 
     Module& module() { return module_; }
     CommandTable& commands() { return commands_; }
+    // The turns of this process's threads and their virtual time (scheduler.h).
+    Scheduler& scheduler() { return sched_; }
 
     // Faults: armed here they are also saved in the module's file.
     void arm(const Fault& fault);
@@ -97,6 +100,7 @@ private:
     enum class Kind { File, Proc, Node, Socket };
     struct Handle : OpenNode {
         Kind kind = Kind::File;
+        bool nonblocking = false;
     };
     struct Resolved {
         enum { Mapped, Proc } kind = Mapped;
@@ -123,6 +127,18 @@ private:
         bool present = false;
     };
 
+    // Every call holds the turn, then the platform's lock.
+    struct Call {
+        explicit Call(SimPlatform& p) : turn(p.sched_), guard(p.mu_) {}
+        Turn turn;
+        std::lock_guard<std::recursive_mutex> guard;
+    };
+
+    uint64_t nowMicros();
+    std::optional<uint64_t> nextDeviceEvent();
+    // A timed wait of `micros` from now on the virtual clock.
+    void waitFor(uint64_t micros);
+
     bool resolve(const char* path, Resolved& out, bool forWriting);
     bool refuse(const char* path, const char* why);
     Target target(const Resolved& r);
@@ -133,7 +149,13 @@ private:
     void refreshFaults();
     Hit checkFault(Op op, const std::string& vpath, unsigned long request = 0);
     void spendFault(const Fault& fired);
-    ssize_t transfer(int fd, void* buf, size_t count, const uint64_t* at, bool writing);
+    // `again`: a read retried after a wait, which its first try counted;
+    // `wouldBlock` set when a model has nothing yet for a blocking read.
+    ssize_t transfer(int fd, void* buf, size_t count, const uint64_t* at, bool writing, bool again = false,
+                     bool* wouldBlock = nullptr);
+    // A read that waits while the model has nothing yet (EWOULDBLOCK).
+    ssize_t blockingRead(int fd, void* buf, size_t count, const uint64_t* at);
+    bool readReady(int fd);
     int pathStat(const char* path, struct ::stat* st);
     int runCommand(const std::string& kind, const std::string& command, const std::string& input, std::string& output);
     FILE* streamOf(int fd, const char* mode);
@@ -151,6 +173,8 @@ private:
     Module::Stamp faultStamp_;
     std::map<std::pair<Op, std::string>, uint64_t> counts_;
     bool powerCut_ = false;
+    // Last: it goes first, before the state its clock reads.
+    Scheduler sched_;
 };
 
 // The first components that map into the module; others are refused.

@@ -1,0 +1,301 @@
+#include "scheduler.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace sim {
+
+using RealClock = std::chrono::steady_clock;
+
+namespace {
+
+enum class State { Ready, Running, Waiting, Outside };
+
+struct Slot {
+    State state = State::Outside;
+    int depth = 0;                       // calls of the platform under way
+    uint64_t calls = 0;                  // calls since the turn was taken
+    uint64_t deadline = 0;               // a timed wait's end
+    std::function<bool()> ready;         // a wait for a device, else empty
+    uint64_t seq = 0;                    // order of waits begun
+    RealClock::time_point lastCall{};
+};
+
+} // namespace
+
+struct Scheduler::Core {
+    explicit Core(Clock c) : clock(std::move(c)) {}
+
+    Clock clock;
+    std::mutex m;
+    std::condition_variable cv;
+    std::vector<std::unique_ptr<Slot>> slots;
+    std::deque<Slot*> queue;             // threads that asked for the turn
+    Slot* owner = nullptr;
+    uint64_t seq = 0;
+    bool pacing = false;
+    bool dead = false;                   // the platform is gone
+    RealClock::time_point lastCall = RealClock::now();
+    RealClock::time_point lastMove = RealClock::now();
+
+    Slot* add()
+    {
+        slots.push_back(std::make_unique<Slot>());
+        return slots.back().get();
+    }
+
+    void remove(Slot* s)
+    {
+        queue.erase(std::remove(queue.begin(), queue.end(), s), queue.end());
+        bool held = owner == s;
+        slots.erase(std::remove_if(slots.begin(), slots.end(), [s](const auto& p) { return p.get() == s; }),
+                    slots.end());
+        if (held) {
+            owner = nullptr;
+            handOff();
+        }
+        cv.notify_all();
+    }
+
+    void give(Slot* s)
+    {
+        owner = s;
+        s->state = State::Running;
+        s->calls = 0;
+        s->ready = nullptr;
+        s->lastCall = RealClock::now();  // the grace runs from the turn's start
+        cv.notify_all();
+    }
+
+    // The waiter to run next at virtual time `now`, if any is due.
+    Slot* due(uint64_t now)
+    {
+        Slot* best = nullptr;
+        uint64_t bestKey = 0;
+        for (const auto& p : slots) {
+            Slot* s = p.get();
+            if (s->state != State::Waiting) continue;
+            uint64_t key;
+            if (s->ready) {
+                if (!s->ready()) continue;
+                key = now;
+            } else {
+                if (s->deadline > now) continue;
+                key = s->deadline;
+            }
+            if (!best || key < bestKey || (key == bestKey && s->seq < best->seq)) {
+                best = s;
+                bestKey = key;
+            }
+        }
+        return best;
+    }
+
+    // The next virtual time anything can happen, after `now`.
+    std::optional<uint64_t> nextTime(uint64_t now)
+    {
+        std::optional<uint64_t> next;
+        auto consider = [&](uint64_t t) {
+            if (t > now && (!next || t < *next)) next = t;
+        };
+        for (const auto& p : slots)
+            if (p->state == State::Waiting && !p->ready) consider(p->deadline);
+        if (auto event = clock.nextEvent()) consider(*event);
+        return next;
+    }
+
+    bool anyOutside() const
+    {
+        return std::any_of(slots.begin(), slots.end(), [](const auto& p) { return p->state == State::Outside; });
+    }
+
+    // With the turn free: hand it on, moving the clock when every thread waits.
+    // Leaves it free when the clock may not move yet; waiters look again later.
+    void handOff()
+    {
+        if (owner || dead) return;
+        for (;;) {
+            if (!queue.empty()) {
+                Slot* s = queue.front();
+                queue.pop_front();
+                give(s);
+                return;
+            }
+            uint64_t now = clock.now();
+            if (Slot* s = due(now)) {
+                give(s);
+                return;
+            }
+            std::optional<uint64_t> next = nextTime(now);
+            if (!next) return;
+            if (anyOutside()) {
+                auto real = RealClock::now();
+                if (real - lastCall < kGrace || real - lastMove < kGrace) return;
+                if (pacing && real - lastMove < std::chrono::microseconds(*next - now)) return;
+            }
+            clock.moveTo(*next);
+            lastMove = RealClock::now();
+        }
+    }
+
+    // An owner that made no call for the grace period loses the turn.
+    void revokeIdle()
+    {
+        if (!owner || owner->depth > 0) return;
+        if (RealClock::now() - owner->lastCall < kGrace) return;
+        owner->state = State::Outside;
+        owner = nullptr;
+        lastMove = RealClock::now();
+        handOff();
+    }
+
+    void awaitTurn(std::unique_lock<std::mutex>& lock, Slot* s)
+    {
+        while (owner != s) {
+            cv.wait_for(lock, kGrace);
+            if (owner == s) break;
+            // A turn given while this thread was slow to wake may have been
+            // taken back: ask again.
+            if (s->state == State::Outside) {
+                s->state = State::Ready;
+                queue.push_back(s);
+            }
+            revokeIdle();
+            if (!owner) handOff();
+        }
+    }
+
+    void beginWait(Slot* s)
+    {
+        s->state = State::Waiting;
+        s->seq = ++seq;
+        if (owner == s) owner = nullptr;
+        handOff();
+    }
+};
+
+namespace {
+
+// The slots of the calling thread, one per scheduler; a thread that ends leaves.
+struct ThreadSlots {
+    std::vector<std::pair<std::shared_ptr<Scheduler::Core>, Slot*>> entries;
+
+    ~ThreadSlots()
+    {
+        for (auto& [core, slot] : entries) {
+            std::lock_guard<std::mutex> lock(core->m);
+            core->remove(slot);
+        }
+    }
+
+    Slot* find(const Scheduler::Core* core)
+    {
+        for (auto& [c, slot] : entries)
+            if (c.get() == core) return slot;
+        return nullptr;
+    }
+
+    void forget(const Scheduler::Core* core)
+    {
+        entries.erase(std::remove_if(entries.begin(), entries.end(), [core](const auto& e) { return e.first.get() == core; }),
+                      entries.end());
+    }
+};
+
+thread_local ThreadSlots tls;
+
+} // namespace
+
+Scheduler::Scheduler(Clock clock) : core_(std::make_shared<Core>(std::move(clock))) {}
+
+Scheduler::~Scheduler()
+{
+    {
+        std::lock_guard<std::mutex> lock(core_->m);
+        core_->dead = true;
+        if (Slot* s = tls.find(core_.get())) core_->remove(s);
+    }
+    tls.forget(core_.get());
+}
+
+void Scheduler::enter()
+{
+    Core& c = *core_;
+    Slot* s = tls.find(&c);
+    std::unique_lock<std::mutex> lock(c.m);
+    if (!s) {
+        s = c.add();
+        tls.entries.emplace_back(core_, s);
+    }
+    auto real = RealClock::now();
+    c.lastCall = real;
+    if (c.owner == s) {
+        // A thread that never waits gives others their turn now and then,
+        // between its calls (a call within a call holds the platform's lock).
+        if (++s->calls >= kSlice && s->depth == 0 && !c.queue.empty()) {
+            s->state = State::Ready;
+            c.queue.push_back(s);
+            c.owner = nullptr;
+            c.handOff();
+            c.awaitTurn(lock, s);
+        }
+    } else if (!c.owner && c.queue.empty()) {
+        c.give(s);
+    } else {
+        s->state = State::Ready;
+        c.queue.push_back(s);
+        c.cv.notify_all();
+        c.awaitTurn(lock, s);
+    }
+    ++s->depth;
+    s->lastCall = RealClock::now();
+}
+
+void Scheduler::leave()
+{
+    Core& c = *core_;
+    Slot* s = tls.find(&c);
+    if (!s) return;
+    std::lock_guard<std::mutex> lock(c.m);
+    if (s->depth > 0) --s->depth;
+    s->lastCall = c.lastCall = RealClock::now();
+}
+
+void Scheduler::waitUntil(uint64_t deadline)
+{
+    Core& c = *core_;
+    Slot* s = tls.find(&c);
+    if (!s) return;
+    std::unique_lock<std::mutex> lock(c.m);
+    s->deadline = deadline;
+    s->ready = nullptr;
+    c.beginWait(s);
+    c.awaitTurn(lock, s);
+    s->lastCall = RealClock::now();
+}
+
+void Scheduler::waitFor(std::function<bool()> ready)
+{
+    Core& c = *core_;
+    Slot* s = tls.find(&c);
+    if (!s) return;
+    std::unique_lock<std::mutex> lock(c.m);
+    s->ready = std::move(ready);
+    c.beginWait(s);
+    c.awaitTurn(lock, s);
+    s->lastCall = RealClock::now();
+}
+
+void Scheduler::setPacing(bool on)
+{
+    std::lock_guard<std::mutex> lock(core_->m);
+    core_->pacing = on;
+}
+
+size_t Scheduler::threads()
+{
+    std::lock_guard<std::mutex> lock(core_->m);
+    return core_->slots.size();
+}
+
+} // namespace sim

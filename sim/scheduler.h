@@ -1,0 +1,94 @@
+// Turns and virtual time for the threads of one process that use the
+// simulated platform.
+//
+// One thread at a time holds the turn: a thread takes it at its first call
+// of the platform and keeps it until it waits (a timed wait, or a read the
+// device cannot answer yet) or ends. The next turn goes to the oldest thread
+// that asked for it, else to the waiter whose wait is over (the earliest end,
+// then the one that began to wait first). When every thread waits and none
+// is due, the clock moves to the earliest end of a wait or device event. So
+// a lone thread's sleep returns at once, threads that wait on each other
+// through device time stay in order, and the same run gives the same results
+// and the same virtual durations every time.
+//
+// A thread that holds the turn but has made no call for a grace period of
+// real time (kGrace) is blocked outside the platform (on a lock of the
+// program, on a person at a console) or busy with its own work: it loses the
+// turn and asks for it again at its next call. While such a thread exists,
+// the clock moves one step per grace period at most, and, when pacing is on
+// (a person at the console), no faster than real time. A thread that holds
+// the turn for kSlice calls while others ask for it gives it up in between,
+// so that a thread that never waits cannot starve the others. A thread that
+// ends leaves. Waiting threads look again every grace period, for changes
+// made by other processes; they never spin.
+//
+// A thread counts from its first call. A thread that starts others should
+// have made a call before (as a program that set up the module has): they
+// then queue behind it, and none can run ahead of a sibling still starting.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+namespace sim {
+
+class Scheduler {
+public:
+    static constexpr std::chrono::milliseconds kGrace{20};
+    static constexpr uint64_t kSlice = 1000;
+
+    // The clock and device events, called with the scheduler's lock held.
+    struct Clock {
+        std::function<uint64_t()> now;                        // virtual microseconds
+        std::function<void(uint64_t)> moveTo;                 // to a later virtual time
+        std::function<std::optional<uint64_t>()> nextEvent;   // the earliest device event
+    };
+
+    explicit Scheduler(Clock clock);
+    ~Scheduler();
+    Scheduler(const Scheduler&) = delete;
+    Scheduler& operator=(const Scheduler&) = delete;
+
+    // Around every call of the platform: enter returns once the calling
+    // thread holds the turn.
+    void enter();
+    void leave();
+
+    // Waits that give up the turn; called between enter and leave, holding
+    // no lock of the platform. `ready` is asked while its caller's thread
+    // waits, by whichever thread then holds the scheduler.
+    void waitUntil(uint64_t deadline);
+    void waitFor(std::function<bool()> ready);
+
+    // No faster than real time while a thread is blocked outside.
+    void setPacing(bool on);
+
+    // Threads counted now (for tests and tavsim).
+    size_t threads();
+
+    struct Core;
+
+private:
+    std::shared_ptr<Core> core_;
+};
+
+// Enter and leave for a scope.
+class Turn {
+public:
+    explicit Turn(Scheduler& s) : s_(s) { s_.enter(); }
+    ~Turn() { s_.leave(); }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+
+private:
+    Scheduler& s_;
+};
+
+} // namespace sim

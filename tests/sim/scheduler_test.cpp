@@ -1,0 +1,148 @@
+// Threads that share the module's virtual clock: waits block until their
+// end, the clock moves only when every thread waits, in a fixed order.
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <vector>
+
+#include "sim_fixture.h"
+
+namespace {
+
+using simtest::TempModule;
+using RealClock = std::chrono::steady_clock;
+
+long long seconds(sim::SimPlatform& p) { return static_cast<long long>(p.time(nullptr)); }
+
+// A trace of "who at what virtual second", kept in the order of events.
+struct Trace {
+    std::mutex m;
+    std::vector<std::string> lines;
+    void add(sim::SimPlatform& p, const std::string& who)
+    {
+        long long t = seconds(p);
+        std::lock_guard<std::mutex> lock(m);
+        lines.push_back(who + "@" + std::to_string(t));
+    }
+};
+
+TEST(Scheduler, ALoneThreadsSleepReturnsAtOnceAndWaitsEndInDeadlineOrder)
+{
+    TempModule m;
+    sim::SimPlatform p(m.dir());
+    long long start = seconds(p);
+    auto real = RealClock::now();
+    p.sleep(3600);
+    EXPECT_EQ(seconds(p), start + 3600);
+    EXPECT_LT(RealClock::now() - real, std::chrono::seconds(2)) << "virtual, not real time";
+
+    // Three threads sleep different lengths: each wakes at its own end, in order.
+    Trace trace;
+    long long t0 = seconds(p);
+    std::vector<std::thread> threads;
+    for (int s : {5, 2, 9})
+        threads.emplace_back([&, s] {
+            p.sleep(static_cast<unsigned>(s));
+            trace.add(p, std::to_string(s));
+        });
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(trace.lines, (std::vector<std::string>{"2@" + std::to_string(t0 + 2), "5@" + std::to_string(t0 + 5),
+                                                     "9@" + std::to_string(t0 + 9)}));
+    EXPECT_EQ(p.scheduler().threads(), 1u) << "the threads that ended left; the test's own remains";
+}
+
+// A poller looks at a flag once a second; a worker sets it after 2.5 s. The
+// poller sees it at the end of its third second, every run alike.
+std::vector<std::string> pingPong(sim::SimPlatform& p)
+{
+    // Counted before its threads start, the caller holds the turn while they
+    // start: neither can run ahead of the other.
+    p.time(nullptr);
+    Trace trace;
+    std::atomic<bool> flag{false};
+    std::thread poller([&] {
+        int rounds = 0;
+        while (!flag.load()) {
+            p.usleep(1000000);
+            ++rounds;
+        }
+        trace.add(p, "poller saw it after " + std::to_string(rounds));
+    });
+    std::thread worker([&] {
+        p.usleep(2500000);
+        flag = true;
+        trace.add(p, "worker");
+    });
+    worker.join();
+    poller.join();
+    return trace.lines;
+}
+
+TEST(Scheduler, ThreadsWaitingOnEachOtherStayInOrderAndRunsRepeatExactly)
+{
+    TempModule m;
+    sim::SimPlatform p(m.dir());
+    std::vector<std::string> first = pingPong(p);
+    long long t0 = seconds(p) - 3;
+    ASSERT_EQ(first.size(), 2u);
+    EXPECT_EQ(first[0], "worker@" + std::to_string(t0 + 2));
+    EXPECT_EQ(first[1], "poller saw it after 3@" + std::to_string(t0 + 3));
+    for (int run = 0; run < 20; ++run) {
+        long long before = seconds(p);
+        std::vector<std::string> again = pingPong(p);
+        ASSERT_EQ(again.size(), 2u);
+        EXPECT_EQ(again[1], "poller saw it after 3@" + std::to_string(before + 3)) << run;
+    }
+}
+
+TEST(Scheduler, AThreadBlockedOutsideThePlatformDoesNotFreezeTheClock)
+{
+    TempModule m;
+    sim::SimPlatform p(m.dir());
+    p.time(nullptr);  // the test's thread is counted from now on
+    std::mutex programLock;
+    std::unique_lock<std::mutex> held(programLock);
+    std::atomic<bool> done{false};
+    long long start = seconds(p);
+    std::thread sleeper([&] {
+        for (int i = 0; i < 5; ++i) p.sleep(10);
+        done = true;
+    });
+    // The test's thread makes no call of the platform: after the grace, the clock moves on.
+    auto real = RealClock::now();
+    while (!done && RealClock::now() - real < std::chrono::seconds(20))
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    sleeper.join();
+    EXPECT_TRUE(done.load());
+    EXPECT_EQ(seconds(p), start + 50);
+
+    // A thread that never waits still lets the others run.
+    std::atomic<bool> stop{false};
+    std::thread spinner([&] {
+        struct ::stat st;
+        while (!stop) p.stat("/etc", &st);
+    });
+    p.sleep(1);
+    stop = true;
+    spinner.join();
+}
+
+TEST(Scheduler, FaultedWaitsFailAtOnce)
+{
+    TempModule m;
+    sim::SimPlatform p(m.dir());
+    p.arm(sim::Fault::failing(sim::Op::Wait, "*", 1, EINTR, 2));
+    long long start = seconds(p);
+    struct timeval tv{4, 0};
+    EXPECT_EQ(p.waitTimeout(&tv), -1);
+    EXPECT_EQ(errno, EINTR);
+    EXPECT_EQ(p.waitTimeout(&tv), -1);
+    EXPECT_EQ(seconds(p), start) << "an interrupted wait takes no time";
+    EXPECT_EQ(p.waitTimeout(&tv), 0);
+    EXPECT_EQ(seconds(p), start + 4);
+}
+
+} // namespace
