@@ -22,6 +22,10 @@ int dspVoltage(char* buffer, int length);
 int dspSwitchSrc(char* buffer, int length);
 int dspFirmVersion(char* buffer, int length);
 
+// The voltage a text asks for ("3.3", "5.0SB", "5.0", "12.0", looked for in
+// this order anywhere in it) as a tavDspVoltageType; -1 for none.
+int dspVoltageSelector(const char* text);
+
 // One drive list ("134": drives 1, 3 and 4) as a mask with bit d-1 for digit
 // d; the text moves behind the digits. -1 when there is no list; with plain 0
 // the 8-bit complement of the mask.

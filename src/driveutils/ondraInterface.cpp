@@ -1,0 +1,51 @@
+#include "driveutils/ondraInterface.h"
+
+#include <ostream>
+
+// The service layer writes to tav_logstream; the flag is there for TAV_FILE's header.
+[[maybe_unused]] static int giDebug_ondraInterface = 0;
+#define TAV_DEBUG_FLAG giDebug_ondraInterface
+#include "driveutils/tavlog.h"
+
+TavOndraInterface ondraIf;
+
+namespace {
+
+constexpr int kProcessTypes = 3;
+
+// The service layer's log line: the text, then where it was said.
+int fail(TavString& buffer, const char* log, const char* reason, int line)
+{
+    tav_logstream << "Ondra module: " << log << "; " << TAV_FILE << ":" << line << std::endl;
+    buffer = reason;
+    return -1;
+}
+
+} // namespace
+
+bool TavOndraInterface::validType(TavString& buffer, int type, int line)
+{
+    if (type >= 0 && type < kProcessTypes) return true;
+    fail(buffer, "invalid type", "Invalid type", line);
+    return false;
+}
+
+// With no process table yet, no process runs.
+int TavOndraInterface::getRun(TavString& buffer, int type)
+{
+    if (!validType(buffer, type, __LINE__)) return -1;
+    buffer = "FALSE";
+    return 0;
+}
+
+int TavOndraInterface::processStop(TavString& buffer, int type)
+{
+    if (!validType(buffer, type, __LINE__)) return -1;
+    return fail(buffer, "unable to stop process", "Unable to stop process", __LINE__);
+}
+
+int TavOndraInterface::processStart(TavString& buffer, int /*state*/, int type)
+{
+    if (!validType(buffer, type, __LINE__)) return -1;
+    return fail(buffer, "unable to start process", "Unable to start process", __LINE__);
+}

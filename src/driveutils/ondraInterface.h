@@ -1,0 +1,23 @@
+// The facade through which the module drives its three daemons (store,
+// virtual manager, manager), and the one object `ondraIf` that serves the
+// program. Only the calls of the power path stand here so far, over a process
+// table that does not exist yet; the service commands complete the class later.
+#pragma once
+
+#include "tavutils/tavstring.h"
+
+class TavOndraInterface {
+public:
+    // "TRUE" when the process of `type` runs, else "FALSE"; 0, or -1 for a bad type.
+    int getRun(TavString& buffer, int type);
+    // 0, or -1 with the reason in buffer.
+    int processStop(TavString& buffer, int type);
+    // Runs the command of run state `state` of the process of `type`: 0, or -1 with the reason in buffer.
+    int processStart(TavString& buffer, int state, int type);
+
+private:
+    // False (with the log and "Invalid type" in buffer) for a type outside 0 to 2.
+    static bool validType(TavString& buffer, int type, int line);
+};
+
+extern TavOndraInterface ondraIf;
