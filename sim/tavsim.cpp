@@ -168,6 +168,8 @@ const std::vector<Command> kCommands = {
     {"run", "DIR [--] PROGRAM [ARGS...]", "run a program of the system on the module", kRunHelp, runRun},
     {"md", "DIR [--json | --stall ARRAY | --unstall ARRAY | --stop-all]", "the md arrays; stall a recovery; forget all",
      kMdHelp, runMd},
+    {"console", "DIR [--debug LEVEL]", "host the module: the drive manager up, the chassis controller's link running",
+     kConsoleHelp, runConsole},
 };
 
 std::string joined(const std::vector<std::string>& words)
@@ -195,6 +197,7 @@ void printCommandHelp(const Command& c)
     std::string help = replaced(c.help, "@ERRNOS@", joined(errnoNames()));
     help = replaced(help, "@REQUESTS@", joined(requestNames()));
     help = replaced(help, "@PROGRAMS@", programList());
+    help = replaced(help, "@CONSOLE@", consoleCommands());
     std::cout << "usage: tavsim " << c.name << " " << c.synopsis << "\n\n" << help << "\n" << kExitStatus;
 }
 
