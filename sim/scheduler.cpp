@@ -13,7 +13,7 @@ enum class State { Ready, Running, Waiting, Outside };
 
 struct Slot {
     State state = State::Outside;
-    int depth = 0;                       // calls of the platform under way
+    int depth = 0;                       // 1 while a call of the platform is under way
     uint64_t calls = 0;                  // calls since the turn was taken
     uint64_t deadline = 0;               // a timed wait's end
     std::function<bool()> ready;         // a wait for a device, else empty
@@ -176,28 +176,36 @@ struct Scheduler::Core {
 
 namespace {
 
-// The slots of the calling thread, one per scheduler; a thread that ends leaves.
+// The slots of the calling thread, one per scheduler; a thread that ends
+// leaves. `nested` counts the thread's calls under way: a call within a call
+// (made holding the platform's lock) keeps the turn without the scheduler's lock.
+struct Entry {
+    std::shared_ptr<Scheduler::Core> core;
+    Slot* slot;
+    int nested = 0;
+};
+
 struct ThreadSlots {
-    std::vector<std::pair<std::shared_ptr<Scheduler::Core>, Slot*>> entries;
+    std::vector<Entry> entries;
 
     ~ThreadSlots()
     {
-        for (auto& [core, slot] : entries) {
-            std::lock_guard<std::mutex> lock(core->m);
-            core->remove(slot);
+        for (Entry& e : entries) {
+            std::lock_guard<std::mutex> lock(e.core->m);
+            e.core->remove(e.slot);
         }
     }
 
-    Slot* find(const Scheduler::Core* core)
+    Entry* find(const Scheduler::Core* core)
     {
-        for (auto& [c, slot] : entries)
-            if (c.get() == core) return slot;
+        for (Entry& e : entries)
+            if (e.core.get() == core) return &e;
         return nullptr;
     }
 
     void forget(const Scheduler::Core* core)
     {
-        entries.erase(std::remove_if(entries.begin(), entries.end(), [core](const auto& e) { return e.first.get() == core; }),
+        entries.erase(std::remove_if(entries.begin(), entries.end(), [core](const Entry& e) { return e.core.get() == core; }),
                       entries.end());
     }
 };
@@ -213,7 +221,7 @@ Scheduler::~Scheduler()
     {
         std::lock_guard<std::mutex> lock(core_->m);
         core_->dead = true;
-        if (Slot* s = tls.find(core_.get())) core_->remove(s);
+        if (Entry* e = tls.find(core_.get())) core_->remove(e->slot);
     }
     tls.forget(core_.get());
 }
@@ -221,18 +229,21 @@ Scheduler::~Scheduler()
 void Scheduler::enter()
 {
     Core& c = *core_;
-    Slot* s = tls.find(&c);
-    std::unique_lock<std::mutex> lock(c.m);
-    if (!s) {
-        s = c.add();
-        tls.entries.emplace_back(core_, s);
+    Entry* e = tls.find(&c);
+    if (e && e->nested > 0) {
+        ++e->nested;
+        return;
     }
-    auto real = RealClock::now();
-    c.lastCall = real;
+    std::unique_lock<std::mutex> lock(c.m);
+    if (!e) {
+        tls.entries.push_back(Entry{core_, c.add()});
+        e = &tls.entries.back();
+    }
+    Slot* s = e->slot;
+    c.lastCall = RealClock::now();
     if (c.owner == s) {
-        // A thread that never waits gives others their turn now and then,
-        // between its calls (a call within a call holds the platform's lock).
-        if (++s->calls >= kSlice && s->depth == 0 && !c.queue.empty()) {
+        // A thread that never waits gives others their turn now and then.
+        if (++s->calls >= kSlice && !c.queue.empty()) {
             s->state = State::Ready;
             c.queue.push_back(s);
             c.owner = nullptr;
@@ -247,25 +258,28 @@ void Scheduler::enter()
         c.cv.notify_all();
         c.awaitTurn(lock, s);
     }
-    ++s->depth;
+    s->depth = 1;
+    e->nested = 1;
     s->lastCall = RealClock::now();
 }
 
 void Scheduler::leave()
 {
     Core& c = *core_;
-    Slot* s = tls.find(&c);
-    if (!s) return;
+    Entry* e = tls.find(&c);
+    if (!e || e->nested == 0) return;
+    if (--e->nested > 0) return;
     std::lock_guard<std::mutex> lock(c.m);
-    if (s->depth > 0) --s->depth;
-    s->lastCall = c.lastCall = RealClock::now();
+    e->slot->depth = 0;
+    e->slot->lastCall = c.lastCall = RealClock::now();
 }
 
 void Scheduler::waitUntil(uint64_t deadline)
 {
     Core& c = *core_;
-    Slot* s = tls.find(&c);
-    if (!s) return;
+    Entry* e = tls.find(&c);
+    if (!e) return;
+    Slot* s = e->slot;
     std::unique_lock<std::mutex> lock(c.m);
     s->deadline = deadline;
     s->ready = nullptr;
@@ -277,8 +291,9 @@ void Scheduler::waitUntil(uint64_t deadline)
 void Scheduler::waitFor(std::function<bool()> ready)
 {
     Core& c = *core_;
-    Slot* s = tls.find(&c);
-    if (!s) return;
+    Entry* e = tls.find(&c);
+    if (!e) return;
+    Slot* s = e->slot;
     std::unique_lock<std::mutex> lock(c.m);
     s->ready = std::move(ready);
     c.beginWait(s);
