@@ -1,6 +1,10 @@
 #include "scheduler.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
 #include <utility>
 
 namespace sim {
@@ -19,7 +23,30 @@ struct Slot {
     std::function<bool()> ready;         // a wait for a device, else empty
     uint64_t seq = 0;                    // order of waits begun
     RealClock::time_point lastCall{};
+    pid_t tid = ::gettid();              // the thread, as the kernel knows it
 };
+
+// True when the kernel has the thread asleep (on a lock, a pipe, a timer) or
+// stopped, rather than running or ready to run: a thread that is only slow
+// or waiting for a core keeps its turn and holds the clock. A thread that is
+// gone counts as asleep. Reads the process's own /proc, nothing of the module.
+bool asleepInKernel(pid_t tid)
+{
+    char path[64];
+    std::snprintf(path, sizeof path, "/proc/self/task/%d/stat", static_cast<int>(tid));
+    int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return true;
+    char text[512];
+    ssize_t got = ::read(fd, text, sizeof text - 1);
+    ::close(fd);
+    if (got <= 0) return true;
+    text[got] = '\0';
+    // "TID (NAME) STATE ...": the name may hold anything, so look after its last ')'.
+    const char* end = std::strrchr(text, ')');
+    if (!end || end[1] != ' ') return true;
+    char state = end[2];
+    return state == 'S' || state == 'T' || state == 't' || state == 'Z' || state == 'X';
+}
 
 } // namespace
 
@@ -109,6 +136,14 @@ struct Scheduler::Core {
         return std::any_of(slots.begin(), slots.end(), [](const auto& p) { return p->state == State::Outside; });
     }
 
+    // A thread outside the platform that the kernel has running may call it
+    // at any moment: the clock waits for it.
+    bool anyOutsideRunning() const
+    {
+        return std::any_of(slots.begin(), slots.end(),
+                           [](const auto& p) { return p->state == State::Outside && !asleepInKernel(p->tid); });
+    }
+
     // With the turn free: hand it on, moving the clock when every thread waits.
     // Leaves it free when the clock may not move yet; waiters look again later.
     void handOff()
@@ -131,6 +166,7 @@ struct Scheduler::Core {
             if (anyOutside()) {
                 auto real = RealClock::now();
                 if (real - lastCall < kGrace || real - lastMove < kGrace) return;
+                if (anyOutsideRunning()) return;
                 if (pacing && real - lastMove < std::chrono::microseconds(*next - now)) return;
             }
             clock.moveTo(*next);
@@ -143,6 +179,7 @@ struct Scheduler::Core {
     {
         if (!owner || owner->depth > 0) return;
         if (RealClock::now() - owner->lastCall < kGrace) return;
+        if (!asleepInKernel(owner->tid)) return;  // busy, or waiting for a core
         owner->state = State::Outside;
         owner = nullptr;
         lastMove = RealClock::now();

@@ -11,16 +11,19 @@
 // through device time stay in order, and the same run gives the same results
 // and the same virtual durations every time.
 //
-// A thread that holds the turn but has made no call for a grace period of
-// real time (kGrace) is blocked outside the platform (on a lock of the
-// program, on a person at a console) or busy with its own work: it loses the
-// turn and asks for it again at its next call. While such a thread exists,
-// the clock moves one step per grace period at most, and, when pacing is on
-// (a person at the console), no faster than real time. A thread that holds
-// the turn for kSlice calls while others ask for it gives it up in between,
-// so that a thread that never waits cannot starve the others. A thread that
-// ends leaves. Waiting threads look again every grace period, for changes
-// made by other processes; they never spin.
+// A thread that holds the turn, has made no call for a grace period of real
+// time (kGrace) and that the kernel has asleep is blocked outside the
+// platform (on a lock of the program, on a real child, on a person at a
+// console): it loses the turn and asks for it again at its next call. A
+// thread that is running or ready to run (busy with its own work, or only
+// waiting for a core on a loaded machine) keeps its turn, so a slow machine
+// changes no order. While a thread is outside, the clock moves one step per
+// grace period at most, only while every thread outside is asleep, and, when
+// pacing is on (a person at the console), no faster than real time. A thread
+// that holds the turn for kSlice calls while others ask for it gives it up in
+// between, so that a thread that never waits cannot starve the others. A
+// thread that ends leaves. Waiting threads look again every grace period, for
+// changes made by other processes; they never spin.
 //
 // A thread counts from its first call. A thread that starts others should
 // have made a call before (as a program that set up the module has): they

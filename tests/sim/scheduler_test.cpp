@@ -130,6 +130,29 @@ TEST(Scheduler, AThreadBlockedOutsideThePlatformDoesNotFreezeTheClock)
     spinner.join();
 }
 
+// A thread busy with its own work (or only short of a core) is not blocked:
+// it keeps its turn and the clock waits for it, however long it takes.
+TEST(Scheduler, ABusyThreadKeepsItsTurnAndTheClock)
+{
+    TempModule m;
+    sim::SimPlatform p(m.dir());
+    long long start = seconds(p);
+    std::atomic<long long> woke{0};
+    std::thread sleeper([&] {
+        p.sleep(1);
+        woke = seconds(p);
+    });
+    auto real = RealClock::now();
+    volatile unsigned long spin = 0;
+    while (RealClock::now() - real < 10 * sim::Scheduler::kGrace) spin = spin + 1;
+    EXPECT_EQ(seconds(p), start) << "the clock moved while the thread was busy";
+    EXPECT_EQ(woke.load(), 0);
+    p.sleep(2);
+    EXPECT_EQ(seconds(p), start + 2);
+    sleeper.join();
+    EXPECT_EQ(woke.load(), start + 1);
+}
+
 TEST(Scheduler, FaultedWaitsFailAtOnce)
 {
     TempModule m;
