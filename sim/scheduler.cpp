@@ -62,6 +62,8 @@ struct Scheduler::Core {
     uint64_t seq = 0;
     bool pacing = false;
     bool dead = false;                   // the platform is gone
+    bool parked = false;                 // no other thread gets a turn again
+    Slot* parkedBy = nullptr;            // the thread that parked the others
     RealClock::time_point lastCall = RealClock::now();
     RealClock::time_point lastMove = RealClock::now();
 
@@ -75,6 +77,7 @@ struct Scheduler::Core {
     {
         queue.erase(std::remove(queue.begin(), queue.end(), s), queue.end());
         bool held = owner == s;
+        if (parkedBy == s) parkedBy = nullptr;
         slots.erase(std::remove_if(slots.begin(), slots.end(), [s](const auto& p) { return p.get() == s; }),
                     slots.end());
         if (held) {
@@ -148,7 +151,7 @@ struct Scheduler::Core {
     // Leaves it free when the clock may not move yet; waiters look again later.
     void handOff()
     {
-        if (owner || dead) return;
+        if (owner || dead || parked) return;
         for (;;) {
             if (!queue.empty()) {
                 Slot* s = queue.front();
@@ -278,7 +281,9 @@ void Scheduler::enter()
     }
     Slot* s = e->slot;
     c.lastCall = RealClock::now();
-    if (c.owner == s) {
+    if (c.parked && c.parkedBy == s) {
+        // Alone from now on.
+    } else if (c.owner == s) {
         // A thread that never waits gives others their turn now and then.
         if (++s->calls >= kSlice && !c.queue.empty()) {
             s->state = State::Ready;
@@ -318,6 +323,10 @@ void Scheduler::waitUntil(uint64_t deadline)
     if (!e) return;
     Slot* s = e->slot;
     std::unique_lock<std::mutex> lock(c.m);
+    if (c.parked && c.parkedBy == s) {
+        if (deadline > c.clock.now()) c.clock.moveTo(deadline);
+        return;
+    }
     s->deadline = deadline;
     s->ready = nullptr;
     c.beginWait(s);
@@ -332,10 +341,25 @@ void Scheduler::waitFor(std::function<bool()> ready)
     if (!e) return;
     Slot* s = e->slot;
     std::unique_lock<std::mutex> lock(c.m);
+    if (c.parked && c.parkedBy == s) {
+        if (auto event = c.clock.nextEvent(); event && *event > c.clock.now()) c.clock.moveTo(*event);
+        return;
+    }
     s->ready = std::move(ready);
     c.beginWait(s);
     c.awaitTurn(lock, s);
     s->lastCall = RealClock::now();
+}
+
+void Scheduler::park()
+{
+    enter();
+    {
+        std::lock_guard<std::mutex> lock(core_->m);
+        core_->parked = true;
+        core_->parkedBy = tls.find(core_.get())->slot;
+    }
+    leave();
 }
 
 void Scheduler::setPacing(bool on)

@@ -70,6 +70,14 @@ public:
     void waitUntil(uint64_t deadline);
     void waitFor(std::function<bool()> ready);
 
+    // For the end of a process whose threads never end (the chassis
+    // controller's readers): the calling thread takes the turn and keeps it
+    // for good. Every other thread stays where it waits, in the scheduler or
+    // blocked outside it, and never runs again; the caller's own waits end at
+    // once, as a lone thread's. Keep the platform alive after it: a thread
+    // blocked outside may still come to call it (and then waits for ever).
+    void park();
+
     // No faster than real time while a thread is blocked outside.
     void setPacing(bool on);
 

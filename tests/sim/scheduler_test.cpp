@@ -153,6 +153,30 @@ TEST(Scheduler, ABusyThreadKeepsItsTurnAndTheClock)
     EXPECT_EQ(woke.load(), start + 1);
 }
 
+// Parked: the other threads stay where they wait, whatever the clock does.
+TEST(Scheduler, ParkedThreadsNeverRunAgain)
+{
+    TempModule m;
+    // Left to the end of the process, as the poller that never returns needs.
+    auto& p = *new sim::SimPlatform(m.dir());
+    long long start = seconds(p);
+    std::atomic<int> rounds{0};
+    std::thread([&p, &rounds] {
+        for (;;) {
+            p.sleep(1);
+            ++rounds;
+        }
+    }).detach();
+    p.sleep(3);
+    p.scheduler().park();
+    int seen = rounds.load();
+    EXPECT_EQ(seen, 3);
+    p.sleep(100);
+    EXPECT_EQ(seconds(p), start + 103) << "the parker's own waits end at once";
+    std::this_thread::sleep_for(5 * sim::Scheduler::kGrace);
+    EXPECT_EQ(rounds.load(), seen);
+}
+
 TEST(Scheduler, FaultedWaitsFailAtOnce)
 {
     TempModule m;
