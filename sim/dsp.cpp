@@ -185,15 +185,18 @@ struct DspDevice::View {
     DspUnit unit;
 };
 
+// Compared by content: two changes within one tick of the file system's
+// clock may leave the file's time, size and even inode number as they were.
 const DspDevice::View* DspDevice::view(Module& module)
 {
-    if (module.stateChanged(kStateName, stamp_) || !view_) {
-        auto v = std::make_shared<View>();
-        v->present = dspPresent(module);
-        std::string why;
-        if (v->present && !DspUnit::parse(module.readState(kStateName), v->unit, why)) v->unit = DspUnit{};
-        view_ = v;
-    }
+    std::string text = module.readState(kStateName);
+    if (view_ && text == viewText_ && (!text.empty() || !view_->present)) return view_.get();
+    auto v = std::make_shared<View>();
+    v->present = !text.empty() || dspPresent(module);
+    std::string why;
+    if (v->present && !DspUnit::parse(text, v->unit, why)) v->unit = DspUnit{};
+    view_ = v;
+    viewText_ = std::move(text);
     return view_.get();
 }
 

@@ -109,10 +109,10 @@ public:
 
 private:
     struct View;
-    // The state as last read, read again when the file changed.
+    // The state as last read, parsed again when the file changed.
     const View* view(Module& module);
 
-    Module::Stamp stamp_;
+    std::string viewText_;
     std::shared_ptr<View> view_;
 };
 

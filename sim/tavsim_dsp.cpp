@@ -67,12 +67,6 @@ std::string charText(char c)
     return text;
 }
 
-std::string bytesText(const char* bytes, size_t n)
-{
-    std::string out;
-    for (size_t i = 0; i < n; ++i) out += charText(bytes[i]);
-    return out;
-}
 
 // The drive of each bay of the chassis controller ("" for none), and
 // whether the bay holds one.
@@ -101,7 +95,7 @@ void printState(const Module& module, const DspState& s, const DspPending& p, co
 {
     (void)module;
     std::cout << "chassis controller " << kDspNode << ": " << s.bays.size() << " bays, firmware " << charText(s.firmware)
-              << ", date " << cell(bytesText(s.date, sizeof s.date)) << ", temperature limit " << unsigned(s.limit)
+              << ", date " << cell(std::string(s.date, sizeof s.date)) << ", temperature limit " << unsigned(s.limit)
               << ", power source " << s.source << (s.source == 'P' ? " (primary)" : " (secondary)") << "\n\n";
     const std::vector<BayDrive> drives = bayDrives(m, s.bays.size());
     Table t({"BAY", "POWER", "CLAMP", "LOCK", "CRITICAL", "TEMP_C", "STATUS", "DRIVE"});
