@@ -358,8 +358,8 @@ const char kDspHelp[] =
     "  power-noop on|off    power commands answer done and change nothing\n"
     "  inject HEX           a record of 1 to 112 bytes (the rest zero), handed up\n"
     "                       as it stands at the driver's next read\n"
-    "A power command takes @PERBAY@ virtual second(s) a bay changed; a reset\n"
-    "answers type 13 at once and type 12 @RESET@ seconds later.\n";
+    "A power command takes @PERBAY@ s of virtual time a bay changed; a reset\n"
+    "answers type 13 at once and type 12 @RESET@ s later.\n";
 
 const char kBayHelp[] =
     "Moves a switch of bay N of the chassis controller: its lock (the warning\n"
