@@ -8,6 +8,8 @@
 
 #include "sim/clock.h"
 #include "sim/commands.h"
+#include "sim/dsp_firmware.h"
+#include "sim/dsp_state.h"
 #include "sim/faults.h"
 #include "sim/identity.h"
 #include "sim/json.h"
@@ -20,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size == 0) return 0;
     const std::string text(reinterpret_cast<const char*>(data + 1), size - 1);
-    switch (data[0] % 10) {
+    switch (data[0] % 11) {
     case 0: {
         sim::Manifest m = sim::Manifest::parse(text);
         sim::Manifest again = sim::Manifest::parse(m.format());
@@ -89,6 +91,26 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         sim::SuperblockView view;
         std::string why;
         sim::readSuperblock(bytes, view, why);
+        break;
+    }
+    case 10: {
+        // The chassis controller's state: what it reads it writes back alike;
+        // the firmware runs on it and the driver takes the line.
+        sim::DspUnit u;
+        std::string why;
+        if (!sim::DspUnit::parse(text, u, why)) break;
+        sim::DspUnit again;
+        if (!sim::DspUnit::parse(u.format(), again, why) || again.format() != u.format()) __builtin_trap();
+        std::vector<bool> occupied(u.state.bays.size());
+        for (size_t i = 0; i < occupied.size(); ++i) occupied[i] = i % 3 != 2;
+        sim::dsp::Firmware firmware(u, occupied, UINT64_MAX / 4);
+        firmware.catchUp();
+        const uint8_t commands[][10] = {{2, 0}, {2, 1}, {2, 2}, {2, 3}, {2, 4}, {2, 8}, {6, 0xff, 0xff}, {3, 0x0f, 0}, {4, 0, 0}, {5}, {0}};
+        for (const uint8_t* c : commands) firmware.command(c);
+        firmware.switchMoved(1, false, !u.state.bays[0].lockOpen);
+        std::string line;
+        for (const std::string& f : u.line) line += f;
+        sim::dsp::recordsOfLine(u.driverConfig(), line, u.records);
         break;
     }
     default: {

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "dsp.h"
 #include "md_kernel.h"
 
 namespace sim {
@@ -215,6 +216,9 @@ std::string createModule(const std::string& dir, const CreateOptions& options)
                   writeText(root, Module::stateFile("services"), "syslog running\ncrond running\n");
         if (!ok) return "cannot write the files of the module";
         module.writeManifest(m);
+        if (const std::string dsp = freshDspState(m, options.identityOnly); !dsp.empty())
+            if (!writeText(root, Module::stateFile("dsp"), dsp) || !writeText(root, Module::stateFile("dsp.log"), ""))
+                return "cannot write the chassis controller's files";
         for (const Bay& bay : m.bays) {
             module.rereadPartitions(bay.number);
             module.discover(bay.number);

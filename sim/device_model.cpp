@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "ata_disk.h"
+#include "dsp.h"
 #include "md.h"
 #include "net_interfaces.h"
 #include "scsi_disk.h"
@@ -98,6 +99,7 @@ DeviceRegistry DeviceRegistry::standard()
     r.byMajor(true, 21, scsi);  // the generic node
     r.byPrefix("/sys/", std::make_shared<SysfsModel>());
     addMdModels(r);
+    addDspModel(r);
     r.forSockets(std::make_shared<NetModel>());
     return r;
 }

@@ -9,6 +9,8 @@
 //   SysfsModel    attribute files under /sys (sysfs.h)
 //   MdDevice      the md arrays "/dev/mdN"; MdStatFile "/proc/mdstat";
 //                 RaidSpeedFile the rebuild speed limits (md.h, md_kernel.h)
+//   DspDevice     the chassis controller's driver "/dev/tav_dsp_1" and its
+//                 firmware (dsp.h, dsp_driver.h, dsp_firmware.h)
 //   NetModel      interface queries on sockets (net_interfaces.h)
 #pragma once
 

@@ -18,6 +18,11 @@
 //   sim/md             the kernel's md arrays, the rebuild speed limits and the
 //                      arrays whose recovery is stalled (md_state.h)
 //   sim/md.log         every md request: "TIME /dev/mdN REQUEST [ARGS] -> RESULT"
+//   sim/dsp            the chassis controller: bays, sensors, behaviours, the
+//                      driver's configuration, the firmware's scheduled work, the
+//                      frames on the line and the records not yet handed up (dsp_state.h)
+//   sim/dsp.log        every DSP command as it arrived and every record handed up:
+//                      "TIME command HEX (WHAT)", "TIME record type T (NAME) ..."
 //   sim/shelf/SERIAL.img  images of drives out of their bays
 //   sim/lock           taken (flock) around every read-modify-write of a state file
 //
@@ -52,6 +57,26 @@
 //   without the one-event grace of some kernels.
 // - A member whose drive left its bay is failed the next time the md state is
 //   touched (any request, /proc/mdstat, tavsim), not at the first I/O error.
+//
+// The chassis controller (dsp.h) leaves out, of a real DSP and its driver:
+// - The framing on the serial line is the model's own (dsp_driver.h): the
+//   system never sees the line, only the driver's records, so the real
+//   framing would test nothing. "/dev/ttyS1" of the configuration is kept,
+//   never opened.
+// - The records' tempLmt, voltage and tempDrive fields stay zero: the system
+//   reads those values from the payload alone.
+// - Fans (sub-commands 6 and 7), over-temperature, vibration and busy
+//   messages (types 9, 10, 11) and the command size (1) are echoed or never
+//   sent: no sensor of the model drives them, and the system ignores them.
+//   The temperature limit is kept and reported, never acted on.
+// - The driver's other requests (0, 2, 3, 5, 6) are EINVAL: the system makes
+//   none of them. Its records wait without a bound on their number.
+// - Power and clamp are the DSP's alone: a bay it has off still holds a drive
+//   that answers I/O, and a drive pulled or inserted moves no switch. Drive
+//   presence is the manifest's, and coupling the two belongs with the
+//   hot-swap model; a bay without a drive reports no power.
+// - A module made without bays (platform 2 with --no-drives) stands for drives
+//   of a family not simulated: every bay of its DSP holds a drive.
 #pragma once
 
 #include <cstdint>

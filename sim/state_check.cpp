@@ -6,6 +6,7 @@
 
 #include "clock.h"
 #include "create.h"
+#include "dsp_state.h"
 #include "faults.h"
 #include "md_state.h"
 #include "module.h"
@@ -96,6 +97,11 @@ std::vector<std::string> checkModuleState(Module& module, bool faults)
     MdState md;
     std::string why;
     if (!MdState::parse(module.readState("md"), md, why)) out.push_back(why + "; the kernel knows no md arrays");
+    if (module.host().exists(Module::stateFile("dsp"))) {
+        DspUnit dsp;
+        if (!DspUnit::parse(module.readState("dsp"), dsp, why))
+            out.push_back(why + "; the chassis controller starts afresh at its next use");
+    }
     if (faults) parseFaults(module.readState("faults"), &out);
     return out;
 }

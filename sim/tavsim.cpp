@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "dsp.h"
 #include "faults.h"
 #include "programs.h"
 #include "tavsim_cli.h"
@@ -160,14 +161,21 @@ const std::vector<Command> kCommands = {
      runCorrupt},
     {"fault", "DIR OP PATH [nth=N] [times=K] [request=R] errno=E|short=N|powercut\n       tavsim fault DIR --list | --clear",
      "arm, list or clear faults", kFaultHelp, runFault},
-    {"log", "DIR [--ata | --md]", "print the command log, the ATA or the md request log",
+    {"log", "DIR [--ata | --md | --dsp]", "print the command log, the ATA, md or chassis controller log",
      "Prints the command log, a line a command: TIME system|popen STATUS [unknown]\n"
      "COMMAND. With --ata, the ATA command log: TIME DEVICE WHAT. With --md, the md\n"
-     "request log: TIME /dev/mdN REQUEST [ARGS] -> 0|ERRNO.\n",
+     "request log: TIME /dev/mdN REQUEST [ARGS] -> 0|ERRNO. With --dsp, the chassis\n"
+     "controller's log: every command as it arrived (TIME command HEX (WHAT)),\n"
+     "every record handed up (TIME record type T (NAME) length L change C pwrDwn P\n"
+     "version V status S... buff HEX), the driver's configuration, switches moved\n"
+     "and what was refused.\n",
      runLog},
     {"run", "DIR [--] PROGRAM [ARGS...]", "run a program of the system on the module", kRunHelp, runRun},
     {"md", "DIR [--json | --stall ARRAY | --unstall ARRAY | --stop-all]", "the md arrays; stall a recovery; forget all",
      kMdHelp, runMd},
+    {"dsp", "DIR [--json]\n       tavsim dsp DIR set WHAT VALUE...",
+     "the chassis controller: bays, sensors, driver, behaviours; set them", kDspHelp, runDsp},
+    {"bay", "DIR N lock|critical open|close", "open or close a bay's lock or critical switch", kBayHelp, runBay},
     {"console", "DIR [--debug LEVEL]", "host the module: the drive manager up, the chassis controller's link running",
      kConsoleHelp, runConsole},
 };
@@ -198,6 +206,8 @@ void printCommandHelp(const Command& c)
     help = replaced(help, "@REQUESTS@", joined(requestNames()));
     help = replaced(help, "@PROGRAMS@", programList());
     help = replaced(help, "@CONSOLE@", consoleCommands());
+    help = replaced(help, "@PERBAY@", std::to_string(kDspSecondsPerBay));
+    help = replaced(help, "@RESET@", std::to_string(kDspResetSeconds));
     std::cout << "usage: tavsim " << c.name << " " << c.synopsis << "\n\n" << help << "\n" << kExitStatus;
 }
 

@@ -110,6 +110,10 @@ int runCorrupt(const Call& call);
 int runFault(const Call& call);
 int runLog(const Call& call);
 int runMd(const Call& call);
+int runDsp(const Call& call);
+int runBay(const Call& call);
+extern const char kDspHelp[];
+extern const char kBayHelp[];
 int runConsole(const Call& call);
 extern const char kConsoleHelp[];
 // The console's own commands, for its help.

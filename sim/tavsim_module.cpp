@@ -299,10 +299,15 @@ int runLog(const Call& call)
 {
     Words w;
     int status = 0;
-    auto module = openModuleCall(call, {{"--ata", nullptr}, {"--md", nullptr}}, 1, 1, w, status);
+    auto module = openModuleCall(call, {{"--ata", nullptr}, {"--md", nullptr}, {"--dsp", nullptr}}, 1, 1, w, status);
     if (!module) return status;
-    if (w.has("--ata") && w.has("--md")) return badUsage(call, "--ata and --md exclude each other");
-    std::cout << module->readState(w.has("--ata") ? "ata.log" : w.has("--md") ? "md.log" : "commands.log");
+    std::vector<std::string> given;
+    for (const char* name : {"--ata", "--md", "--dsp"})
+        if (w.has(name)) given.push_back(name);
+    if (given.size() > 1) return badUsage(call, listed(given) + " exclude each other");
+    if (w.has("--dsp") && !module->host().exists(Module::stateFile("dsp.log")))
+        return refused(call, module->dir() + ": this module has no chassis controller, so no log of it");
+    std::cout << module->readState(w.has("--ata") ? "ata.log" : w.has("--md") ? "md.log" : w.has("--dsp") ? "dsp.log" : "commands.log");
     return kDone;
 }
 

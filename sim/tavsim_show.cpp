@@ -6,6 +6,7 @@
 
 #include "clock.h"
 #include "create.h"
+#include "dsp.h"
 #include "family_layout.h"
 #include "hwlib/tavhwid.h"
 #include "json.h"
@@ -30,6 +31,7 @@ struct BayView {
     std::optional<Drive> drive;  // none: the bay is empty
     std::vector<Window> windows;
     BayVerdict verdict;          // the drive manager's verdict and the drive's own stamps
+    std::optional<DspBay> dsp;   // the chassis controller's bay, if there is one
 };
 
 // What show prints, read once.
@@ -65,12 +67,14 @@ ModuleView readModule(Module& module)
     v.model = recognisedModel(platform);
     v.clock = module.now();
     std::vector<BayVerdict> verdicts = bayVerdicts(module.dir());
+    const DspState dsp = dspState(module);
     for (const Bay& b : v.manifest.bays) {
         const Drive* d = v.manifest.driveInBay(b.number);
         BayView bay{b, d ? std::optional<Drive>(*d) : std::nullopt,
-                    d ? module.windows(b.number) : std::vector<Window>{}, {}};
+                    d ? module.windows(b.number) : std::vector<Window>{}, {}, std::nullopt};
         for (const BayVerdict& verdict : verdicts)
             if (verdict.bay == b.number) bay.verdict = verdict;
+        if (b.number >= 1 && static_cast<size_t>(b.number) <= dsp.bays.size()) bay.dsp = dsp.bays[static_cast<size_t>(b.number - 1)];
         v.bays.push_back(bay);
     }
     v.faults = parseFaults(module.readState("faults"));
@@ -101,6 +105,9 @@ struct BayColumn {
 
 std::string stamp(const std::optional<int64_t>& t) { return t ? std::to_string(*t) : std::string(); }
 
+// Power as the chassis controller reports it: a bay without a drive has none.
+bool reportsPower(const BayView& v) { return v.dsp && v.dsp->powered && v.drive; }
+
 const std::vector<BayColumn>& bayColumns()
 {
     auto drive = [](std::function<std::string(const Drive&)> f) {
@@ -118,6 +125,8 @@ const std::vector<BayColumn>& bayColumns()
         {"VERDICT", [](const BayView& v) { return v.drive ? v.verdict.verdict : std::string(); }},
         {"MOUNTED", [](const BayView& v) { return stamp(v.verdict.mount); }},
         {"DISMOUNTED", [](const BayView& v) { return stamp(v.verdict.dismount); }},
+        {"POWER", [](const BayView& v) { return v.dsp ? std::string(reportsPower(v) ? "on" : "off") : std::string(); }},
+        {"CLAMP", [](const BayView& v) { return v.dsp ? std::string(v.dsp->clamped ? "on" : "off") : std::string(); }},
         {"MODEL", [](const BayView& v) { return v.drive ? v.drive->model : std::string("(empty)"); }},
     };
     return columns;
@@ -229,6 +238,12 @@ void writeJson(const ModuleView& v)
         optional("verdict", d, [&](const Drive&) { j.string(b.verdict.verdict); });
         optional("mount", b.verdict.mount ? d : nullptr, [&](const Drive&) { j.number(*b.verdict.mount); });
         optional("dismount", b.verdict.dismount ? d : nullptr, [&](const Drive&) { j.number(*b.verdict.dismount); });
+        j.key("power");
+        if (b.dsp) j.boolean(reportsPower(b));
+        else j.null();
+        j.key("clamp");
+        if (b.dsp) j.boolean(b.dsp->clamped);
+        else j.null();
         j.endObject();
     }
     j.endArray();
