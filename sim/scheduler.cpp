@@ -1,8 +1,11 @@
 #include "scheduler.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <dirent.h>
+#include <cstdlib>
 #include <fcntl.h>
 #include <unistd.h>
 #include <utility>
@@ -62,6 +65,7 @@ struct Scheduler::Core {
     uint64_t seq = 0;
     bool pacing = false;
     bool dead = false;                   // the platform is gone
+    std::atomic<int> arriving{0};        // threads in enter, not yet holding the lock
     bool parked = false;                 // no other thread gets a turn again
     Slot* parkedBy = nullptr;            // the thread that parked the others
     RealClock::time_point lastCall = RealClock::now();
@@ -139,12 +143,28 @@ struct Scheduler::Core {
         return std::any_of(slots.begin(), slots.end(), [](const auto& p) { return p->state == State::Outside; });
     }
 
-    // A thread outside the platform that the kernel has running may call it
-    // at any moment: the clock waits for it.
-    bool anyOutsideRunning() const
+    // A thread of the process that is not waiting here and that the kernel
+    // has running may call the platform at any moment: one outside it, or
+    // one just started that has not made its first call yet. The clock
+    // waits for it. Threads that never call and sleep do not count.
+    bool anyOtherRunning() const
     {
-        return std::any_of(slots.begin(), slots.end(),
-                           [](const auto& p) { return p->state == State::Outside && !asleepInKernel(p->tid); });
+        DIR* tasks = ::opendir("/proc/self/task");
+        if (!tasks) return false;
+        const pid_t self = ::gettid();
+        bool running = false;
+        while (const dirent* entry = ::readdir(tasks)) {
+            pid_t tid = static_cast<pid_t>(std::atoi(entry->d_name));
+            if (tid <= 0 || tid == self) continue;
+            auto slot = std::find_if(slots.begin(), slots.end(), [tid](const auto& p) { return p->tid == tid; });
+            if (slot != slots.end() && (*slot)->state != State::Outside) continue;
+            if (!asleepInKernel(tid)) {
+                running = true;
+                break;
+            }
+        }
+        ::closedir(tasks);
+        return running;
     }
 
     // With the turn free: hand it on, moving the clock when every thread waits.
@@ -169,9 +189,10 @@ struct Scheduler::Core {
             if (anyOutside()) {
                 auto real = RealClock::now();
                 if (real - lastCall < kGrace || real - lastMove < kGrace) return;
-                if (anyOutsideRunning()) return;
                 if (pacing && real - lastMove < std::chrono::microseconds(*next - now)) return;
             }
+            // A thread about to ask for the turn sleeps on this lock: wait for it.
+            if (arriving.load() > 0 || anyOtherRunning()) return;
             clock.moveTo(*next);
             lastMove = RealClock::now();
         }
@@ -274,7 +295,9 @@ void Scheduler::enter()
         ++e->nested;
         return;
     }
+    ++c.arriving;
     std::unique_lock<std::mutex> lock(c.m);
+    --c.arriving;
     if (!e) {
         tls.entries.push_back(Entry{core_, c.add()});
         e = &tls.entries.back();

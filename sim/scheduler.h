@@ -25,9 +25,11 @@
 // thread that ends leaves. Waiting threads look again every grace period, for
 // changes made by other processes; they never spin.
 //
-// A thread counts from its first call. A thread that starts others should
-// have made a call before (as a program that set up the module has): they
-// then queue behind it, and none can run ahead of a sibling still starting.
+// A thread counts from its first call. The clock moves only while every
+// other thread of the process that is not waiting here is asleep in the
+// kernel: so a thread just started, which has not made its first call yet,
+// is waited for, and none can run ahead of a sibling still starting; threads
+// that never call the platform and sleep do not hold the clock.
 #pragma once
 
 #include <chrono>
