@@ -7,6 +7,7 @@
 #include <dirent.h>
 #include <cstdlib>
 #include <fcntl.h>
+#include <map>
 #include <unistd.h>
 #include <utility>
 
@@ -51,6 +52,22 @@ bool asleepInKernel(pid_t tid)
     return state == 'S' || state == 'T' || state == 't' || state == 'Z' || state == 'X';
 }
 
+// The threads of this process, from its /proc stat; 0 when it cannot be read.
+int threadsOfProcess()
+{
+    int fd = ::open("/proc/self/stat", O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return 0;
+    char text[1024];
+    ssize_t got = ::read(fd, text, sizeof text - 1);
+    ::close(fd);
+    if (got <= 0) return 0;
+    text[got] = '\0';
+    // Field 20, num_threads, is the 18th after the name's last ')'.
+    const char* p = std::strrchr(text, ')');
+    for (int field = 0; p && field < 18; ++field) p = std::strchr(p + 1, ' ');
+    return p ? std::atoi(p + 1) : 0;
+}
+
 } // namespace
 
 struct Scheduler::Core {
@@ -65,6 +82,7 @@ struct Scheduler::Core {
     uint64_t seq = 0;
     bool pacing = false;
     bool dead = false;                   // the platform is gone
+    std::map<pid_t, RealClock::time_point> strangers;  // threads not counted yet, first seen
     std::atomic<int> arriving{0};        // threads in enter, not yet holding the lock
     bool parked = false;                 // no other thread gets a turn again
     Slot* parkedBy = nullptr;            // the thread that parked the others
@@ -146,24 +164,37 @@ struct Scheduler::Core {
     // A thread of the process that is not waiting here and that the kernel
     // has running may call the platform at any moment: one outside it, or
     // one just started that has not made its first call yet. The clock
-    // waits for it. Threads that never call and sleep do not count.
-    bool anyOtherRunning() const
+    // waits for it. A thread never seen calling counts as starting for a
+    // grace period from when it was first seen (it may sleep on a lock of the
+    // runtime before its first call); after that, like a thread outside, only
+    // while it runs. Threads that never call and sleep do not count.
+    bool anyOtherRunning()
     {
+        if (threadsOfProcess() == 1) {  // the common case, at the cost of one read
+            strangers.clear();
+            return false;
+        }
         DIR* tasks = ::opendir("/proc/self/task");
         if (!tasks) return false;
         const pid_t self = ::gettid();
+        const auto real = RealClock::now();
+        std::map<pid_t, RealClock::time_point> seen;
         bool running = false;
         while (const dirent* entry = ::readdir(tasks)) {
             pid_t tid = static_cast<pid_t>(std::atoi(entry->d_name));
             if (tid <= 0 || tid == self) continue;
             auto slot = std::find_if(slots.begin(), slots.end(), [tid](const auto& p) { return p->tid == tid; });
-            if (slot != slots.end() && (*slot)->state != State::Outside) continue;
-            if (!asleepInKernel(tid)) {
-                running = true;
-                break;
+            if (slot != slots.end()) {
+                if ((*slot)->state == State::Outside && !asleepInKernel(tid)) running = true;
+                continue;
             }
+            auto known = strangers.find(tid);
+            auto first = known == strangers.end() ? real : known->second;
+            seen.emplace(tid, first);
+            if (real - first < kGrace || !asleepInKernel(tid)) running = true;
         }
         ::closedir(tasks);
+        strangers = std::move(seen);
         return running;
     }
 

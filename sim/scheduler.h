@@ -28,8 +28,10 @@
 // A thread counts from its first call. The clock moves only while every
 // other thread of the process that is not waiting here is asleep in the
 // kernel: so a thread just started, which has not made its first call yet,
-// is waited for, and none can run ahead of a sibling still starting; threads
-// that never call the platform and sleep do not hold the clock.
+// is waited for (a thread never seen calling counts as starting for a grace
+// period from when it is first seen, whatever it does), and none can run
+// ahead of a sibling still starting; threads that never call the platform
+// and sleep do not hold the clock.
 #pragma once
 
 #include <chrono>
