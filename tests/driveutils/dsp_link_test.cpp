@@ -23,6 +23,9 @@ namespace {
 
 using Bays = TavDspDiskStatus;
 
+// Reachable to the end of the process, for the leak check too.
+plat::ScopedPlatform* gScope = nullptr;
+
 // A module hosted in this process with the link up. The link's threads never
 // end: the platform is left to the end of the process and they are parked
 // when the test ends, so nothing runs while the module is taken away.
@@ -51,8 +54,9 @@ protected:
     void start(const std::string& dir, bool manager)
     {
         dir_ = dir;
+        // Reachable to the end of the process, for the leak check too.
         platform_ = new sim::SimPlatform(dir);
-        new plat::ScopedPlatform(*platform_);
+        gScope = new plat::ScopedPlatform(*platform_);
         control_ = std::make_unique<sim::Module>(dir);
         manager_ = manager;
         sim::resetDriveManager();
@@ -116,7 +120,7 @@ protected:
         raw[0] = static_cast<uint8_t>(buff.size());
         raw[1] = static_cast<uint8_t>(type);
         for (int d = 0; d < 8; ++d) raw[18 + d] = 0x05;  // every bay well: no change seen
-        std::memcpy(raw + 26, buff.data(), std::min<size_t>(buff.size(), 80));
+        if (!buff.empty()) std::memcpy(raw + 26, buff.data(), std::min<size_t>(buff.size(), 80));
     }
     void inject(int type, const std::vector<uint8_t>& buff = {})
     {
