@@ -1,5 +1,7 @@
 #include "device_model.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 
 #include <unistd.h>
@@ -51,6 +53,21 @@ int DeviceModel::stat(DeviceContext& ctx, const std::string& vpath, const Device
 bool DeviceModel::readReady(DeviceContext&, OpenNode&) { return true; }
 
 std::optional<uint64_t> DeviceModel::nextEvent(DeviceContext&) { return std::nullopt; }
+
+void* DeviceModel::mapRegion(DeviceContext&, OpenNode&, size_t, int, off_t)
+{
+    errno = ENODEV;
+    return MAP_FAILED;
+}
+
+int DeviceModel::unmapRegion(DeviceContext&, void* addr, size_t length) { return ::munmap(addr, length); }
+
+void DeviceModel::storeRegister(DeviceContext&, void* base, size_t offset, uint32_t value)
+{
+    *reinterpret_cast<volatile uint32_t*>(static_cast<char*>(base) + offset) = value;
+}
+
+int DeviceModel::promDownload(DeviceContext&, OpenNode&, const char*) { return 1; }
 
 std::vector<DeviceModel*> DeviceRegistry::all() const
 {

@@ -76,6 +76,20 @@ public:
     // event of its own, if any: when every thread waits, the clock moves to
     // the earliest of these and of the waits' ends. Default: none.
     virtual std::optional<uint64_t> nextEvent(DeviceContext& ctx);
+
+    // mmap of `length` bytes of the node at `offset`: memory of the model's
+    // choosing (a state file mapped shared, a fresh area), or MAP_FAILED with
+    // errno. The platform records the mapping: unmapRegion gets it back, and a
+    // storeRegister into it goes to storeRegister. Default: ENODEV.
+    virtual void* mapRegion(DeviceContext& ctx, OpenNode& n, size_t length, int prot, off_t offset);
+    // Releases a mapping that mapRegion gave; 0 or -1 with errno.
+    virtual int unmapRegion(DeviceContext& ctx, void* addr, size_t length);
+    // A 32-bit store by the system at `offset` into the mapping at `base` that
+    // this model gave. Default: the plain store.
+    virtual void storeRegister(DeviceContext& ctx, void* base, size_t offset, uint32_t value);
+    // The PROM player on a descriptor of the node (plat::nvramPromDownload).
+    // Default: 1, a file it cannot use.
+    virtual int promDownload(DeviceContext& ctx, OpenNode& n, const char* filename);
 };
 
 // The models of a platform, found by path prefix or by (block, major).

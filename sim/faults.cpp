@@ -14,7 +14,8 @@
 namespace sim {
 namespace {
 
-const char* const kOpNames[] = {"open", "read", "write", "lseek", "fsync", "ioctl", "stat", "unlink", "rename", "wait"};
+const char* const kOpNames[] = {"open", "read", "write", "lseek", "fsync", "ioctl", "stat", "unlink", "rename", "wait",
+                                "mmap", "store", "prom"};
 
 struct ErrnoName {
     int value;

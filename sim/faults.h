@@ -30,7 +30,9 @@ namespace sim {
 
 // Rename faults match the source path.
 // A wait is the platform's waitTimeout (its path is "-").
-enum class Op { Open, Read, Write, Lseek, Fsync, Ioctl, Stat, Unlink, Rename, Wait };
+// Mmap: a mapping of a device node; Store: a register store into one (a
+// failed store is lost on the bus); Prom: a PROM download on a node.
+enum class Op { Open, Read, Write, Lseek, Fsync, Ioctl, Stat, Unlink, Rename, Wait, Mmap, Store, Prom };
 
 const char* opName(Op op);
 bool parseOp(const std::string& name, Op& op);

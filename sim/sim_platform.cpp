@@ -459,11 +459,74 @@ void* SimPlatform::mmap(void* addr, size_t length, int prot, int flags, int fd, 
     Call call(*this);
     Handle* h = handle(fd);
     if ((flags & MAP_ANONYMOUS) || (h && h->kind == Kind::File)) return ::mmap(addr, length, prot, flags, fd, offset);
-    errno = ENODEV;
-    return MAP_FAILED;
+    if (!h || !h->model) {
+        errno = ENODEV;
+        return MAP_FAILED;
+    }
+    Hit hit = checkFault(Op::Mmap, h->vpath);
+    if (hit.fires && hit.action == Fault::Action::Error) {
+        errno = hit.error;
+        return MAP_FAILED;
+    }
+    DeviceContext ctx = context();
+    void* p = h->model->mapRegion(ctx, *h, length, prot, offset);
+    if (p != MAP_FAILED) mappings_[reinterpret_cast<uintptr_t>(p)] = Mapping{h->model, length, h->vpath};
+    return p;
 }
 
-int SimPlatform::munmap(void* addr, size_t length) { return ::munmap(addr, length); }
+SimPlatform::Mapping* SimPlatform::mappingAt(const volatile void* addr, uintptr_t& base)
+{
+    auto a = reinterpret_cast<uintptr_t>(const_cast<const void*>(addr));
+    auto it = mappings_.upper_bound(a);
+    if (it == mappings_.begin()) return nullptr;
+    --it;
+    if (a >= it->first + it->second.length) return nullptr;
+    base = it->first;
+    return &it->second;
+}
+
+int SimPlatform::munmap(void* addr, size_t length)
+{
+    Call call(*this);
+    auto it = mappings_.find(reinterpret_cast<uintptr_t>(addr));
+    if (it == mappings_.end()) return ::munmap(addr, length);
+    DeviceModel* model = it->second.model;
+    mappings_.erase(it);
+    DeviceContext ctx = context();
+    return model->unmapRegion(ctx, addr, length);
+}
+
+void SimPlatform::storeRegister(volatile uint32_t* reg, uint32_t value)
+{
+    Call call(*this);
+    uintptr_t base = 0;
+    Mapping* m = mappingAt(reg, base);
+    if (!m) {
+        *reg = value;
+        return;
+    }
+    size_t offset = reinterpret_cast<uintptr_t>(const_cast<uint32_t*>(reg)) - base;
+    Hit hit = checkFault(Op::Store, m->vpath);
+    if (hit.fires) {
+        TAV_LOG(5, "tavsim: store of 0x%08x at 0x%zx of %s lost %s:%d\n", value, offset, m->vpath.c_str(), TAV_FILE,
+                __LINE__);
+        return;
+    }
+    DeviceContext ctx = context();
+    m->model->storeRegister(ctx, reinterpret_cast<void*>(base), offset, value);
+}
+
+int SimPlatform::nvramPromDownload(int fd, const char* filename)
+{
+    Call call(*this);
+    Handle* h = handle(fd);
+    if (!h || !h->model) return 1;
+    // A broken run of the player reads as a failed verification.
+    Hit hit = checkFault(Op::Prom, h->vpath);
+    if (hit.fires) return 2;
+    DeviceContext ctx = context();
+    return h->model->promDownload(ctx, *h, filename ? filename : "");
+}
 
 // ---- paths ----
 

@@ -65,6 +65,10 @@ public:
     int fstat(int fd, struct ::stat* st) override;
     void* mmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset) override;
     int munmap(void* addr, size_t length) override;
+    // A store into a mapping of a device node goes to its model; any other
+    // address takes the plain store.
+    void storeRegister(volatile uint32_t* reg, uint32_t value) override;
+    int nvramPromDownload(int fd, const char* filename) override;
     int stat(const char* path, struct ::stat* st) override;
     int lstat(const char* path, struct ::stat* st) override;
     int access(const char* path, int mode) override;
@@ -120,6 +124,12 @@ private:
         int error = 0;
         uint64_t shortCount = 0;
     };
+    // A mapping that a device model gave, by its base address.
+    struct Mapping {
+        DeviceModel* model = nullptr;
+        size_t length = 0;
+        std::string vpath;
+    };
     // Where a path leads: a model of its own, a bay node, or a plain file.
     struct Target {
         DeviceModel* model = nullptr;
@@ -145,6 +155,8 @@ private:
     const HostDir& procDir();
     DeviceContext context() { return DeviceContext{module_, powerCut_}; }
     Handle* handle(int fd);
+    // The model's mapping that holds `addr`, and its base; null for others.
+    Mapping* mappingAt(const volatile void* addr, uintptr_t& base);
 
     void refreshFaults();
     Hit checkFault(Op op, const std::string& vpath, unsigned long request = 0);
@@ -168,6 +180,7 @@ private:
     pid_t procPid_ = 0;
     std::string cwd_ = "/";
     std::map<int, Handle> handles_;
+    std::map<uintptr_t, Mapping> mappings_;
     std::map<FILE*, Pipe*> pipes_;
     std::vector<Fault> faults_;
     Module::Stamp faultStamp_;

@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 
 #include "platform/megalib_loader.h"
+#include "platform/xsvf_loader.h"
 
 namespace plat {
 namespace {
@@ -36,6 +37,9 @@ public:
         return ::mmap(addr, length, prot, flags, fd, offset);
     }
     int munmap(void* addr, size_t length) override { return ::munmap(addr, length); }
+    // The plain store: the mapping is the device's own memory.
+    void storeRegister(volatile uint32_t* reg, uint32_t value) override { *reg = value; }
+    int nvramPromDownload(int fd, const char* filename) override { return xsvf::player().play(fd, filename); }
     int stat(const char* path, struct ::stat* st) override { return ::stat(path, st); }
     int lstat(const char* path, struct ::stat* st) override { return ::lstat(path, st); }
     int access(const char* path, int mode) override { return ::access(path, mode); }

@@ -8,6 +8,7 @@
 // (plat::open, plat::ioctl, ...) and never the libc functions of the same name.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <dirent.h>
@@ -36,6 +37,14 @@ public:
     virtual int fstat(int fd, struct ::stat* st) = 0;
     virtual void* mmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset) = 0;
     virtual int munmap(void* addr, size_t length) = 0;
+    // A 32-bit store into a device's registers mapped with mmap. A device acts
+    // on such a store at once (a descriptor pushed, a threshold written), so it
+    // is a call; loads from the mapping stay plain reads of memory.
+    virtual void storeRegister(volatile uint32_t* reg, uint32_t value) = 0;
+    // Plays an XSVF file into the PROM of the NVRAM card open on `fd`: 0 done,
+    // 1 a file it cannot use, 112 a run to be repeated once, anything else a
+    // failed verification.
+    virtual int nvramPromDownload(int fd, const char* filename) = 0;
 
     // Paths.
     virtual int stat(const char* path, struct ::stat* st) = 0;
@@ -125,6 +134,8 @@ public:
         return inner_.mmap(addr, length, prot, flags, fd, offset);
     }
     int munmap(void* addr, size_t length) override { return inner_.munmap(addr, length); }
+    void storeRegister(volatile uint32_t* reg, uint32_t value) override { inner_.storeRegister(reg, value); }
+    int nvramPromDownload(int fd, const char* filename) override { return inner_.nvramPromDownload(fd, filename); }
     int stat(const char* path, struct ::stat* st) override { return inner_.stat(path, st); }
     int lstat(const char* path, struct ::stat* st) override { return inner_.lstat(path, st); }
     int access(const char* path, int mode) override { return inner_.access(path, mode); }
@@ -186,6 +197,8 @@ inline void* mmap(void* addr, size_t length, int prot, int flags, int fd, off_t 
     return current().mmap(addr, length, prot, flags, fd, offset);
 }
 inline int munmap(void* addr, size_t length) { return current().munmap(addr, length); }
+inline void storeRegister(volatile uint32_t* reg, uint32_t value) { current().storeRegister(reg, value); }
+inline int nvramPromDownload(int fd, const char* filename) { return current().nvramPromDownload(fd, filename); }
 inline int stat(const char* path, struct ::stat* st) { return current().stat(path, st); }
 inline int lstat(const char* path, struct ::stat* st) { return current().lstat(path, st); }
 inline int access(const char* path, int mode) { return current().access(path, mode); }
