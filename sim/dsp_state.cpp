@@ -21,16 +21,6 @@ bool fail(std::string& why, const std::string& text)
     return false;
 }
 
-bool parseSigned(const std::string& word, int64_t min, int64_t max, int64_t& out)
-{
-    const bool negative = !word.empty() && word[0] == '-';
-    uint64_t n = 0;
-    if (!parseNumber(negative ? word.substr(1) : word, n) || (negative && n == 0)) return false;
-    if (negative ? n > static_cast<uint64_t>(-(min + 1)) + 1 : n > static_cast<uint64_t>(max)) return false;
-    out = negative ? -static_cast<int64_t>(n - 1) - 1 : static_cast<int64_t>(n);
-    return out >= min && out <= max;
-}
-
 // The KEY=VALUE words of a line, each key once.
 class Fields {
 public:

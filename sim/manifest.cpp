@@ -19,6 +19,16 @@ bool parseNumber(const std::string& word, uint64_t& out)
     return true;
 }
 
+bool parseSigned(const std::string& word, int64_t min, int64_t max, int64_t& out)
+{
+    const bool negative = !word.empty() && word[0] == '-';
+    uint64_t n = 0;
+    if (!parseNumber(negative ? word.substr(1) : word, n) || (negative && n == 0)) return false;
+    if (negative ? n > static_cast<uint64_t>(-(min + 1)) + 1 : n > static_cast<uint64_t>(max)) return false;
+    out = negative ? -static_cast<int64_t>(n - 1) - 1 : static_cast<int64_t>(n);
+    return out >= min && out <= max;
+}
+
 bool parseHexNumber(const std::string& word, uint64_t& out)
 {
     if (word.size() < 3 || word.size() > 18 || word[0] != '0' || (word[1] != 'x' && word[1] != 'X')) return false;

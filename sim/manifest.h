@@ -68,5 +68,7 @@ std::string percentDecode(const std::string& value);
 bool parseNumber(const std::string& word, uint64_t& out);
 // The same for a field kept in hex: "0x" and 1 to 16 hex digits.
 bool parseHexNumber(const std::string& word, uint64_t& out);
+// A decimal number `min` to `max`, with an optional "-"; no leading zero.
+bool parseSigned(const std::string& word, int64_t min, int64_t max, int64_t& out);
 
 } // namespace sim

@@ -16,16 +16,6 @@ constexpr uint64_t kMaxKiB = 1ULL << 40;  // far beyond any drive of a module
 
 // ---- reading ----
 
-bool parseSigned(const std::string& word, int64_t min, int64_t max, int64_t& out)
-{
-    const bool negative = !word.empty() && word[0] == '-';
-    uint64_t n = 0;
-    if (!parseNumber(negative ? word.substr(1) : word, n) || (negative && n == 0)) return false;
-    if (negative ? n > static_cast<uint64_t>(-(min + 1)) + 1 : n > static_cast<uint64_t>(max)) return false;
-    out = negative ? -static_cast<int64_t>(n - 1) - 1 : static_cast<int64_t>(n);
-    return out >= min && out <= max;
-}
-
 // The key=value words of a record, each key once. Each reader leaves its
 // target alone when the key is absent.
 class Fields {

@@ -119,18 +119,6 @@ sim::DspBay bay(bool powered, bool clamped, bool lockOpen, bool criticalOpen, in
     return sim::DspBay{powered, clamped, lockOpen, criticalOpen, static_cast<int8_t>(temp)};
 }
 
-struct Captured {
-    int status;
-    std::string out, err;
-};
-Captured tavsim(const std::vector<std::string>& args)
-{
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    int status = callTavsim(args);
-    std::string out = testing::internal::GetCapturedStdout();
-    return {status, out, testing::internal::GetCapturedStderr()};
-}
 
 } // namespace
 

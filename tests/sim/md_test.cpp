@@ -162,19 +162,6 @@ std::string line(const std::string& text, const std::string& containing)
     return "";
 }
 
-struct Captured {
-    int status;
-    std::string out, err;
-};
-
-Captured tavsim(const std::vector<std::string>& args)
-{
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    int status = callTavsim(args);
-    std::string out = testing::internal::GetCapturedStdout();
-    return {status, out, testing::internal::GetCapturedStderr()};
-}
 
 } // namespace
 

@@ -131,4 +131,19 @@ inline int callTavsim(std::vector<std::string> args)
     return sim::tavsimMain(static_cast<int>(args.size()), argv.data());
 }
 
+// tavsim in-process with its exit status and both streams.
+struct Captured {
+    int status;
+    std::string out, err;
+};
+
+inline Captured tavsim(const std::vector<std::string>& args)
+{
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    int status = callTavsim(args);
+    std::string out = testing::internal::GetCapturedStdout();
+    return {status, out, testing::internal::GetCapturedStderr()};
+}
+
 } // namespace simtest

@@ -15,20 +15,6 @@ using namespace simtest;
 
 namespace {
 
-struct Outcome {
-    int status;
-    std::string out, err;
-};
-
-Outcome tavsim(const std::vector<std::string>& args)
-{
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    int status = callTavsim(args);
-    std::string out = testing::internal::GetCapturedStdout();
-    return {status, out, testing::internal::GetCapturedStderr()};
-}
-
 struct Refusal {
     std::vector<std::string> args;
     int status;
@@ -40,7 +26,7 @@ void expectRefusals(const std::vector<Refusal>& cases)
     for (const Refusal& c : cases) {
         std::string line;
         for (const std::string& a : c.args) line += " " + a;
-        Outcome r = tavsim(c.args);
+        Captured r = tavsim(c.args);
         EXPECT_EQ(r.status, c.status) << line << "\n" << r.err;
         EXPECT_EQ(r.err.compare(0, c.message.size(), c.message), 0) << line << "\n" << r.err;
         EXPECT_EQ(r.out, "") << line;
@@ -50,7 +36,7 @@ void expectRefusals(const std::vector<Refusal>& cases)
 // A module of platform 3 (two bays) of `sectors` drives, made by tavsim.
 std::string makeModule(TempModule& m, uint64_t sectors)
 {
-    Outcome r = tavsim({"create", m.dir(), "--platform", "3", "--sectors", std::to_string(sectors), "--any-size"});
+    Captured r = tavsim({"create", m.dir(), "--platform", "3", "--sectors", std::to_string(sectors), "--any-size"});
     EXPECT_EQ(r.status, 0) << r.err;
     return m.dir();
 }
@@ -195,11 +181,11 @@ TEST(TavsimCli, CommandLineRefusalsNameTheArgumentAndTheRange)
     });
     for (const std::vector<std::string>& help : std::vector<std::vector<std::string>>{
              {"--help"}, {"--version"}, {"create", "--help"}, {"fault", d, "--help"}, {"show", "--version"}}) {
-        Outcome r = tavsim(help);
+        Captured r = tavsim(help);
         EXPECT_EQ(r.status, 0) << help[0];
         EXPECT_NE(r.out, "") << help[0];
     }
-    Outcome help = tavsim({"fault", "--help"});
+    Captured help = tavsim({"fault", "--help"});
     EXPECT_NE(help.out.find("ioctl only: BLKRRPART BLKGETSIZE"), std::string::npos) << help.out;
     EXPECT_NE(help.out.find("Exit status: 0 done; 1 refused or failed"), std::string::npos) << help.out;
 
@@ -274,7 +260,7 @@ TEST(TavsimCli, CommandLineRefusalsNameTheArgumentAndTheRange)
     EXPECT_EQ(mod.readState("faults"), "") << "nothing refused was armed";
 
     // What is accepted: requests by name or number, an id without a layout row of its own.
-    Outcome armed = tavsim({"fault", d, "ioctl", disc, "request=HDIO_GET_IDENTITY", "errno=EIO"});
+    Captured armed = tavsim({"fault", d, "ioctl", disc, "request=HDIO_GET_IDENTITY", "errno=EIO"});
     EXPECT_EQ(armed.out, "armed fault ioctl " + disc + " nth=1 times=1 request=0x30d errno=EIO\n") << armed.err;
     EXPECT_EQ(tavsim({"fault", d, "ioctl", disc, "request=781", "times=-1", "errno=5"}).status, 0);
     std::vector<sim::Fault> faults = sim::parseFaults(mod.readState("faults"));
@@ -284,7 +270,7 @@ TEST(TavsimCli, CommandLineRefusalsNameTheArgumentAndTheRange)
 
     TempModule seven(1, false);
     ASSERT_EQ(tavsim({"create", seven.dir(), "--platform", "7", "--sectors", "8388608"}).status, 0);
-    Outcome shown = tavsim({"show", seven.dir()});
+    Captured shown = tavsim({"show", seven.dir()});
     EXPECT_NE(shown.out.find("\nplatform 7 layout of platform 1 (no row of its own)\n"), std::string::npos) << shown.out;
     EXPECT_EQ(rows(shown.out, "4").size(), 1u) << "four bays, as platform 1";
 }
@@ -305,7 +291,7 @@ TEST(TavsimCli, StateFilesThatCannotBeReadAreReportedWithFileAndLine)
     mod.writeState("clock", "soon\n");
     mod.writeState("faults", "read * times=0 errno=EIO\n");
 
-    Outcome r = tavsim({"show", m.dir()});
+    Captured r = tavsim({"show", m.dir()});
     EXPECT_EQ(r.status, 0);
     const std::string at = "tavsim: warning: " + mod.dir() + "/sim/";
     for (const std::string& expected : {
@@ -328,7 +314,7 @@ TEST(TavsimCli, StateFilesThatCannotBeReadAreReportedWithFileAndLine)
 
     // A well-made module has nothing to report.
     TempModule clean;
-    Outcome quiet = tavsim({"show", clean.dir()});
+    Captured quiet = tavsim({"show", clean.dir()});
     EXPECT_EQ(quiet.err, "");
 }
 
@@ -347,8 +333,8 @@ TEST(TavsimCli, JsonAgreesWithShow)
         return true;
     }));
 
-    Outcome text = tavsim({"show", d});
-    Outcome json = tavsim({"show", d, "--json"});
+    Captured text = tavsim({"show", d});
+    Captured json = tavsim({"show", d, "--json"});
     ASSERT_EQ(json.status, 0) << json.err;
     Json doc;
     ASSERT_NO_THROW(doc = JsonReader(json.out).document()) << json.out;
@@ -405,10 +391,10 @@ TEST(TavsimCli, ShowPartitionsAndTheOneLineReports)
 {
     TempModule m;
     const std::string d = m.dir();
-    Outcome partitioned = tavsim({"partition", d});
+    Captured partitioned = tavsim({"partition", d});
     EXPECT_EQ(partitioned.out, "partitioned bays 1, 2, 3 and 4: signature, data, boot, extended, os, os2 and log\n");
     ASSERT_EQ(tavsim({"pull", d, "2"}).status, 0);
-    Outcome r = tavsim({"show", d, "--partitions"});
+    Captured r = tavsim({"show", d, "--partitions"});
     ASSERT_EQ(r.status, 0);
     const std::vector<std::vector<std::string>> expected = {
         {"1", "signature", "1", "2048", "1M"},
@@ -432,7 +418,7 @@ TEST(TavsimCli, ShowPartitionsAndTheOneLineReports)
     EXPECT_EQ(tavsim({"swap", d, "1", "2"}).out.compare(0, 44, "swapped bays 1 and 2: bay 1 holds drive " + pulled.substr(0, 4)), 0);
     EXPECT_EQ(tavsim({"corrupt", d, "3", "512", "dead"}).out, "wrote 2 bytes at byte 512 of " + std::string(kDisc3) + " (bay 3)\n");
     ASSERT_EQ(tavsim({"pull", d, "4"}).status, 0);
-    Outcome fresh = tavsim({"insert", d, "4"});
+    Captured fresh = tavsim({"insert", d, "4"});
     EXPECT_EQ(fresh.out.compare(0, 29, "inserted a new blank drive SI"), 0) << fresh.out;
     EXPECT_NE(fresh.out.find(" of 8388608 sectors (4G) into bay 4\n"), std::string::npos) << fresh.out;
 }
@@ -451,7 +437,7 @@ TEST(TavsimCli, PartitionChecksTheDriveSizeAgainstTheLayoutBounds)
     for (const Case& c : {Case{4317184, 1, 0}, Case{4317185, 0, 1}, Case{4294967295, 0, 4290650111}, Case{4294967296, 1, 0}}) {
         SCOPED_TRACE(c.sectors);
         TempModule m(1, false);
-        Outcome created = tavsim({"create", m.dir(), "--platform", "3", "--sectors", std::to_string(c.sectors)});
+        Captured created = tavsim({"create", m.dir(), "--platform", "3", "--sectors", std::to_string(c.sectors)});
         if (c.status == 0) {
             EXPECT_EQ(created.status, 0) << created.err;
         } else {
@@ -463,7 +449,7 @@ TEST(TavsimCli, PartitionChecksTheDriveSizeAgainstTheLayoutBounds)
                 << created.err;
             makeModule(m, c.sectors);
         }
-        Outcome r = tavsim({"partition", m.dir()});
+        Captured r = tavsim({"partition", m.dir()});
         EXPECT_EQ(r.status, c.status) << r.err;
         sim::Module mod(m.dir());
         if (c.status == 0) {
@@ -511,7 +497,7 @@ TEST(TavsimCli, AFailedBuildNamesItsStepErrnoAndResult)
         std::vector<std::string> arm = {"fault", m.dir()};
         arm.insert(arm.end(), c.fault.begin(), c.fault.end());
         ASSERT_EQ(tavsim(arm).status, 0);
-        Outcome r = tavsim({"partition", m.dir()});
+        Captured r = tavsim({"partition", m.dir()});
         EXPECT_EQ(r.status, 1);
         EXPECT_NE(r.err.find("tavsim partition: bay 1: " + c.message), std::string::npos) << r.err;
         EXPECT_EQ(r.out, "partitioned bay 2: signature, data, boot, extended, os, os2 and log\n") << "the other bay is done";
@@ -575,12 +561,12 @@ TEST(TavsimCli, RaidConfiguresTheArrayAndShowSignatureListsTheTree)
          "tavsim raid: a RAID 5 needs at least 3 members, not 2"},
         {{"raid", d, "--level", "0", "--spares", "1"}, 1, "tavsim raid: a RAID 0 takes no spares"},
     });
-    Outcome made = tavsim({"raid", d, "--level", "1", "--drives", "3,4", "--md", "7", "--mount", "/data"});
+    Captured made = tavsim({"raid", d, "--level", "1", "--drives", "3,4", "--md", "7", "--mount", "/data"});
     ASSERT_EQ(made.status, 0) << made.err;
     EXPECT_EQ(made.out, "/dev/md7 RAID 1 of bays 3 and 4, mounted at /data; OS mirrors /dev/md200 and /dev/md201; "
                         "the tree written into every drive's signature\n");
 
-    Outcome tables = tavsim({"show", d, "--signature"});
+    Captured tables = tavsim({"show", d, "--signature"});
     ASSERT_EQ(tables.status, 0) << tables.err;
     auto drives = rows(tables.out, "3");
     ASSERT_EQ(drives.size(), 1u) << tables.out;
