@@ -56,19 +56,6 @@ uint32_t word(const std::vector<uint8_t>& page, size_t at)
     return v;
 }
 
-struct Captured {
-    int status;
-    std::string out, err;
-};
-Captured tavsim(const std::vector<std::string>& args)
-{
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    const int status = callTavsim(args);
-    std::string out = testing::internal::GetCapturedStdout();
-    return {status, out, testing::internal::GetCapturedStderr()};
-}
-
 // A module of platform 6 (identity only), its card open and mapped as the
 // system's library maps it: registers, a descriptor area and a host page.
 struct Card {
