@@ -175,6 +175,8 @@ const std::vector<Command> kCommands = {
      kMdHelp, runMd},
     {"dsp", "DIR [--json]\n       tavsim dsp DIR set WHAT VALUE...",
      "the chassis controller: bays, sensors, driver, behaviours; set them", kDspHelp, runDsp},
+    {"nvram", "DIR [add|show|set|fault|fill|powerfail|power-cycle|recover|status] [ARGS...]",
+     "the NVRAM card: registers, EEPROM, faults; fill SDRAM, take the power away", kNvramHelp, runNvram},
     {"bay", "DIR N lock|critical open|close", "open or close a bay's lock or critical switch", kBayHelp, runBay},
     {"console", "DIR [--debug LEVEL]", "host the module: the drive manager up, the chassis controller's link running",
      kConsoleHelp, runConsole},
@@ -278,6 +280,7 @@ int tavsimMain(int argc, char** argv)
     for (const std::string& word : call.args) {
         if (word == "--") break;
         if (isHelp(word)) {
+            if (command->run == runNvram && nvramSubcommandHelp(call.args)) return kDone;
             printCommandHelp(*command);
             return kDone;
         }
