@@ -219,6 +219,71 @@ TEST_F(CardTest, TransferFailureReturnedWhenAskedWithItsDump)
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
+TEST_F(CardTest, APushTheCardRefusesEndsTheClearAndTheRecovery)
+{
+    change([](sim::NvramCard& c) { c.faults.fifoFull = true; });
+    nvram_t handle = open(NVRAM_MODE_READ_WRITE, NVRAM_DESCR_FIFO_FULL);
+    ASSERT_NE(handle, nullptr);
+    EXPECT_FALSE(setupBits() & NVRAM_SETUP_SDRAM_CLEARED);
+    EXPECT_FALSE(setupBits() & NVRAM_SETUP_WRITE_ENABLE);
+    EXPECT_EQ(eeprom(NVRAM_EE_SDRAM_CLEAR), 0u);
+    change([](sim::NvramCard& c) { c.faults.fifoFull = false; });
+    ASSERT_EQ(nvram_close(handle), NVRAM_SUCCESS);
+
+    fillAndFail(21);
+    handle = openWritable();
+    ASSERT_NE(handle, nullptr);
+    change([](sim::NvramCard& c) { c.faults.fifoFull = true; });
+    EXPECT_EQ(nvram_recover_flash_to_sdram(handle), NVRAM_DESCR_FIFO_FULL);
+    EXPECT_EQ(nvram_get_validity(handle), NVRAM_VALIDITY_INVALID);
+    change([](sim::NvramCard& c) { c.faults.fifoFull = false; });
+    EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
+}
+
+// A card whose microengine stops when a descriptor is pushed: it never
+// completes.
+class HaltOnPush : public plat::ForwardingPlatform {
+public:
+    HaltOnPush(plat::Platform& inner, sim::Module& module) : ForwardingPlatform(inner), module_(module) {}
+    void storeRegister(volatile uint32_t*, uint32_t) override
+    {
+        sim::nvramUpdate(module_, [](sim::NvramCard& c) { c.faults.halted = true; });
+    }
+
+private:
+    sim::Module& module_;
+};
+
+TEST_F(CardTest, TransferThatStopsOrNeverEndsIsReturnedWhenAsked)
+{
+    nvram_t handle = openWritable();
+    ASSERT_NE(handle, nullptr);
+    void* descr = plat::mmap(nullptr, 64, PROT_READ | PROT_WRITE, MAP_SHARED, handle->fd, NVRAM_MMAP_DESCRIPTOR);
+    ASSERT_NE(descr, MAP_FAILED);
+    uint32_t descrBus;
+    std::memcpy(&descrBus, descr, 4);
+    auto* d = static_cast<nvramd_t*>(descr);
+
+    change([](sim::NvramCard& c) { c.faults.transferHang = true; });
+    EXPECT_EQ(nvram_memcpy(handle, d, descrBus, 0, 0x40000000, 64, NVRAM_OP_S2H, 0), NVRAM_DESCR_TIMED_OUT);
+    EXPECT_TRUE(logged(" op               = 0x12"));
+    change([](sim::NvramCard& c) {
+        c.faults.transferHang = false;
+        c.faults.fifoBusy = false;
+        c.setReg(NVRAM_REG_SETUP, c.reg(NVRAM_REG_SETUP) & ~NVRAM_SETUP_FIFO_BUSY);
+    });
+    {
+        HaltOnPush halting(*platform_, module());
+        plat::ScopedPlatform scope(halting);
+        nvtest::lines().clear();
+        EXPECT_EQ(nvram_memcpy(handle, d, descrBus, 0, 0x40000000, 64, NVRAM_OP_S2H, 0), NVRAM_MICROENGINE_HALTED);
+        EXPECT_TRUE(logged(" complete         = 0x0"));
+        EXPECT_EQ(nvtest::loggedStarting("0x10 = 0x"), 1u);
+    }
+    plat::munmap(descr, 64);
+    EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
+}
+
 // ---- deliberate stops ----
 
 using CardDeathTest = CardTest;
@@ -284,6 +349,28 @@ TEST_F(CardDeathTest, TransferThatNeverCompletesWhileClearingSdram)
 {
     change([](sim::NvramCard& c) { c.faults.transferHang = true; });
     EXPECT_DEATH(openQuiet(), "nvram_memcpy: DESCR_TIMED_OUT \\(host to sdram\\)");
+}
+
+// Setup bit 10 does not take: the library stops rather than clear again at
+// every open.
+class DropClearedBit : public plat::ForwardingPlatform {
+public:
+    using ForwardingPlatform::ForwardingPlatform;
+    int ioctl(int fd, unsigned long request, void* arg) override
+    {
+        if (request == NVRAM_IOCTL_SET_SETUP_BITS) {
+            uint32_t bits = *static_cast<uint32_t*>(arg) & ~NVRAM_SETUP_SDRAM_CLEARED;
+            return ForwardingPlatform::ioctl(fd, request, &bits);
+        }
+        return ForwardingPlatform::ioctl(fd, request, arg);
+    }
+};
+
+TEST_F(CardDeathTest, SdramClearedBitThatDoesNotReadBack)
+{
+    DropClearedBit dropping(*platform_);
+    plat::ScopedPlatform scope(dropping);
+    EXPECT_DEATH(openQuiet(), "NVRAM_SETUP_SDRAM_CLEARED");
 }
 
 TEST_F(CardDeathTest, UnknownAutoCopyFlagOnOtherCards)
