@@ -203,22 +203,6 @@ TEST(NvramText, DefaultLoggerWritesTheLineToStandardError)
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "STATE CHANGE from flash to sdram\n");
 }
 
-TEST(NvramRecords, CountersLieAtTheirEepromAddresses)
-{
-    // The structure keeps the uncorrectable flash counter before the
-    // correctable one, the EEPROM the other way round.
-    EXPECT_EQ(nvram_counter_address[13], 112);
-    EXPECT_EQ(nvram_counter_address[14], 108);
-    EXPECT_EQ(nvram_counter_address[22], NVRAM_EE_FLASH_RECOVER_RETRIED);
-    EXPECT_EQ(nvram_counter_address[28], 152);
-    EXPECT_EQ(nvram_counter_address[30], NVRAM_EE_SDRAM_REFRESH_FAILED);
-    std::vector<int> seen(nvram_counter_address, nvram_counter_address + 31);
-    std::sort(seen.begin(), seen.end());
-    EXPECT_EQ(std::adjacent_find(seen.begin(), seen.end()), seen.end());
-    EXPECT_EQ(std::find(seen.begin(), seen.end(), 72), seen.end());  // 72 and 96 hold no counter
-    EXPECT_EQ(std::find(seen.begin(), seen.end(), 96), seen.end());
-}
-
 TEST(NvramHandle, AMissingOrClosedHandleIsRefused)
 {
     nvram_s closed{};

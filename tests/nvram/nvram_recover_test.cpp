@@ -138,6 +138,12 @@ TEST_F(CardTest, OneFlippedDataBitIsCorrectedWrittenBackAndPassesTheCrc)
     EXPECT_TRUE(logged("CORRECTABLE error at byte:bit 25:3 of block 0"));
     EXPECT_EQ(loggedStarting("FLASH CHECKSUM BAD"), 0u);
     EXPECT_EQ(eeprom(NVRAM_EE_FLASH_ECC_CORRECTABLE), 1u);
+    // The status keeps the uncorrectable counter before the correctable one,
+    // the EEPROM the other way round.
+    nvram_status_t status;
+    ASSERT_EQ(nvram_get_status(handle, &status, 0), NVRAM_SUCCESS);
+    EXPECT_EQ(status.count.flash_ecc_correctable, 1u);
+    EXPECT_EQ(status.count.flash_ecc_uncorrectable, 0u);
     expectRestored(18, kPages);
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
