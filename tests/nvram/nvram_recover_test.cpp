@@ -13,20 +13,6 @@ using nvtest::loggedStarting;
 
 constexpr uint32_t kPages = 512;  // the default card's SDRAM
 
-// The time-out of a transfer is a billion polls: under ThreadSanitizer's
-// instrumented loads that is minutes, so those tests run in the other builds.
-#if defined(__SANITIZE_THREAD__)
-constexpr bool kSlowPolls = true;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-constexpr bool kSlowPolls = true;
-#else
-constexpr bool kSlowPolls = false;
-#endif
-#else
-constexpr bool kSlowPolls = false;
-#endif
-
 TEST_F(CardTest, RecoveryAfterAPowerFailureReturnsEveryByte)
 {
     fillAndFail(11);
@@ -276,7 +262,7 @@ private:
 
 TEST_F(CardTest, TransferThatStopsOrNeverEndsIsReturnedWhenAsked)
 {
-    if (kSlowPolls) GTEST_SKIP() << "a billion instrumented polls";
+    if (nvtest::kSlowPolls) GTEST_SKIP() << "a billion instrumented polls";
     nvram_t handle = openWritable();
     ASSERT_NE(handle, nullptr);
     void* descr = plat::mmap(nullptr, 64, PROT_READ | PROT_WRITE, MAP_SHARED, handle->fd, NVRAM_MMAP_DESCRIPTOR);
@@ -368,7 +354,7 @@ TEST_F(CardDeathTest, FailedTransferDuringRecovery)
 
 TEST_F(CardDeathTest, TransferThatNeverCompletesWhileClearingSdram)
 {
-    if (kSlowPolls) GTEST_SKIP() << "a billion instrumented polls";
+    if (nvtest::kSlowPolls) GTEST_SKIP() << "a billion instrumented polls";
     change([](sim::NvramCard& c) { c.faults.transferHang = true; });
     EXPECT_DEATH(openQuiet(), "nvram_memcpy: DESCR_TIMED_OUT \\(host to sdram\\)");
 }
