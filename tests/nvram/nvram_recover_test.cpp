@@ -354,6 +354,7 @@ TEST_F(CardDeathTest, ZeroPagesPerBlock)
     ASSERT_EQ(nvram_set_nvram_writable(handle, 1), NVRAM_SUCCESS);
     sim::nvramSetEeprom(module(), NVRAM_EE_FLASH_PAGES_PER_BLOCK, 0);
     EXPECT_DEATH(nvram_recover_flash_to_sdram(handle), "flash_pages_per_block is zero");
+    EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
 TEST_F(CardDeathTest, FailedTransferDuringRecovery)
@@ -364,6 +365,7 @@ TEST_F(CardDeathTest, FailedTransferDuringRecovery)
     ASSERT_EQ(nvram_set_nvram_writable(handle, 1), NVRAM_SUCCESS);
     change([](sim::NvramCard& c) { c.faults.transferError = NVRAM_DESCR_SOURCE_BAD; });
     EXPECT_DEATH(nvram_recover_flash_to_sdram(handle), "nvram_memcpy: DESCR_SOURCE_BAD \\(flash to sdram\\)");
+    EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
 TEST_F(CardDeathTest, TransferThatNeverCompletesWhileClearingSdram)
@@ -402,6 +404,7 @@ TEST_F(CardDeathTest, UnknownAutoCopyFlagOnOtherCards)
     ASSERT_NE(handle, nullptr);
     nvram_status_t status;
     EXPECT_DEATH(nvram_get_status(handle, &status, 0), "status->card_version == 0x20000");
+    EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
 TEST_F(CardDeathTest, ValidityThatCannotBeRead)
@@ -410,6 +413,7 @@ TEST_F(CardDeathTest, ValidityThatCannotBeRead)
     ASSERT_NE(handle, nullptr);
     change([](sim::NvramCard& c) { c.faults.eepromTimeout = true; });
     EXPECT_DEATH(nvram_get_validity(handle), "rc == NVRAM_SUCCESS");
+    EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
 } // namespace
