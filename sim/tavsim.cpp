@@ -41,7 +41,8 @@ const char kCreateHelp[] =
     "  --feature SECTION:KEY=VALUE\n"
     "                   a setting of the model's features.conf, repeatable; the\n"
     "                   section is split off at the last \":\" before \"=\".\n"
-    "  --no-drives      the identity files only, no bays, for any ID 1 to 15.\n";
+    "  --no-drives      the identity files only, no bays, for any ID 1 to 15.\n"
+    "Platforms 2 and 6 also get their NVRAM card (tavsim nvram).\n";
 
 const char kShowHelp[] =
     "Prints the module: its directory, platform (and the layout it takes), the\n"
