@@ -7,7 +7,7 @@
 
 namespace {
 
-using nvtest::CardTest;
+using nvtest::NvramCard;
 using nvtest::logged;
 using nvtest::loggedStarting;
 
@@ -27,7 +27,7 @@ constexpr bool kSlowPolls = false;
 constexpr bool kSlowPolls = false;
 #endif
 
-TEST_F(CardTest, RecoveryAfterAPowerFailureReturnsEveryByte)
+TEST_F(NvramCard, RecoveryAfterAPowerFailureReturnsEveryByte)
 {
     fillAndFail(11);
     nvram_t handle = openWritable();
@@ -43,7 +43,7 @@ TEST_F(CardTest, RecoveryAfterAPowerFailureReturnsEveryByte)
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardTest, ABadBlockIsSkippedWithoutMovingTheSdramPage)
+TEST_F(NvramCard, ABadBlockIsSkippedWithoutMovingTheSdramPage)
 {
     sim::nvramBadBlock(module(), 0);
     fillAndFail(12);
@@ -54,7 +54,7 @@ TEST_F(CardTest, ABadBlockIsSkippedWithoutMovingTheSdramPage)
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardTest, BadBlocksUpToTheMaximumGoOnAndOneMoreStops)
+TEST_F(NvramCard, BadBlocksUpToTheMaximumGoOnAndOneMoreStops)
 {
     sim::nvramBadBlock(module(), 0);
     sim::nvramBadBlock(module(), 1);
@@ -76,7 +76,7 @@ TEST_F(CardTest, BadBlocksUpToTheMaximumGoOnAndOneMoreStops)
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardTest, ABadPageInMidBlockStopsAndLeavesTheCardInvalid)
+TEST_F(NvramCard, ABadPageInMidBlockStopsAndLeavesTheCardInvalid)
 {
     fillAndFail(15);
     change([](sim::NvramCard& c) { c.faults.badPages.insert(37); });
@@ -90,7 +90,7 @@ TEST_F(CardTest, ABadPageInMidBlockStopsAndLeavesTheCardInvalid)
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardTest, ACrcFailureThatRereadsWellCountsOnlyTheRetry)
+TEST_F(NvramCard, ACrcFailureThatRereadsWellCountsOnlyTheRetry)
 {
     fillAndFail(16);
     // The stored CRC of flash page 3 reads wrong once.
@@ -114,7 +114,7 @@ TEST_F(CardTest, ACrcFailureThatRereadsWellCountsOnlyTheRetry)
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardTest, ACrcFailureTwiceGoesOnAndEndsInvalid)
+TEST_F(NvramCard, ACrcFailureTwiceGoesOnAndEndsInvalid)
 {
     fillAndFail(17);
     // Two bits of one ECC group of page 3 read wrong every time.
@@ -142,7 +142,7 @@ TEST_F(CardTest, ACrcFailureTwiceGoesOnAndEndsInvalid)
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardTest, OneFlippedDataBitIsCorrectedWrittenBackAndPassesTheCrc)
+TEST_F(NvramCard, OneFlippedDataBitIsCorrectedWrittenBackAndPassesTheCrc)
 {
     fillAndFail(18);
     change([](sim::NvramCard& c) { c.faults.flips.push_back(sim::NvramFlip{7, 100, 3, false}); });
@@ -162,7 +162,7 @@ TEST_F(CardTest, OneFlippedDataBitIsCorrectedWrittenBackAndPassesTheCrc)
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardTest, TwoFlippedBitsOfAGroupAreUncorrectableAndRetried)
+TEST_F(NvramCard, TwoFlippedBitsOfAGroupAreUncorrectableAndRetried)
 {
     fillAndFail(19);
     change([](sim::NvramCard& c) {
@@ -179,7 +179,7 @@ TEST_F(CardTest, TwoFlippedBitsOfAGroupAreUncorrectableAndRetried)
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardTest, RecoveryRefusesOtherFpgasAndGeometriesBeforeMapping)
+TEST_F(NvramCard, RecoveryRefusesOtherFpgasAndGeometriesBeforeMapping)
 {
     fillAndFail(20);
     // Major 6 would pass the ECC test of the loop, but recovery wants 5.
@@ -213,7 +213,7 @@ TEST_F(CardTest, RecoveryRefusesOtherFpgasAndGeometriesBeforeMapping)
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardTest, TransferFailureReturnedWhenAskedWithItsDump)
+TEST_F(NvramCard, TransferFailureReturnedWhenAskedWithItsDump)
 {
     nvram_t handle = openWritable();
     ASSERT_NE(handle, nullptr);
@@ -239,7 +239,7 @@ TEST_F(CardTest, TransferFailureReturnedWhenAskedWithItsDump)
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardTest, APushTheCardRefusesEndsTheClearAndTheRecovery)
+TEST_F(NvramCard, APushTheCardRefusesEndsTheClearAndTheRecovery)
 {
     change([](sim::NvramCard& c) { c.faults.fifoFull = true; });
     nvram_t handle = open(NVRAM_MODE_READ_WRITE, NVRAM_DESCR_FIFO_FULL);
@@ -274,7 +274,7 @@ private:
     sim::Module& module_;
 };
 
-TEST_F(CardTest, TransferThatStopsOrNeverEndsIsReturnedWhenAsked)
+TEST_F(NvramCard, TransferThatStopsOrNeverEndsIsReturnedWhenAsked)
 {
     if (kSlowPolls) GTEST_SKIP() << "a billion instrumented polls";
     nvram_t handle = openWritable();
@@ -307,7 +307,7 @@ TEST_F(CardTest, TransferThatStopsOrNeverEndsIsReturnedWhenAsked)
 
 // ---- deliberate stops ----
 
-using CardDeathTest = CardTest;
+using NvramCardDeathTest = NvramCard;
 
 // Opens with the default logger, which writes to standard error.
 nvram_t openQuiet(nvram_mode_t mode = NVRAM_MODE_READ_WRITE)
@@ -327,7 +327,7 @@ public:
     }
 };
 
-TEST_F(CardDeathTest, RegisterMappingFailure)
+TEST_F(NvramCardDeathTest, RegisterMappingFailure)
 {
     FailingMmap failing(*platform_);
     plat::ScopedPlatform scope(failing);
@@ -335,7 +335,7 @@ TEST_F(CardDeathTest, RegisterMappingFailure)
     EXPECT_DEATH(nvram_open(NVRAM_DEVICE, NVRAM_MODE_MONITOR_ONLY, &handle, nullptr), "ptr != \\(\\(void \\*\\) -1\\)");
 }
 
-TEST_F(CardDeathTest, ValidDataLostInSdram)
+TEST_F(NvramCardDeathTest, ValidDataLostInSdram)
 {
     change([](sim::NvramCard& c) { c.faults.sdramLost = true; });
     sim::nvramFill(module(), 1);
@@ -343,7 +343,7 @@ TEST_F(CardDeathTest, ValidDataLostInSdram)
     EXPECT_DEATH(openQuiet(), "valid data in sdram lost");
 }
 
-TEST_F(CardDeathTest, ZeroPagesPerBlock)
+TEST_F(NvramCardDeathTest, ZeroPagesPerBlock)
 {
     nvram_t handle = openQuiet();
     ASSERT_NE(handle, nullptr);
@@ -357,7 +357,7 @@ TEST_F(CardDeathTest, ZeroPagesPerBlock)
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardDeathTest, FailedTransferDuringRecovery)
+TEST_F(NvramCardDeathTest, FailedTransferDuringRecovery)
 {
     fillAndFail(3);
     nvram_t handle = openQuiet();
@@ -368,7 +368,7 @@ TEST_F(CardDeathTest, FailedTransferDuringRecovery)
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardDeathTest, TransferThatNeverCompletesWhileClearingSdram)
+TEST_F(NvramCardDeathTest, TransferThatNeverCompletesWhileClearingSdram)
 {
     if (kSlowPolls) GTEST_SKIP() << "a billion instrumented polls";
     change([](sim::NvramCard& c) { c.faults.transferHang = true; });
@@ -390,14 +390,14 @@ public:
     }
 };
 
-TEST_F(CardDeathTest, SdramClearedBitThatDoesNotReadBack)
+TEST_F(NvramCardDeathTest, SdramClearedBitThatDoesNotReadBack)
 {
     DropClearedBit dropping(*platform_);
     plat::ScopedPlatform scope(dropping);
     EXPECT_DEATH(openQuiet(), "NVRAM_SETUP_SDRAM_CLEARED");
 }
 
-TEST_F(CardDeathTest, UnknownAutoCopyFlagOnOtherCards)
+TEST_F(NvramCardDeathTest, UnknownAutoCopyFlagOnOtherCards)
 {
     sim::nvramSetEeprom(module(), NVRAM_EE_AUTO_COPY_STATUS, 0x40);
     nvram_t handle = openQuiet(NVRAM_MODE_MONITOR_ONLY);
@@ -407,7 +407,7 @@ TEST_F(CardDeathTest, UnknownAutoCopyFlagOnOtherCards)
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardDeathTest, ValidityThatCannotBeRead)
+TEST_F(NvramCardDeathTest, ValidityThatCannotBeRead)
 {
     nvram_t handle = openQuiet(NVRAM_MODE_MONITOR_ONLY);
     ASSERT_NE(handle, nullptr);
