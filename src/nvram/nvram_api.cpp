@@ -433,8 +433,9 @@ nvram_error_t nvram_set_mrm_threshold(nvram_t handle, uint32_t threshold)
 nvram_error_t nvram_get_eeprom(nvram_t handle, int address, uint32_t* data)
 {
     if (badHandle(handle)) return NVRAM_INVALID_DEVICE;
-    // A negative address is as far outside the EEPROM as one above 511.
-    if (address < 0 || address > NVRAM_EE_LAST) return NVRAM_EEPROM_ADDRESS_BAD;
+    // Only the top is checked here: a negative or unaligned address goes to
+    // the driver, which refuses it.
+    if (address > NVRAM_EE_LAST) return NVRAM_EEPROM_ADDRESS_BAD;
     nvram_eeprom_access_t access{static_cast<uint32_t>(address), 0};
     int rc = plat::ioctl(handle->fd, NVRAM_IOCTL_READ_EEPROM, &access);
     int err = errno;
@@ -459,7 +460,7 @@ nvram_error_t nvram_set_eeprom(nvram_t handle, int address, uint32_t data)
     if (badHandle(handle)) return NVRAM_INVALID_DEVICE;
     if (handle->mode != NVRAM_MODE_READ_WRITE) return NVRAM_MODE_BAD;
     if (!(setup(handle) & NVRAM_SETUP_WRITE_ENABLE)) return NVRAM_NOT_WRITABLE;
-    if (address < 0 || address > NVRAM_EE_LAST) return NVRAM_EEPROM_ADDRESS_BAD;
+    if (address > NVRAM_EE_LAST) return NVRAM_EEPROM_ADDRESS_BAD;
     if (data & NVRAM_EEPROM_PARITY) return NVRAM_EEPROM_INVALID_VALUE;
     nvram_eeprom_access_t access{static_cast<uint32_t>(address), data};
     int rc = plat::ioctl(handle->fd, NVRAM_IOCTL_WRITE_EEPROM, &access);

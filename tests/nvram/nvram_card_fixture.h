@@ -52,9 +52,9 @@ inline size_t loggedStarting(const std::string& prefix)
                                              [&](const std::string& l) { return l.rfind(prefix, 0) == 0; }));
 }
 
-class CardTest : public testing::Test {
+class NvramCard : public testing::Test {
 protected:
-    explicit CardTest(const sim::NvramGeometry& geometry = {}) : temp_(1, false)
+    explicit NvramCard(const sim::NvramGeometry& geometry = {}) : temp_(1, false)
     {
         GTEST_FLAG_SET(death_test_style, "threadsafe");
         sim::CreateOptions options;
@@ -66,7 +66,7 @@ protected:
         EXPECT_EQ(sim::nvramAdd(module(), geometry), "");
         lines().clear();
     }
-    ~CardTest() override
+    ~NvramCard() override
     {
         scope_.reset();
         platform_.reset();

@@ -7,13 +7,13 @@
 
 namespace {
 
-using nvtest::CardTest;
+using nvtest::NvramCard;
 using nvtest::logged;
 using nvtest::loggedStarting;
 
 constexpr uint32_t kPages = 512;  // the default card's SDRAM
 
-TEST_F(CardTest, RecoveryAfterAPowerFailureReturnsEveryByte)
+TEST_F(NvramCard, RecoveryAfterAPowerFailureReturnsEveryByte)
 {
     fillAndFail(11);
     nvram_t handle = openWritable();
@@ -29,7 +29,7 @@ TEST_F(CardTest, RecoveryAfterAPowerFailureReturnsEveryByte)
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardTest, ABadBlockIsSkippedWithoutMovingTheSdramPage)
+TEST_F(NvramCard, ABadBlockIsSkippedWithoutMovingTheSdramPage)
 {
     sim::nvramBadBlock(module(), 0);
     fillAndFail(12);
@@ -40,7 +40,7 @@ TEST_F(CardTest, ABadBlockIsSkippedWithoutMovingTheSdramPage)
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardTest, BadBlocksUpToTheMaximumGoOnAndOneMoreStops)
+TEST_F(NvramCard, BadBlocksUpToTheMaximumGoOnAndOneMoreStops)
 {
     sim::nvramBadBlock(module(), 0);
     sim::nvramBadBlock(module(), 1);
@@ -62,7 +62,7 @@ TEST_F(CardTest, BadBlocksUpToTheMaximumGoOnAndOneMoreStops)
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardTest, ABadPageInMidBlockStopsAndLeavesTheCardInvalid)
+TEST_F(NvramCard, ABadPageInMidBlockStopsAndLeavesTheCardInvalid)
 {
     fillAndFail(15);
     change([](sim::NvramCard& c) { c.faults.badPages.insert(37); });
@@ -76,7 +76,7 @@ TEST_F(CardTest, ABadPageInMidBlockStopsAndLeavesTheCardInvalid)
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardTest, ACrcFailureThatRereadsWellCountsOnlyTheRetry)
+TEST_F(NvramCard, ACrcFailureThatRereadsWellCountsOnlyTheRetry)
 {
     fillAndFail(16);
     // The stored CRC of flash page 3 reads wrong once.
@@ -100,7 +100,7 @@ TEST_F(CardTest, ACrcFailureThatRereadsWellCountsOnlyTheRetry)
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardTest, ACrcFailureTwiceGoesOnAndEndsInvalid)
+TEST_F(NvramCard, ACrcFailureTwiceGoesOnAndEndsInvalid)
 {
     fillAndFail(17);
     // Two bits of one ECC group of page 3 read wrong every time.
@@ -128,7 +128,7 @@ TEST_F(CardTest, ACrcFailureTwiceGoesOnAndEndsInvalid)
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardTest, OneFlippedDataBitIsCorrectedWrittenBackAndPassesTheCrc)
+TEST_F(NvramCard, OneFlippedDataBitIsCorrectedWrittenBackAndPassesTheCrc)
 {
     fillAndFail(18);
     change([](sim::NvramCard& c) { c.faults.flips.push_back(sim::NvramFlip{7, 100, 3, false}); });
@@ -148,7 +148,7 @@ TEST_F(CardTest, OneFlippedDataBitIsCorrectedWrittenBackAndPassesTheCrc)
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardTest, TwoFlippedBitsOfAGroupAreUncorrectableAndRetried)
+TEST_F(NvramCard, TwoFlippedBitsOfAGroupAreUncorrectableAndRetried)
 {
     fillAndFail(19);
     change([](sim::NvramCard& c) {
@@ -165,7 +165,7 @@ TEST_F(CardTest, TwoFlippedBitsOfAGroupAreUncorrectableAndRetried)
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardTest, RecoveryRefusesOtherFpgasAndGeometriesBeforeMapping)
+TEST_F(NvramCard, RecoveryRefusesOtherFpgasAndGeometriesBeforeMapping)
 {
     fillAndFail(20);
     // Major 6 would pass the ECC test of the loop, but recovery wants 5.
@@ -199,7 +199,7 @@ TEST_F(CardTest, RecoveryRefusesOtherFpgasAndGeometriesBeforeMapping)
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardTest, TransferFailureReturnedWhenAskedWithItsDump)
+TEST_F(NvramCard, TransferFailureReturnedWhenAskedWithItsDump)
 {
     nvram_t handle = openWritable();
     ASSERT_NE(handle, nullptr);
@@ -225,7 +225,7 @@ TEST_F(CardTest, TransferFailureReturnedWhenAskedWithItsDump)
     EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardTest, APushTheCardRefusesEndsTheClearAndTheRecovery)
+TEST_F(NvramCard, APushTheCardRefusesEndsTheClearAndTheRecovery)
 {
     change([](sim::NvramCard& c) { c.faults.fifoFull = true; });
     nvram_t handle = open(NVRAM_MODE_READ_WRITE, NVRAM_DESCR_FIFO_FULL);
@@ -260,7 +260,7 @@ private:
     sim::Module& module_;
 };
 
-TEST_F(CardTest, TransferThatStopsOrNeverEndsIsReturnedWhenAsked)
+TEST_F(NvramCard, TransferThatStopsOrNeverEndsIsReturnedWhenAsked)
 {
     if (nvtest::kSlowPolls) GTEST_SKIP() << "a billion instrumented polls";
     nvram_t handle = openWritable();
@@ -293,7 +293,7 @@ TEST_F(CardTest, TransferThatStopsOrNeverEndsIsReturnedWhenAsked)
 
 // ---- deliberate stops ----
 
-using CardDeathTest = CardTest;
+using NvramCardDeathTest = NvramCard;
 
 // Opens with the default logger, which writes to standard error.
 nvram_t openQuiet(nvram_mode_t mode = NVRAM_MODE_READ_WRITE)
@@ -313,7 +313,7 @@ public:
     }
 };
 
-TEST_F(CardDeathTest, RegisterMappingFailure)
+TEST_F(NvramCardDeathTest, RegisterMappingFailure)
 {
     FailingMmap failing(*platform_);
     plat::ScopedPlatform scope(failing);
@@ -321,7 +321,7 @@ TEST_F(CardDeathTest, RegisterMappingFailure)
     EXPECT_DEATH(nvram_open(NVRAM_DEVICE, NVRAM_MODE_MONITOR_ONLY, &handle, nullptr), "ptr != \\(\\(void \\*\\) -1\\)");
 }
 
-TEST_F(CardDeathTest, ValidDataLostInSdram)
+TEST_F(NvramCardDeathTest, ValidDataLostInSdram)
 {
     change([](sim::NvramCard& c) { c.faults.sdramLost = true; });
     sim::nvramFill(module(), 1);
@@ -329,7 +329,7 @@ TEST_F(CardDeathTest, ValidDataLostInSdram)
     EXPECT_DEATH(openQuiet(), "valid data in sdram lost");
 }
 
-TEST_F(CardDeathTest, ZeroPagesPerBlock)
+TEST_F(NvramCardDeathTest, ZeroPagesPerBlock)
 {
     nvram_t handle = openQuiet();
     ASSERT_NE(handle, nullptr);
@@ -340,9 +340,10 @@ TEST_F(CardDeathTest, ZeroPagesPerBlock)
     ASSERT_EQ(nvram_set_nvram_writable(handle, 1), NVRAM_SUCCESS);
     sim::nvramSetEeprom(module(), NVRAM_EE_FLASH_PAGES_PER_BLOCK, 0);
     EXPECT_DEATH(nvram_recover_flash_to_sdram(handle), "flash_pages_per_block is zero");
+    EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardDeathTest, FailedTransferDuringRecovery)
+TEST_F(NvramCardDeathTest, FailedTransferDuringRecovery)
 {
     fillAndFail(3);
     nvram_t handle = openQuiet();
@@ -350,9 +351,10 @@ TEST_F(CardDeathTest, FailedTransferDuringRecovery)
     ASSERT_EQ(nvram_set_nvram_writable(handle, 1), NVRAM_SUCCESS);
     change([](sim::NvramCard& c) { c.faults.transferError = NVRAM_DESCR_SOURCE_BAD; });
     EXPECT_DEATH(nvram_recover_flash_to_sdram(handle), "nvram_memcpy: DESCR_SOURCE_BAD \\(flash to sdram\\)");
+    EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardDeathTest, TransferThatNeverCompletesWhileClearingSdram)
+TEST_F(NvramCardDeathTest, TransferThatNeverCompletesWhileClearingSdram)
 {
     if (nvtest::kSlowPolls) GTEST_SKIP() << "a billion instrumented polls";
     change([](sim::NvramCard& c) { c.faults.transferHang = true; });
@@ -374,28 +376,30 @@ public:
     }
 };
 
-TEST_F(CardDeathTest, SdramClearedBitThatDoesNotReadBack)
+TEST_F(NvramCardDeathTest, SdramClearedBitThatDoesNotReadBack)
 {
     DropClearedBit dropping(*platform_);
     plat::ScopedPlatform scope(dropping);
     EXPECT_DEATH(openQuiet(), "NVRAM_SETUP_SDRAM_CLEARED");
 }
 
-TEST_F(CardDeathTest, UnknownAutoCopyFlagOnOtherCards)
+TEST_F(NvramCardDeathTest, UnknownAutoCopyFlagOnOtherCards)
 {
     sim::nvramSetEeprom(module(), NVRAM_EE_AUTO_COPY_STATUS, 0x40);
     nvram_t handle = openQuiet(NVRAM_MODE_MONITOR_ONLY);
     ASSERT_NE(handle, nullptr);
     nvram_status_t status;
     EXPECT_DEATH(nvram_get_status(handle, &status, 0), "status->card_version == 0x20000");
+    EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
-TEST_F(CardDeathTest, ValidityThatCannotBeRead)
+TEST_F(NvramCardDeathTest, ValidityThatCannotBeRead)
 {
     nvram_t handle = openQuiet(NVRAM_MODE_MONITOR_ONLY);
     ASSERT_NE(handle, nullptr);
     change([](sim::NvramCard& c) { c.faults.eepromTimeout = true; });
     EXPECT_DEATH(nvram_get_validity(handle), "rc == NVRAM_SUCCESS");
+    EXPECT_EQ(nvram_close(handle), NVRAM_SUCCESS);
 }
 
 } // namespace
