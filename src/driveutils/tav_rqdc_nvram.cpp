@@ -38,10 +38,11 @@ std::unique_ptr<nvram_status_t> TavRqdcNVRam::readStatus(std::string device, std
     nvram_t handle = nullptr;
     nvram_error_t rc = nvram_open(device.c_str(), NVRAM_MODE_MONITOR_ONLY, &handle, nvram_logger);
     if (rc != NVRAM_SUCCESS) {
-        // A card in a 33 MHz slot is refused after the handle was made: close
-        // it, or a query repeated every minute would leak a descriptor and a
-        // mapping each time. Other failures leave no handle open.
-        if (rc == NVRAM_33MHZ_PCI && handle) nvram_close(handle);
+        // A card in a 33 MHz slot (or a driver that does not answer) is
+        // refused after the handle was made: close it, or a query repeated
+        // every minute would leak a descriptor and a mapping each time. The
+        // library leaves no handle set on the other failures.
+        if (handle) nvram_close(handle);
         TAV_LOG(TAV_LOG_ALWAYS, "RQDC card %s cannot be opened %s:%d\n", device.c_str(), TAV_FILE, __LINE__);
         error = "RQDC card " + device + " cannot be opened." + kSupport;
         return nullptr;
