@@ -23,6 +23,8 @@
 //                      frames on the line and the records not yet handed up (dsp_state.h)
 //   sim/dsp.log        every DSP command as it arrived and every record handed up:
 //                      "TIME command HEX (WHAT)", "TIME record type T (NAME) ..."
+//   sim/hpacucli/ctrlN the HP array controller of slot N: "Label: Value" lines as
+//                      its tool shows them; absent, no controller (hp_cli.h)
 //   sim/shelf/SERIAL.img  images of drives out of their bays
 //   sim/lock           taken (flock) around every read-modify-write of a state file
 //
@@ -77,6 +79,11 @@
 //   hot-swap model; a bay without a drive reports no power.
 // - A module made without bays (platform 2 with --no-drives) stands for drives
 //   of a family not simulated: every bay of its DSP holds a drive.
+//
+// The HP array tool (hp_cli.h) knows one command, "ctrl slot=N show", and
+// prints the controller's properties as they are set: no property follows
+// from another (a cache status of its own, a battery that ages), and a new
+// module has no controller until a test or tavsim sets one.
 #pragma once
 
 #include <cstdint>

@@ -176,6 +176,8 @@ const std::vector<Command> kCommands = {
     {"dsp", "DIR [--json]\n       tavsim dsp DIR set WHAT VALUE...",
      "the chassis controller: bays, sensors, driver, behaviours; set them", kDspHelp, runDsp},
     {"bay", "DIR N lock|critical open|close", "open or close a bay's lock or critical switch", kBayHelp, runBay},
+    {"hp", "DIR [set LABEL=VALUE... | remove]", "the HP array controller of slot 0 as its tool shows it; set it",
+     kHpHelp, runHp},
     {"console", "DIR [--debug LEVEL]", "host the module: the drive manager up, the chassis controller's link running",
      kConsoleHelp, runConsole},
 };

@@ -114,6 +114,8 @@ int runDsp(const Call& call);
 int runBay(const Call& call);
 extern const char kDspHelp[];
 extern const char kBayHelp[];
+int runHp(const Call& call);
+extern const char kHpHelp[];
 int runConsole(const Call& call);
 extern const char kConsoleHelp[];
 // The console's own commands, for its help.
