@@ -219,6 +219,21 @@ TEST(HPNVRam, ValueIsBoundedAndKeptWhenTheControllerGoes)
     EXPECT_EQ(card.getState(), TavNVRam::unavailable);
 }
 
+TEST(HPNVRam, TavsimSetsAndRemovesTheController)
+{
+    Hosted h(10);
+    EXPECT_EQ(simtest::callTavsim({"hp", h.m.dir(), "set", "Cache Status=OK", "Total Cache Size=512 MB"}), 0);
+    TavHPNVRam card(0);
+    std::string text;
+    card.getMemorySize(text);
+    EXPECT_EQ(text, "524288");
+    EXPECT_EQ(card.getState(), TavNVRam::normal);
+    EXPECT_EQ(simtest::callTavsim({"hp", h.m.dir(), "set", "Cache Status"}), 2) << "no value";
+    EXPECT_EQ(simtest::callTavsim({"hp", h.m.dir(), "remove"}), 0);
+    EXPECT_EQ(card.getState(), TavNVRam::unavailable);
+    EXPECT_EQ(simtest::callTavsim({"hp", h.m.dir()}), 1) << "the tool finds no controller";
+}
+
 TEST(HPNVRam, OtherModelGivesEveryDefault)
 {
     Hosted h(2);
