@@ -13,6 +13,7 @@
 
 #include "dsp.h"
 #include "md_kernel.h"
+#include "nvram.h"
 
 namespace sim {
 namespace {
@@ -219,6 +220,9 @@ std::string createModule(const std::string& dir, const CreateOptions& options)
         if (const std::string dsp = freshDspState(m, options.identityOnly); !dsp.empty())
             if (!writeText(root, Module::stateFile("dsp"), dsp) || !writeText(root, Module::stateFile("dsp.log"), ""))
                 return "cannot write the chassis controller's files";
+        // The platforms whose layout has the RQDC card get one.
+        if (m.platform == 2 || m.platform == 6)
+            if (std::string err = nvramAdd(module); !err.empty()) return "cannot add the NVRAM card: " + err;
         for (const Bay& bay : m.bays) {
             module.rereadPartitions(bay.number);
             module.discover(bay.number);

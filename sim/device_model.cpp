@@ -10,6 +10,7 @@
 #include "dsp.h"
 #include "md.h"
 #include "net_interfaces.h"
+#include "nvram_device.h"
 #include "scsi_disk.h"
 #include "sysfs.h"
 
@@ -117,6 +118,7 @@ DeviceRegistry DeviceRegistry::standard()
     r.byPrefix("/sys/", std::make_shared<SysfsModel>());
     addMdModels(r);
     addDspModel(r);
+    addNvramModel(r);
     r.forSockets(std::make_shared<NetModel>());
     return r;
 }

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "module.h"
+#include "nvram.h"
 
 namespace sim {
 namespace {
@@ -119,7 +120,13 @@ std::string writeIdentity(Module& module, const Manifest& m, const std::vector<F
     for (const ModelRow& r : kRows)
         table += std::string(r.name) + ":" + r.config + ":" + std::to_string(r.id) + ":" + r.conditions + "\n";
     std::string hwlist;
-    for (const std::string& card : split(row->nvram, ';')) hwlist += "PCI:NVRAM:" + card + "\n";
+    // The RQDC card is named by its serial number: the module's own card, so
+    // that it is required, and one of another serial is foreign.
+    for (std::string card : split(row->nvram, ';')) {
+        if (card.compare(0, 5, "rqdc:") == 0)
+            card = "rqdc:" + std::to_string(nvramPresent(module) ? nvramState(module).geometry.serial : kNvramDefaultSerial);
+        hwlist += "PCI:NVRAM:" + card + "\n";
+    }
 
     std::vector<FeatureSetting> common = {{"IOSCHED", "schedule", "deadline"},
                                           {"IOSCHED.deadline", "read_expire", "250"},

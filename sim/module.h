@@ -25,6 +25,10 @@
 //                      "TIME command HEX (WHAT)", "TIME record type T (NAME) ..."
 //   sim/hpacucli/ctrlN the HP array controller of slot N: "Label: Value" lines as
 //                      its tool shows them; absent, no controller (hp_cli.h)
+//   sim/nvram0/        the NVRAM card: "card" (identity, geometry, EEPROM, bad
+//                      blocks, faults), "registers" (the register page, mapped
+//                      shared and changed in place), "sdram.img", "flash.img"
+//                      (nvram_state.h)
 //   sim/shelf/SERIAL.img  images of drives out of their bays
 //   sim/lock           taken (flock) around every read-modify-write of a state file
 //
@@ -79,6 +83,26 @@
 //   hot-swap model; a bay without a drive reports no power.
 // - A module made without bays (platform 2 with --no-drives) stands for drives
 //   of a family not simulated: every bay of its DSP holds a drive.
+//
+// The NVRAM card (nvram.h) leaves out, of a real card and its driver:
+// - Time: a descriptor runs to the end within the store that pushes it, and
+//   the auto copy within the request or command that starts it. The FIFO is
+//   never seen busy but through faults (and a hung transfer). The system
+//   polls without sleeping, so only the outcome can be tested, not the speed.
+// - Interrupts are latched in the status register and never delivered; the
+//   mask is kept, not applied. The system only reads and clears the status.
+// - Write enable (setup bit 5) is kept, not enforced: the system checks it
+//   before each change, and a card's refusal would show only as a verify
+//   failure. SDRAM also answers while refresh is stopped.
+// - Flash is written without an erase, and wears only by the bad blocks and
+//   faults given. Its ECC is written by the auto copy, never checked by the
+//   card: the system checks it on the way back.
+// - CRC seeds and results of descriptors (init_CRC_seed, CRC_seed,
+//   CRC_result) and chained descriptors (`next`) are not served: the system
+//   uses neither. Page sizes are fixed at 2048 and 2112 bytes.
+// - The PROM player reads no XSVF: it wants PROM mode and the file, and then
+//   gives the answer the fault sets. The EEPROM's own control and data
+//   registers (0x80, 0x90) do nothing; the driver's requests are the way in.
 //
 // The HP array tool (hp_cli.h) knows one command, "ctrl slot=N show", and
 // prints the controller's properties as they are set: no property follows

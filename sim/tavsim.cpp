@@ -41,7 +41,8 @@ const char kCreateHelp[] =
     "  --feature SECTION:KEY=VALUE\n"
     "                   a setting of the model's features.conf, repeatable; the\n"
     "                   section is split off at the last \":\" before \"=\".\n"
-    "  --no-drives      the identity files only, no bays, for any ID 1 to 15.\n";
+    "  --no-drives      the identity files only, no bays, for any ID 1 to 15.\n"
+    "Platforms 2 and 6 also get their NVRAM card (tavsim nvram).\n";
 
 const char kShowHelp[] =
     "Prints the module: its directory, platform (and the layout it takes), the\n"
@@ -175,6 +176,8 @@ const std::vector<Command> kCommands = {
      kMdHelp, runMd},
     {"dsp", "DIR [--json]\n       tavsim dsp DIR set WHAT VALUE...",
      "the chassis controller: bays, sensors, driver, behaviours; set them", kDspHelp, runDsp},
+    {"nvram", "DIR [add|show|set|fault|fill|powerfail|power-cycle|recover|status] [ARGS...]",
+     "the NVRAM card: registers, EEPROM, faults; fill SDRAM, take the power away", kNvramHelp, runNvram},
     {"bay", "DIR N lock|critical open|close", "open or close a bay's lock or critical switch", kBayHelp, runBay},
     {"hp", "DIR [set LABEL=VALUE... | remove]", "the HP array controller of slot 0 as its tool shows it; set it",
      kHpHelp, runHp},
@@ -280,6 +283,7 @@ int tavsimMain(int argc, char** argv)
     for (const std::string& word : call.args) {
         if (word == "--") break;
         if (isHelp(word)) {
+            if (command->run == runNvram && nvramSubcommandHelp(call.args)) return kDone;
             printCommandHelp(*command);
             return kDone;
         }

@@ -112,6 +112,10 @@ int runLog(const Call& call);
 int runMd(const Call& call);
 int runDsp(const Call& call);
 int runBay(const Call& call);
+int runNvram(const Call& call);
+extern const char kNvramHelp[];
+// Prints the help of "tavsim nvram DIR SUB --help"; false when no subcommand is named.
+bool nvramSubcommandHelp(const std::vector<std::string>& args);
 extern const char kDspHelp[];
 extern const char kBayHelp[];
 int runHp(const Call& call);
