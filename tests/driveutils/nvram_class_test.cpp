@@ -2,6 +2,9 @@
 // cache read through the simulated array tool, and the RQDC card read through
 // its library on the simulated card.
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -9,8 +12,11 @@
 
 #include "driveutils/tav_hp_nvram.h"
 #include "driveutils/tav_nvram.h"
+#include "driveutils/tav_rqdc_nvram.h"
+#include "driveutils/tavdrivemgr.h"
 #include "driveutils/tavsysutils.h"
 #include "sim/hp_cli.h"
+#include "sim/nvram.h"
 #include "sim_fixture.h"
 
 using RaidDeviceMgmt::TavHPNVRam;
@@ -250,6 +256,146 @@ TEST(HPNVRam, OtherModelGivesEveryDefault)
     EXPECT_EQ(v.battery, "N/A");
     EXPECT_EQ(card.getState(), TavNVRam::unavailable);
     EXPECT_EQ(h.module().readState("commands.log").find("hpacucli"), std::string::npos) << "the tool is never run";
+}
+
+// ---- the RQDC card ----
+
+constexpr const char* kMissing = "RQDC card /dev/tav_nvram0 cannot be opened. Call customer support for assistance.";
+constexpr const char* kBroken = "RQDC card /dev/tav_nvram0 is not working. Call customer support for assistance.";
+
+// A module of platform 2, whose card's serial number hwlist.conf names, with
+// the drive manager's list of required cards read from it.
+struct CardModule : Hosted {
+    explicit CardModule(int id = 2) : Hosted(id)
+    {
+        TavDriveMgr::requiredNVRamCards = TavDriveMgr::initRequiredNVRamCards();
+    }
+    ~CardModule()
+    {
+        delete TavDriveMgr::requiredNVRamCards;
+        TavDriveMgr::requiredNVRamCards = nullptr;
+    }
+    void change(const std::function<void(sim::NvramCard&)>& f) { sim::nvramUpdate(module(), f); }
+};
+
+// The card's register pages mapped into this process.
+size_t registerMappings()
+{
+    std::ifstream maps("/proc/self/maps");
+    size_t n = 0;
+    for (std::string line; std::getline(maps, line);)
+        if (line.find("nvram0/registers") != std::string::npos) ++n;
+    return n;
+}
+
+size_t openDescriptors()
+{
+    size_t n = 0;
+    for (auto it = std::filesystem::directory_iterator("/proc/self/fd"); it != std::filesystem::directory_iterator(); ++it)
+        ++n;
+    return n;
+}
+
+TEST(RqdcNVRam, RequiredCardIsNormalAndAnswersItsStatus)
+{
+    CardModule h;
+    ASSERT_TRUE(h.m.get("/etc/marrowby/hwlist.conf").find("PCI:NVRAM:rqdc:" + std::to_string(sim::kNvramDefaultSerial)) !=
+                std::string::npos);
+    h.change([](sim::NvramCard& c) {
+        c.setReg(0xa0, 0x00030002);  // card 3.2
+        c.setReg(0x70, 0x00050104);  // FPGA 5.260
+    });
+    RaidDeviceMgmt::TavRqdcNVRam card(0);
+    EXPECT_EQ(card.getFile(), "/dev/tav_nvram0");
+    EXPECT_EQ(TavNVRam::getNVRamCardType(), TavNVRam::NVRAM_CARD_RQDC);
+
+    std::string text;
+    EXPECT_EQ(card.getState(), TavNVRam::normal);
+    EXPECT_EQ(card.getDriverVersion(text), 0);
+    EXPECT_EQ(text, "2.22");
+    EXPECT_EQ(card.getHWVersion(text), 0);
+    EXPECT_EQ(text, "3.2");
+    EXPECT_EQ(card.getFWVersion(text), 0);
+    EXPECT_EQ(text, "5.260");
+    EXPECT_EQ(card.getMemorySize(text), 0);
+    EXPECT_EQ(text, "1024.0") << "2048-byte pages, 512 of them, in KiB";
+    EXPECT_EQ(card.getSerialNoString(text), 0);
+    EXPECT_EQ(text, std::to_string(sim::kNvramDefaultSerial));
+    EXPECT_EQ(card.getValidity(text), 0);
+    EXPECT_EQ(text, "empty");
+    EXPECT_EQ(card.getModel(text), 0);
+    EXPECT_EQ(text, "Marrowby Networks RQDC Card");
+    std::string error;
+    EXPECT_EQ(card.getBatteryVoltage(text, error), 0);
+    EXPECT_NE(text.find(" Volts"), std::string::npos) << text;
+}
+
+TEST(RqdcNVRam, CardOfAnotherSerialIsForeign)
+{
+    CardModule h;
+    sim::nvramSetEeprom(h.module(), 0, 1234567u);
+    RaidDeviceMgmt::TavRqdcNVRam card(0);
+    EXPECT_EQ(card.getState(), TavNVRam::foreign);
+    std::string text;
+    card.getSerialNoString(text);
+    EXPECT_EQ(text, std::to_string(1234567u));
+}
+
+TEST(RqdcNVRam, MissingCardGivesTheOperatorsSentences)
+{
+    CardModule h(1);  // platform 1 has no card
+    RaidDeviceMgmt::TavRqdcNVRam card(0);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(card.getState(), TavNVRam::unknown);
+    std::string text, error;
+    EXPECT_NE(card.getDriverVersion(text), 0);
+    EXPECT_EQ(text, kMissing);
+    unsigned int serial = 7;
+    EXPECT_NE(card.getSerialNo(&serial, error), 0);
+    EXPECT_EQ(error, kMissing);
+    EXPECT_EQ(serial, 7u);
+    EXPECT_NE(card.getBatteryVoltage(text, error), 0);
+    EXPECT_EQ(text, "N/A");
+    EXPECT_EQ(error, kMissing);
+    std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(log.find("RQDC card /dev/tav_nvram0 cannot be opened tav_rqdc_nvram.cpp:"), 0u) << log;
+}
+
+TEST(RqdcNVRam, CardThatCannotBeReadIsNotWorking)
+{
+    CardModule h;
+    h.change([](sim::NvramCard& c) { c.faults.eepromTimeout = true; });
+    RaidDeviceMgmt::TavRqdcNVRam card(0);
+    testing::internal::CaptureStderr();
+    std::string text;
+    EXPECT_NE(card.getValidity(text), 0);
+    EXPECT_EQ(text, kBroken);
+    EXPECT_EQ(card.getState(), TavNVRam::unknown);
+    std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("RQDC card /dev/tav_nvram0 isn't working tav_rqdc_nvram.cpp:"), std::string::npos) << log;
+}
+
+TEST(RqdcNVRam, RefusedSlotLeaksNoDescriptorNorMapping)
+{
+    CardModule h;
+    h.change([](sim::NvramCard& c) { c.faults.slot33 = true; });
+    RaidDeviceMgmt::TavRqdcNVRam card(0);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(card.getState(), TavNVRam::unknown);  // the first query opens what stays open for good
+    const size_t before = openDescriptors();
+    const size_t mapped = registerMappings();
+    std::string text;
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_EQ(card.getState(), TavNVRam::unknown);
+        EXPECT_NE(card.getSerialNoString(text), 0);
+    }
+    const size_t after = openDescriptors();
+    const size_t mappedAfter = registerMappings();
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(text, kMissing);
+    EXPECT_EQ(after, before);
+    EXPECT_EQ(mapped, 0u);
+    EXPECT_EQ(mappedAfter, 0u);
 }
 
 } // namespace
