@@ -56,10 +56,9 @@ int TavHPNVRam::getControllerPramAPI(const char* label, char* value)
     // The first line, however long: its first ":" may lie anywhere.
     std::string line;
     for (int c; (c = std::fgetc(pipe)) != EOF && c != '\n';) line += static_cast<char>(c);
-    bool answered = !line.empty() || !std::feof(pipe);
     plat::pclose(pipe);
-    if (!answered) return -1;
 
+    // An empty answer, or a line without a label, gives nothing.
     size_t colon = line.find(':');
     if (colon == std::string::npos) return -1;
     // Two characters behind the colon skip ": ", never past the line's end.
