@@ -6,6 +6,7 @@
 #include <sstream>
 #include <sys/stat.h>
 
+#include "hp_cli.h"
 #include "module.h"
 
 namespace sim {
@@ -345,6 +346,8 @@ CommandTable CommandTable::standard()
     // Shell helpers of pipelines.
     t.add({"echo"}, echo);
     t.add({"grep"}, grep);
+    // Vendor tools.
+    addHpCliRules(t);
     return t;
 }
 

@@ -34,7 +34,8 @@ struct CommandRule {
 class CommandTable {
 public:
     // The rules of the IDE platforms: appliance scripts, file system and boot
-    // commands, service commands, and the shell helpers echo, grep and sync.
+    // commands, service commands, the shell helpers echo, grep and sync, and
+    // the vendor tools modelled so far (hp_cli.h).
     static CommandTable standard();
 
     void add(Words prefix, CommandHandler handler);

@@ -23,6 +23,8 @@
 //                      frames on the line and the records not yet handed up (dsp_state.h)
 //   sim/dsp.log        every DSP command as it arrived and every record handed up:
 //                      "TIME command HEX (WHAT)", "TIME record type T (NAME) ..."
+//   sim/hpacucli/ctrlN the HP array controller of slot N: "Label: Value" lines as
+//                      its tool shows them; absent, no controller (hp_cli.h)
 //   sim/nvram0/        the NVRAM card: "card" (identity, geometry, EEPROM, bad
 //                      blocks, faults), "registers" (the register page, mapped
 //                      shared and changed in place), "sdram.img", "flash.img"
@@ -101,6 +103,11 @@
 // - The PROM player reads no XSVF: it wants PROM mode and the file, and then
 //   gives the answer the fault sets. The EEPROM's own control and data
 //   registers (0x80, 0x90) do nothing; the driver's requests are the way in.
+//
+// The HP array tool (hp_cli.h) knows one command, "ctrl slot=N show", and
+// prints the controller's properties as they are set: no property follows
+// from another (a cache status of its own, a battery that ages), and a new
+// module has no controller until a test or tavsim sets one.
 #pragma once
 
 #include <cstdint>

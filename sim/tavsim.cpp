@@ -179,6 +179,8 @@ const std::vector<Command> kCommands = {
     {"nvram", "DIR [add|show|set|fault|fill|powerfail|power-cycle|recover|status] [ARGS...]",
      "the NVRAM card: registers, EEPROM, faults; fill SDRAM, take the power away", kNvramHelp, runNvram},
     {"bay", "DIR N lock|critical open|close", "open or close a bay's lock or critical switch", kBayHelp, runBay},
+    {"hp", "DIR [set LABEL=VALUE... | remove]", "the HP array controller of slot 0 as its tool shows it; set it",
+     kHpHelp, runHp},
     {"console", "DIR [--debug LEVEL]", "host the module: the drive manager up, the chassis controller's link running",
      kConsoleHelp, runConsole},
 };

@@ -118,6 +118,8 @@ extern const char kNvramHelp[];
 bool nvramSubcommandHelp(const std::vector<std::string>& args);
 extern const char kDspHelp[];
 extern const char kBayHelp[];
+int runHp(const Call& call);
+extern const char kHpHelp[];
 int runConsole(const Call& call);
 extern const char kConsoleHelp[];
 // The console's own commands, for its help.
