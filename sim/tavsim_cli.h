@@ -116,6 +116,9 @@ int runNvram(const Call& call);
 extern const char kNvramHelp[];
 // Prints the help of "tavsim nvram DIR SUB --help"; false when no subcommand is named.
 bool nvramSubcommandHelp(const std::vector<std::string>& args);
+// tavsim nvram DIR recover | status: the system's library and card class on the card.
+int nvramRecover(const Call& call, Module& module);
+int nvramStatus(const Call& call, Module& module, bool json);
 extern const char kDspHelp[];
 extern const char kBayHelp[];
 int runHp(const Call& call);

@@ -84,8 +84,17 @@ const Sub kSubs[] = {
     {"power-cycle", "",
      "The card is powered off and on without an auto copy: SDRAM is lost, bits\n"
      "7, 8 and 10 clear (bit 8 stays with the sdram-lost fault).\n"},
-    {"recover", "", "Reserved: brings flash back to SDRAM through the system's library.\n"},
-    {"status", "", "Reserved: the card's status as the system's library reads it.\n"},
+    {"recover", "",
+     "Runs the system's own recovery on the card, as the storage server does at\n"
+     "start-up: opens it read-write (clearing SDRAM after a power-up), allows\n"
+     "writing, brings every flash page back to SDRAM with its ECC and CRC checks,\n"
+     "and closes it. The library's log lines are printed as they come. Exit 0\n"
+     "when the data came back (validity sdram), 1 when it did not or when the\n"
+     "library stopped the process on purpose.\n"},
+    {"status", "[--json]",
+     "The card as the monitoring reads it through the system's card class: model,\n"
+     "serial, versions, memory, battery, validity and state (normal when the\n"
+     "module's hwlist.conf requires the card's serial, else foreign).\n"}, 
 };
 
 const Sub* findSub(const std::string& name)
@@ -485,7 +494,8 @@ const char kNvramHelp[] =
     "  fill [--pattern BYTE | --seed N]        the running system's data in SDRAM\n"
     "  powerfail                               the host loses power: the auto copy\n"
     "  power-cycle                             off and on without an auto copy\n"
-    "  recover, status                         reserved for the system's library\n";
+    "  recover                                 the system's recovery of flash to SDRAM\n"
+    "  status [--json]                         the card through the system's card class\n";
 
 bool nvramSubcommandHelp(const std::vector<std::string>& args)
 {
@@ -509,21 +519,22 @@ int runNvram(const Call& call)
     if (!module) return status;
     const std::string sub = w.positional.size() > 1 ? w.positional[1] : "show";
     const Sub* s = findSub(sub);
-    if (!s) return badUsage(call, "no subcommand " + cell(sub) + "; give add, show, set, fault, fill, powerfail or power-cycle");
+    if (!s) return badUsage(call, "no subcommand " + cell(sub) + "; give add, show, set, fault, fill, powerfail, power-cycle, recover or status");
     const std::vector<std::string> rest(w.positional.begin() + std::min<size_t>(2, w.positional.size()), w.positional.end());
     const bool geometryOptions = w.has("--sdram-pages") || w.has("--flash-pages") || w.has("--pages-per-block") ||
                                  w.has("--bad-block-max") || w.has("--serial");
     if (geometryOptions && sub != "add") return badUsage(call, "--sdram-pages, --flash-pages, --pages-per-block, --bad-block-max and --serial go with add");
     if ((w.has("--pattern") || w.has("--seed")) && sub != "fill") return badUsage(call, "--pattern and --seed go with fill");
-    if (w.has("--json") && sub != "show") return badUsage(call, "--json goes with show");
-    if (sub == "recover" || sub == "status")
-        return refused(call, sub + ": reserved; it runs the system's NVRAM library, which this tavsim does not hold yet");
+    if (w.has("--json") && sub != "show" && sub != "status") return badUsage(call, "--json goes with show and status");
     if (sub == "add") {
         if (!rest.empty()) return badUsage(call, "unexpected argument " + cell(rest[0]));
         return add(call, *module, w);
     }
     if (!nvramPresent(*module))
         return refused(call, module->dir() + ": this module has no NVRAM card (platforms 2 and 6 have one; tavsim nvram DIR add puts one in)");
+    if ((sub == "recover" || sub == "status") && !rest.empty()) return badUsage(call, "unexpected argument " + cell(rest[0]));
+    if (sub == "recover") return nvramRecover(call, *module);
+    if (sub == "status") return nvramStatus(call, *module, w.has("--json"));
     if (sub == "set") return set(call, *module, rest);
     if (sub == "fault") return fault(call, *module, rest);
     if (!rest.empty()) return badUsage(call, "unexpected argument " + cell(rest[0]));

@@ -431,8 +431,37 @@ TEST(NvramTavsim, AddShowSetFaultFillAndPowerfail)
     EXPECT_EQ(sim::nvramFlashPage(mod, 63)[2047], 0x5a);
     c = tavsim({"nvram", d, "show", "--json"});
     EXPECT_NE(c.out.find("\"validity\": \"flash\""), std::string::npos);
-    EXPECT_EQ(tavsim({"nvram", d, "recover"}).status, 1);
     c = tavsim({"nvram", d, "fault", "--help"});
     EXPECT_EQ(c.status, 0);
     EXPECT_EQ(c.out.rfind("usage: tavsim nvram DIR fault", 0), 0u);
+}
+
+// The system's own recovery and card class, run from the shell.
+TEST(NvramTavsim, RecoverAndStatusRunTheSystemsLibrary)
+{
+    TempModule m(6, false);
+    const std::string d = m.dir();
+    ASSERT_EQ(tavsim({"create", d, "--platform", "6", "--no-drives"}).status, 0);
+    ASSERT_EQ(tavsim({"nvram", d, "fill", "--seed", "4"}).status, 0);
+    ASSERT_EQ(tavsim({"nvram", d, "powerfail"}).status, 0);
+    Captured c = tavsim({"nvram", d, "recover"});
+    EXPECT_EQ(c.status, 0) << c.err;
+    EXPECT_NE(c.out.find("STATE CHANGE from flash to sdram\nrecovery: SUCCESS\nrecovered; validity sdram\n"),
+              std::string::npos) << c.out;
+    sim::Module mod(d);
+    EXPECT_EQ(sim::nvramSdramPage(mod, 511)[100], sim::nvramPatternByte(4, 511, 100));
+
+    c = tavsim({"nvram", d, "status"});
+    EXPECT_EQ(c.status, 0);
+    EXPECT_NE(c.out.find("model       Marrowby Networks RQDC Card\n"), std::string::npos) << c.out;
+    EXPECT_NE(c.out.find("validity    sdram\nstate       normal\n"), std::string::npos) << c.out;
+    EXPECT_EQ(tavsim({"nvram", d, "recover"}).status, 1);  // nothing in flash to bring back
+
+    // SDRAM lost while it held the data: the library stops the process.
+    ASSERT_EQ(tavsim({"nvram", d, "fault", "sdram-lost"}).status, 0);
+    ASSERT_EQ(tavsim({"nvram", d, "power-cycle"}).status, 0);
+    c = tavsim({"nvram", d, "recover"});
+    EXPECT_EQ(c.status, 1);
+    EXPECT_NE(c.out.find("valid data in sdram lost\n"), std::string::npos) << c.out;
+    EXPECT_NE(c.err.find("the library stopped the process (signal 6); validity invalid"), std::string::npos) << c.err;
 }
