@@ -277,6 +277,11 @@ struct Entry {
     int nested = 0;
 };
 
+// Set when the thread's slots are gone: a scheduler destroyed after them (a
+// static platform at process exit, whose thread-locals go first) must not
+// reach them. Trivially destructible, so it can be read to the end.
+thread_local bool tlsGone = false;
+
 struct ThreadSlots {
     std::vector<Entry> entries;
 
@@ -286,6 +291,8 @@ struct ThreadSlots {
             std::lock_guard<std::mutex> lock(e.core->m);
             e.core->remove(e.slot);
         }
+        entries.clear();
+        tlsGone = true;
     }
 
     Entry* find(const Scheduler::Core* core)
@@ -313,6 +320,7 @@ Scheduler::~Scheduler()
     {
         std::lock_guard<std::mutex> lock(core_->m);
         core_->dead = true;
+        if (tlsGone) return;
         if (Entry* e = tls.find(core_.get())) core_->remove(e->slot);
     }
     tls.forget(core_.get());
