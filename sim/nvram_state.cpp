@@ -343,9 +343,18 @@ bool visitCard(Module& module, const std::function<void(NvramCard&, Images&)>& v
     Module::Lock lock(module);
     std::string text;
     if (!module.host().readFile(Module::stateFile(kCardFile), text)) return false;
+    // The text seldom changes between two visits (a transfer changes only
+    // registers): the last parse is kept.
+    thread_local std::string lastText;
+    thread_local NvramCard lastCard;
     NvramCard card;
     std::string why;
-    if (!parseCard(text, card, why)) return false;
+    if (text == lastText && !text.empty()) card = lastCard;
+    else if (!parseCard(text, card, why)) return false;
+    else {
+        lastText = text;
+        lastCard = card;
+    }
     if (!readRegisters(module, card.regs)) return false;
     uint32_t before[kNvramRegisterBytes / 4];
     std::memcpy(before, card.regs, sizeof before);

@@ -200,12 +200,15 @@ nvram_error_t clearSdram(nvram_t handle)
     std::memcpy(&hostPhysical, host, sizeof hostPhysical);
 
     std::memset(host, 0, pageSize);
-    for (uint64_t page = 0; page < pages; ++page)
-        nvram_memcpy(handle, static_cast<nvramd_t*>(descr), descrPhysical, hostPhysical, page * pageSize, pageSize,
-                     NVRAM_OP_H2S, ABORT_ON_FAILURE);
+    // A failed transfer ends the process; a push the card refuses (FIFO
+    // full, microengine halted) comes back, and SDRAM is not cleared.
+    for (uint64_t page = 0; page < pages && rc == NVRAM_SUCCESS; ++page)
+        rc = nvram_memcpy(handle, static_cast<nvramd_t*>(descr), descrPhysical, hostPhysical, page * pageSize,
+                          pageSize, NVRAM_OP_H2S, ABORT_ON_FAILURE);
 
     plat::munmap(host, pageSize);
     plat::munmap(descr, sizeof(nvramd_t));
+    if (rc != NVRAM_SUCCESS) return done(rc);
     setBits(handle, NVRAM_SETUP_SDRAM_CLEARED);
     NVRAM_CHECK(setup(handle) & NVRAM_SETUP_SDRAM_CLEARED);
 

@@ -154,10 +154,17 @@ nvram_error_t nvram_recover_flash_to_sdram(nvram_t handle)
             break;
         }
         uint64_t sdramAddr = sdramPage * sdramPageSize, flashAddr = flashPage * sdramPageSize;
-        nvram_memcpy(handle, descr, descrPhysical, flashAddr, sdramAddr, flashPageSize, NVRAM_OP_F2S,
-                     ABORT_ON_FAILURE);
-        nvram_memcpy(handle, descr, descrPhysical, sdramAddr, hostPhysical, flashPageSize, NVRAM_OP_S2H,
-                     ABORT_ON_FAILURE);
+        // A failed transfer ends the process; a push the card refuses comes
+        // back and ends the loop.
+        nvram_error_t moved = nvram_memcpy(handle, descr, descrPhysical, flashAddr, sdramAddr, flashPageSize,
+                                           NVRAM_OP_F2S, ABORT_ON_FAILURE);
+        if (moved == NVRAM_SUCCESS)
+            moved = nvram_memcpy(handle, descr, descrPhysical, sdramAddr, hostPhysical, flashPageSize, NVRAM_OP_S2H,
+                                 ABORT_ON_FAILURE);
+        if (moved != NVRAM_SUCCESS) {
+            fail(moved);
+            break;
+        }
 
         uint32_t mark = load32(page, NVRAM_PAGE_GOOD_MARK);
         if (mark != 0xffffffffu) {
@@ -186,8 +193,12 @@ nvram_error_t nvram_recover_flash_to_sdram(nvram_t handle)
             ecc = eccCheck(handle, page);
             if (ecc == 1) {
                 // The corrected data goes back to its SDRAM page.
-                nvram_memcpy(handle, descr, descrPhysical, hostPhysical, sdramAddr, sdramPageSize, NVRAM_OP_H2S,
-                             ABORT_ON_FAILURE);
+                nvram_error_t moved = nvram_memcpy(handle, descr, descrPhysical, hostPhysical, sdramAddr,
+                                                   sdramPageSize, NVRAM_OP_H2S, ABORT_ON_FAILURE);
+                if (moved != NVRAM_SUCCESS) {
+                    fail(moved);
+                    break;
+                }
                 ecc = 0;
             }
         }
