@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "json.h"
+#include "manifest.h"
 #include "nvram.h"
 #include "nvram_firmware.h"
 #include "nvram_state.h"
@@ -111,19 +112,12 @@ std::string hex(uint32_t v)
     return t;
 }
 
+// A 32-bit value in decimal or as "0x" and hex digits.
 bool value32(const std::string& word, uint32_t& out)
 {
-    const bool isHex = word.size() > 2 && word[0] == '0' && (word[1] == 'x' || word[1] == 'X');
-    const std::string digits = isHex ? word.substr(2) : word;
-    if (digits.empty() || digits.size() > (isHex ? 8u : 10u)) return false;
+    const bool isHex = word.size() > 1 && word[0] == '0' && (word[1] == 'x' || word[1] == 'X');
     uint64_t n = 0;
-    for (char c : digits) {
-        int d = c >= '0' && c <= '9' ? c - '0' : isHex && c >= 'a' && c <= 'f' ? c - 'a' + 10
-                                                : isHex && c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
-        if (d < 0) return false;
-        n = n * (isHex ? 16 : 10) + static_cast<uint64_t>(d);
-    }
-    if (n > UINT32_MAX) return false;
+    if (!(isHex ? parseHexNumber(word, n) : parseNumber(word, n)) || n > UINT32_MAX) return false;
     out = static_cast<uint32_t>(n);
     return true;
 }

@@ -70,15 +70,15 @@ int TavHPNVRam::getControllerPramAPI(const char* label, char* value)
     return 0;
 }
 
-int TavHPNVRam::getSerialNumberAPI(char* value) { return getControllerPramAPI("Cache serialnumber", value) == 0 ? 0 : -1; }
+int TavHPNVRam::getSerialNumberAPI(char* value) { return getControllerPramAPI("Cache serialnumber", value); }
 
-int TavHPNVRam::getCacheStatusAPI(char* value) { return getControllerPramAPI("Cache Status", value) == 0 ? 0 : -1; }
+int TavHPNVRam::getCacheStatusAPI(char* value) { return getControllerPramAPI("Cache Status", value); }
 
-int TavHPNVRam::getHWVersionAPI(char* value) { return getControllerPramAPI("Hardware Revision", value) == 0 ? 0 : -1; }
+int TavHPNVRam::getHWVersionAPI(char* value) { return getControllerPramAPI("Hardware Revision", value); }
 
-int TavHPNVRam::getFWVersionAPI(char* value) { return getControllerPramAPI("Firmware Version", value) == 0 ? 0 : -1; }
+int TavHPNVRam::getFWVersionAPI(char* value) { return getControllerPramAPI("Firmware Version", value); }
 
-int TavHPNVRam::getMemorySizeAPI(char* value) { return getControllerPramAPI("Total Cache Size", value) == 0 ? 0 : -1; }
+int TavHPNVRam::getMemorySizeAPI(char* value) { return getControllerPramAPI("Total Cache Size", value); }
 
 int TavHPNVRam::getDriverVersion(std::string& text)
 {
@@ -86,21 +86,17 @@ int TavHPNVRam::getDriverVersion(std::string& text)
     return 0;
 }
 
-int TavHPNVRam::getHWVersion(std::string& text)
+int TavHPNVRam::refreshOrKeep(int (TavHPNVRam::*api)(char*), std::string& stored, std::string& text)
 {
     char value[kValueSize + 1];
-    if (getHWVersionAPI(value) == 0) hwVersion = value;
-    text = hwVersion;
+    if ((this->*api)(value) == 0) stored = value;
+    text = stored;
     return 0;
 }
 
-int TavHPNVRam::getFWVersion(std::string& text)
-{
-    char value[kValueSize + 1];
-    if (getFWVersionAPI(value) == 0) fwVersion = value;
-    text = fwVersion;
-    return 0;
-}
+int TavHPNVRam::getHWVersion(std::string& text) { return refreshOrKeep(&TavHPNVRam::getHWVersionAPI, hwVersion, text); }
+
+int TavHPNVRam::getFWVersion(std::string& text) { return refreshOrKeep(&TavHPNVRam::getFWVersionAPI, fwVersion, text); }
 
 int TavHPNVRam::getMemorySize(std::string& text)
 {
@@ -132,10 +128,7 @@ int TavHPNVRam::getSerialNo(unsigned int* serial, std::string& text)
 
 int TavHPNVRam::getSerialNoString(std::string& text)
 {
-    char value[kValueSize + 1];
-    if (getSerialNumberAPI(value) == 0) serialNo = value;
-    text = serialNo;
-    return 0;
+    return refreshOrKeep(&TavHPNVRam::getSerialNumberAPI, serialNo, text);
 }
 
 int TavHPNVRam::getBatteryVoltage(float& volts, std::string& text)

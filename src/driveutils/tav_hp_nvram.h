@@ -40,6 +40,9 @@ public:
     NVRamStatus getState() override;
 
 private:
+    // The wrapper's value when it answers, else the stored one, in `text`.
+    int refreshOrKeep(int (TavHPNVRam::*api)(char*), std::string& stored, std::string& text);
+
     std::string driverVersion;
     std::string hwVersion;
     std::string fwVersion;
