@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <map>
+#include <new>
 #include <unistd.h>
 #include <utility>
 
@@ -422,6 +423,36 @@ void Scheduler::park()
         core_->parkedBy = tls.find(core_.get())->slot;
     }
     leave();
+}
+
+void Scheduler::forkPrepare() { core_->m.lock(); }
+
+void Scheduler::forkParent() { core_->m.unlock(); }
+
+void Scheduler::forkChild()
+{
+    Core& c = *core_;
+    // The lock and the condition were copied in whatever state the other
+    // threads left them: build them again rather than unlock.
+    new (&c.m) std::mutex;
+    new (&c.cv) std::condition_variable;
+    Entry* e = tls.find(&c);
+    Slot* own = e ? e->slot : nullptr;
+    c.slots.erase(std::remove_if(c.slots.begin(), c.slots.end(), [own](const auto& p) { return p.get() != own; }),
+                  c.slots.end());
+    c.queue.clear();
+    c.strangers.clear();
+    c.arriving = 0;
+    if (!own) {
+        tls.entries.push_back(Entry{core_, c.add()});
+        own = tls.entries.back().slot;
+    }
+    own->tid = ::gettid();
+    own->state = State::Running;
+    own->ready = nullptr;
+    c.owner = own;
+    c.parked = true;
+    c.parkedBy = own;
 }
 
 void Scheduler::setPacing(bool on)

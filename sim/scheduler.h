@@ -82,6 +82,15 @@ public:
     // blocked outside may still come to call it (and then waits for ever).
     void park();
 
+    // Around a fork of the process: prepare takes the scheduler's lock, the
+    // parent's handler gives it back; in the child, where the forking thread is
+    // the only thread left, the scheduler starts anew with that thread holding
+    // the turn for good (as after park), so the child's calls never wait for
+    // a thread that did not come along.
+    void forkPrepare();
+    void forkParent();
+    void forkChild();
+
     // No faster than real time while a thread is blocked outside.
     void setPacing(bool on);
 

@@ -5,13 +5,18 @@
 #include <climits>
 #include <cstring>
 #include <fcntl.h>
+#include <new>
+#include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "processes.h"
 #include "sysfs.h"
 
 static int giDebug_simplatform = 0;
@@ -39,6 +44,41 @@ std::string faultKey(const Fault& f)
     return k.format();
 }
 
+
+// The live platforms of the process, for the fork handlers. The handlers are
+// installed once for the process (they cannot be removed) and act on
+// whichever platforms live at the fork.
+std::mutex& liveMutex()
+{
+    static std::mutex m;
+    return m;
+}
+
+std::vector<SimPlatform*>& livePlatforms()
+{
+    static std::vector<SimPlatform*> all;
+    return all;
+}
+
+void prepareAllForFork()
+{
+    liveMutex().lock();
+    for (SimPlatform* p : livePlatforms()) p->forkPrepare();
+}
+
+void resumeAllInParent()
+{
+    auto& all = livePlatforms();
+    for (auto it = all.rbegin(); it != all.rend(); ++it) (*it)->forkParent();
+    liveMutex().unlock();
+}
+
+void resetAllInChild()
+{
+    for (SimPlatform* p : livePlatforms()) p->forkChild();
+    new (&liveMutex()) std::mutex;
+}
+
 } // namespace
 
 const std::vector<std::string>& mappedRoots()
@@ -61,10 +101,19 @@ SimPlatform::SimPlatform(const std::string& dir)
                               [this] { return nextDeviceEvent(); }})
 {
     refreshFaults();
+    static const int installed = ::pthread_atfork(prepareAllForFork, resumeAllInParent, resetAllInChild);
+    (void)installed;
+    std::lock_guard<std::mutex> lock(liveMutex());
+    livePlatforms().push_back(this);
 }
 
 SimPlatform::~SimPlatform()
 {
+    {
+        std::lock_guard<std::mutex> lock(liveMutex());
+        auto& all = livePlatforms();
+        all.erase(std::remove(all.begin(), all.end(), this), all.end());
+    }
     for (auto& [fd, h] : handles_) {
         if (h.model) {
             DeviceContext ctx = context();
@@ -831,8 +880,31 @@ int SimPlatform::pclose(FILE* stream)
 int SimPlatform::kill(pid_t pid, int signal)
 {
     Call call(*this);
-    module_.logCommand("kill", ESRCH, true, "kill -" + std::to_string(signal) + " " + std::to_string(pid));
-    return fail(ESRCH);
+    const std::string command = "kill -" + std::to_string(signal) + " " + std::to_string(pid);
+    // Only the module's own processes (processes.h) are ever signalled: a
+    // process of the host, this process, or a group with a stranger in it
+    // answers ESRCH, as if it were not there.
+    auto refuse = [&](int error) {
+        module_.logCommand("kill", error, true, command);
+        return fail(error);
+    };
+    if (pid == 0 || pid == -1 || pid == ::getpid() || pid == -::getpgrp()) return refuse(ESRCH);
+    const std::string& root = module_.dir();
+    if (pid > 0) {
+        HostProcess p;
+        if (!readHostProcess(pid, p) || !belongsToModule(p, root)) return refuse(ESRCH);
+    } else {
+        bool any = false;
+        for (const HostProcess& p : hostProcesses()) {
+            if (p.pgid != -pid) continue;
+            if (p.pid == ::getpid() || !belongsToModule(p, root)) return refuse(ESRCH);
+            any = true;
+        }
+        if (!any) return refuse(ESRCH);
+    }
+    int rc = ::kill(pid, signal);
+    module_.logCommand("kill", rc == 0 ? 0 : errno, true, command);
+    return rc;
 }
 
 // ---- time ----
@@ -943,6 +1015,43 @@ int SimPlatform::setsockopt(int fd, int level, int name, const void* value, sock
     Handle* h = handle(fd);
     if (!h || h->kind != Kind::Socket) return fail(ENOTSOCK);
     return ::setsockopt(fd, level, name, value, length);
+}
+
+// A unix-family path is a path of the module; an internet-family listener
+// binds to the loopback address whatever it asked for, so no test ever opens
+// a port to the network.
+int SimPlatform::bind(int fd, const struct sockaddr* address, socklen_t length)
+{
+    Call call(*this);
+    Handle* h = handle(fd);
+    if (!h || h->kind != Kind::Socket) return fail(ENOTSOCK);
+    if (!address || length < sizeof(sa_family_t)) return fail(EINVAL);
+    if (address->sa_family == AF_UNIX) {
+        sockaddr_un un{};
+        std::memcpy(&un, address, std::min<size_t>(length, sizeof un));
+        const size_t pathMax = sizeof un.sun_path;
+        std::string path(un.sun_path, strnlen(un.sun_path, pathMax));
+        Resolved r;
+        if (!resolve(path.c_str(), r, true)) return -1;
+        if (r.kind != Resolved::Mapped) return fail(EACCES);
+        std::string host = module_.dir() + r.vpath;
+        if (host.size() >= pathMax) {
+            TAV_LOG(0, "tavsim: refused bind of %s: its module path %s is longer than %zu %s:%d\n", path.c_str(),
+                    host.c_str(), pathMax - 1, TAV_FILE, __LINE__);
+            return fail(ENAMETOOLONG);
+        }
+        std::memset(un.sun_path, 0, pathMax);
+        std::memcpy(un.sun_path, host.data(), host.size());
+        return ::bind(fd, reinterpret_cast<const sockaddr*>(&un), sizeof un);
+    }
+    if (address->sa_family == AF_INET) {
+        if (length < sizeof(sockaddr_in)) return fail(EINVAL);
+        sockaddr_in in{};
+        std::memcpy(&in, address, sizeof in);
+        in.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        return ::bind(fd, reinterpret_cast<const sockaddr*>(&in), sizeof in);
+    }
+    return fail(EAFNOSUPPORT);
 }
 
 // No controllers in the IDE family: the answers of an absent library.

@@ -85,8 +85,9 @@ public:
     int system(const char* command) override;
     FILE* popen(const char* command, const char* mode) override;
     int pclose(FILE* stream) override;
-    // No process of the host is ever signalled: the module runs none, so
-    // every pid is ESRCH; the call is logged as a command ("kill -SIG PID").
+    // Only the module's own processes are signalled (processes.h): any other
+    // pid, or a group holding another, is ESRCH. Logged as a command
+    // ("kill -SIG PID") with its error.
     int kill(pid_t pid, int signal) override;
     time_t time(time_t* out) override;
     int gettimeofday(struct timeval* tv) override;
@@ -96,6 +97,14 @@ public:
     int waitTimeout(struct timeval* timeout) override;
     int socket(int domain, int type, int protocol) override;
     int setsockopt(int fd, int level, int name, const void* value, socklen_t length) override;
+    // A unix path lands in the module (refused, with a log line, when the
+    // module's path does not fit sun_path); an internet listener gets loopback.
+    int bind(int fd, const struct sockaddr* address, socklen_t length) override;
+
+    // The process's fork handlers call these (see the scheduler's).
+    void forkPrepare();
+    void forkParent();
+    void forkChild();
     int InitMegaLib() override;
     int GetDllVersion(char* major, char* minor) override;
     int MegaLibCommand(int opcode, int adapter, int channel, int target, int size, void* buffer) override;

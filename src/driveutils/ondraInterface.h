@@ -4,7 +4,19 @@
 // table that does not exist yet; the service commands complete the class later.
 #pragma once
 
+#include <cstdint>
+
 #include "tavutils/tavstring.h"
+
+// Logs the current error and, for ENOMEM and ENOSPC, ends the program with the
+// error as its status (the module's supervisor starts it anew).
+void tavOndraErrno(int errNumber);
+// Removes blanks, form feeds, newlines, carriage returns and tabs; null does nothing.
+void tavOndraStripWhiteSpace(char* str);
+// Host order to wire order: the wire is the host's own little-endian order.
+inline uint64_t tav_htorn64(uint64_t v) { return v; }
+inline uint32_t tav_htorn32(uint32_t v) { return v; }
+inline uint16_t tav_htorn16(uint16_t v) { return v; }
 
 class TavOndraInterface {
 public:

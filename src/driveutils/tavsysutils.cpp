@@ -51,8 +51,8 @@ tav_syslogbuf::int_type tav_syslogbuf::overflow(int_type c)
     return c;
 }
 
-tav_syslogbuf sbuf;
-std::ostream tav_logstream(&sbuf);
+thread_local tav_syslogbuf sbuf;
+thread_local std::ostream tav_logstream(&sbuf);
 
 int closeFileDescriptors(int pid)
 {

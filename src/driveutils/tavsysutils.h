@@ -25,8 +25,10 @@ private:
     char buffer[kBufferSize];
 };
 
-extern tav_syslogbuf sbuf;
-extern std::ostream tav_logstream;
+// One stream and buffer per thread: the supervising threads log beside the
+// caller's, and a line is handed on whole from the thread that wrote it.
+extern thread_local tav_syslogbuf sbuf;
+extern thread_local std::ostream tav_logstream;
 
 // Closes every descriptor of the process except the standard three, as listed
 // in "/proc/<pid>/fd". 0, or -1 when that directory does not open.

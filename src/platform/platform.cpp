@@ -64,6 +64,10 @@ public:
     int nanosleep(const struct timespec* req, struct timespec* rem) override { return ::nanosleep(req, rem); }
     int waitTimeout(struct timeval* timeout) override { return ::select(0, nullptr, nullptr, nullptr, timeout); }
     int socket(int domain, int type, int protocol) override { return ::socket(domain, type, protocol); }
+    int bind(int fd, const struct sockaddr* address, socklen_t length) override
+    {
+        return ::bind(fd, address, length);
+    }
     int setsockopt(int fd, int level, int name, const void* value, socklen_t length) override
     {
         return ::setsockopt(fd, level, name, value, length);

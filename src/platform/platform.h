@@ -77,10 +77,13 @@ public:
     virtual int nanosleep(const struct timespec* req, struct timespec* rem) = 0;
     virtual int waitTimeout(struct timeval* timeout) = 0;
 
-    // A socket used only to query network interfaces by ioctl (SIOCGIFCONF,
-    // SIOCGIFADDR, SIOCGIFHWADDR, ...); its options, ioctls and close go through the seam.
+    // Sockets: one that queries network interfaces by ioctl (SIOCGIFCONF,
+    // SIOCGIFADDR, SIOCGIFHWADDR, ...), and the listeners of the services. A
+    // socket's options, ioctls, bind and close go through the seam; listen,
+    // accept, connect, select, send and recv on it are the kernel's own.
     virtual int socket(int domain, int type, int protocol) = 0;
     virtual int setsockopt(int fd, int level, int name, const void* value, socklen_t length) = 0;
+    virtual int bind(int fd, const struct sockaddr* address, socklen_t length) = 0;
 
     // The closed vendor controller library.
     virtual int InitMegaLib() = 0;
@@ -164,6 +167,10 @@ public:
     {
         return inner_.setsockopt(fd, level, name, value, length);
     }
+    int bind(int fd, const struct sockaddr* address, socklen_t length) override
+    {
+        return inner_.bind(fd, address, length);
+    }
     int InitMegaLib() override { return inner_.InitMegaLib(); }
     int GetDllVersion(char* major, char* minor) override { return inner_.GetDllVersion(major, minor); }
     int MegaLibCommand(int opcode, int adapter, int channel, int target, int size, void* buffer) override
@@ -226,6 +233,10 @@ inline int socket(int domain, int type, int protocol) { return current().socket(
 inline int setsockopt(int fd, int level, int name, const void* value, socklen_t length)
 {
     return current().setsockopt(fd, level, name, value, length);
+}
+inline int bind(int fd, const struct sockaddr* address, socklen_t length)
+{
+    return current().bind(fd, address, length);
 }
 
 } // namespace plat

@@ -1,0 +1,33 @@
+// The host's processes as the simulated module sees them: only those that
+// belong to the module may be listed or signalled. A process belongs to the
+// module when its argv[0] lies inside the module directory (a daemon script
+// that sets its own argv[0]), or when it is a child of this process (a daemon
+// between fork and exec, or a script not yet at its exec).
+#pragma once
+
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace sim {
+
+struct HostProcess {
+    pid_t pid = 0;
+    pid_t ppid = 0;
+    pid_t pgid = 0;
+    std::vector<std::string> argv;  // from /proc/PID/cmdline; empty for a zombie or kernel thread
+};
+
+// One process of the host, false when it is gone or unreadable.
+bool readHostProcess(pid_t pid, HostProcess& out);
+
+// Every process of the host that can be read now, in pid order.
+std::vector<HostProcess> hostProcesses();
+
+// True when argv[0] is a path strictly inside `root` (an absolute, clean directory).
+bool argvInside(const HostProcess& p, const std::string& root);
+
+// The rule above, for a process of this process's module at `root`.
+bool belongsToModule(const HostProcess& p, const std::string& root);
+
+} // namespace sim
