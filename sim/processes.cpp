@@ -42,6 +42,7 @@ bool readHostProcess(pid_t pid, HostProcess& out)
     out.pid = pid;
     out.ppid = static_cast<pid_t>(ppid);
     out.pgid = static_cast<pid_t>(pgrp);
+    out.state = state;
     std::string cmdline;
     if (readWhole(dir + "/cmdline", cmdline)) {
         size_t pos = 0;
@@ -86,5 +87,7 @@ bool belongsToModule(const HostProcess& p, const std::string& root)
 {
     return argvInside(p, root) || p.ppid == ::getpid();
 }
+
+bool isAlive(const HostProcess& p) { return p.state != 'Z' && p.state != 'X'; }
 
 } // namespace sim

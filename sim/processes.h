@@ -15,6 +15,7 @@ struct HostProcess {
     pid_t pid = 0;
     pid_t ppid = 0;
     pid_t pgid = 0;
+    char state = '?';               // R, S, D, Z, T, ...
     std::vector<std::string> argv;  // from /proc/PID/cmdline; empty for a zombie or kernel thread
 };
 
@@ -27,7 +28,11 @@ std::vector<HostProcess> hostProcesses();
 // True when argv[0] is a path strictly inside `root` (an absolute, clean directory).
 bool argvInside(const HostProcess& p, const std::string& root);
 
-// The rule above, for a process of this process's module at `root`.
+// The rule above, for a process of this process's module at `root`. A zombie
+// still belongs (it is reaped by its parent), but is no longer alive.
 bool belongsToModule(const HostProcess& p, const std::string& root);
+
+// Alive: read now and not a zombie.
+bool isAlive(const HostProcess& p);
 
 } // namespace sim
