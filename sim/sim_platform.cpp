@@ -88,6 +88,25 @@ const std::vector<std::string>& mappedRoots()
     return roots;
 }
 
+void SimPlatform::forkPrepare()
+{
+    sched_.forkPrepare();  // the scheduler's lock is taken before the platform's
+    mu_.lock();
+}
+
+void SimPlatform::forkParent()
+{
+    mu_.unlock();
+    sched_.forkParent();
+}
+
+void SimPlatform::forkChild()
+{
+    // Held in the parent by a thread that the child does not have: made anew.
+    new (&mu_) std::recursive_mutex;
+    sched_.forkChild();
+}
+
 SimPlatform::SimPlatform(const std::string& dir)
     : module_(dir),
       registry_(DeviceRegistry::standard()),

@@ -4,7 +4,9 @@
 #include <chrono>
 #include <mutex>
 #include <string>
+#include <csignal>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <thread>
 #include <vector>
 
@@ -192,3 +194,37 @@ TEST(Scheduler, FaultedWaitsFailAtOnce)
 }
 
 } // namespace
+
+// A child forked while another thread holds the turn (and may hold the
+// platform's lock) is alone: its calls go through at once.
+TEST(Scheduler, AForkedChildNeverWaitsForAThreadThatStayedBehind)
+{
+    TempModule m;
+    sim::SimPlatform p(m.dir());
+    std::atomic<bool> stop{false};
+    std::thread busy([&] {
+        struct ::stat st;
+        while (!stop) p.stat("/etc", &st);  // holds the turn, and the lock in every call
+    });
+    for (int round = 0; round < 20; ++round) {
+        pid_t child = ::fork();
+        if (child < 0) break;
+        if (child == 0) {
+            struct ::stat st;
+            time_t before = p.time(nullptr);
+            p.sleep(30);
+            _exit(p.stat("/etc", &st) == 0 && p.time(nullptr) == before + 30 ? 0 : 1);
+        }
+        int status = -1;
+        auto deadline = RealClock::now() + std::chrono::seconds(10);
+        pid_t got = 0;
+        while ((got = ::waitpid(child, &status, WNOHANG)) == 0 && RealClock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        if (got == 0) ::kill(child, SIGKILL), ::waitpid(child, &status, 0);
+        EXPECT_EQ(got, child) << "round " << round << ": the child hung";
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "round " << round;
+        if (got != child) break;
+    }
+    stop = true;
+    busy.join();
+}
