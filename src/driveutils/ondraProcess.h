@@ -11,7 +11,9 @@
 
 #include <atomic>
 #include <cstdio>
+#include <mutex>
 #include <pthread.h>
+#include <string>
 
 #include "tavutils/tavstring.h"
 
@@ -140,6 +142,15 @@ public:
     const char* arg(int i) const { return i >= 0 && i < ONDRA_ARGV_SIZE ? argv[i] : nullptr; }
 
 private:
+    int pushArg(TavString& buffer, const char* text);
+    void addStoreDevices();
+    int loadDaemonSection(char** args);
+    void applyDaemonChange(const char* word, TavString& daemonArgs);
+    int runOnce(TavString& buffer, int state, const char* failure, const char* reason);
+    int killListed(TavString& buffer, const std::string& name);
+    int waitForExit(pid_t kid, int& status);
+    void supervise();
+
     char* argv[ONDRA_ARGV_SIZE];
     char dataPath[ONDRA_DATA_PATH_SIZE];
     int argc;
@@ -154,4 +165,7 @@ private:
     bool firstMgr;
     std::atomic<bool> stoppedByCommand;
     pthread_mutex_t runStateMutex;
+    // Guards argv and argc: the caller's thread rebuilds the vector while the
+    // supervising thread may read it to start the daemon again.
+    std::recursive_mutex argvMutex;
 };
