@@ -290,3 +290,109 @@ TEST(Commands, RedirectedOutputLandsInAFileOfTheModule)
         EXPECT_EQ(p.system(line), W_EXITCODE(127, 0)) << line;
     EXPECT_EQ(p.system("echo x >&3"), W_EXITCODE(1, 0)) << "no descriptor 3";
 }
+
+TEST(TavsimDaemons, InstallShowAndKillTheModulesDaemons)
+{
+    TempModule m;
+    const std::string d = m.dir();
+    sim::Module mod(d);
+    Captured r = tavsim({"daemons", d, "show"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out.compare(0, 23, "daemons: not installed\n"), 0) << r.out;
+    EXPECT_NE(tavsim({"show", d}).out.find("\ndaemons: not installed\n"), std::string::npos);
+
+    r = tavsim({"daemons", d, "install", "--fail=mgr"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "installed the daemons: scripts in " + mod.dir() + "/daemons, the Daemon of mgr exits with status 1\n");
+    ASSERT_EQ(runToEnd(configArgs(m, 0, 0)), 0);
+    const pid_t store = startDaemon(m, mod, 0);
+    ASSERT_GT(store, 0);
+    m.put("/etc/marrowby/comm/udpargs.cfg", "STORAGE\n--udp\n7 8\nEND\nMANAGER\n--udp\n7 8\nEND\n");
+
+    r = tavsim({"daemons", d, "show"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    const std::vector<std::string> out = lines(r.out);
+    ASSERT_EQ(out.size(), 10u) << r.out;
+    EXPECT_EQ(out[0], "daemons: installed, 1 live, system id NO_SYSTEM_ID");
+    const std::string pid = std::to_string(store);
+    auto row = [&](const std::string& line) {
+        std::istringstream in(line);
+        std::vector<std::string> fields;
+        for (std::string f; in >> f;) fields.push_back(f);
+        return fields;
+    };
+    EXPECT_EQ(row(out[2]), (std::vector<std::string>{"TYPE", "SCRIPT", "INIT", "DAEMON", "DEINIT", "DATA", "OK",
+                                                     "BEHAVIOUR", "PIDS", "PATH"}));
+    EXPECT_EQ(row(out[3]), (std::vector<std::string>{"store", "yes", "yes", "yes", "yes", "/var/ondra/store", "yes",
+                                                     "runs", pid, sim::daemonScript(mod, 0)}));
+    EXPECT_EQ(row(out[4]), (std::vector<std::string>{"vmgr", "yes", "yes", "yes", "yes", "/var/ondra/vmgr", "no",
+                                                     "runs", "-", sim::daemonScript(mod, 1)}));
+    EXPECT_EQ(row(out[5])[7], "exit=1");
+    EXPECT_EQ(out[3].find(pid), out[2].find("PIDS")) << "aligned columns\n" << r.out;
+    EXPECT_EQ(out[7], "udp arguments: 2 lines in the STORAGE section of /etc/marrowby/comm/udpargs.cfg");
+    EXPECT_EQ(out[8], "  --udp");
+    EXPECT_EQ(out[9], "  7 8");
+
+    const std::string json = tavsim({"daemons", d, "show", "--json"}).out;
+    for (const std::string& part : {"\"pids\": [\n        " + pid + "\n      ]", std::string("\"exit\": 1"),
+                                    std::string("\"system_id\": \"NO_SYSTEM_ID\""),
+                                    std::string("\"path\": \"/etc/marrowby/manager/ondraMgrDeinit.cfg\"")})
+        EXPECT_NE(json.find(part), std::string::npos) << part << "\n" << json;
+    EXPECT_NE(tavsim({"show", d}).out.find("\ndaemons: installed, 1 live, system id NO_SYSTEM_ID\n"), std::string::npos);
+
+    // The data directory is the one the Daemon file names, the system id the
+    // file's first line with text.
+    m.put(sim::daemonConfig(1, 1), "VIRTUALMANAGER\n/x\n--dir\n/var/ondra/store\nEND\n");
+    m.put("/etc/marrowby/comm/ondraSystemId.cfg", "\n\nUNIT 7\nNEXT\n");
+    std::filesystem::remove(m.map(sim::daemonConfig(2, 0)));
+    r = tavsim({"daemons", d, "show"});
+    EXPECT_EQ(lines(r.out)[0], "daemons: installed, 1 live, system id \"UNIT 7\"");
+    EXPECT_EQ(row(lines(r.out)[4])[5], "/var/ondra/store");
+    EXPECT_EQ(row(lines(r.out)[4])[6], "yes");
+    EXPECT_EQ(row(lines(r.out)[5])[2], "no") << "mgr's Init file is gone";
+
+    EXPECT_EQ(tavsim({"daemons", d, "kill"}).out, "killed 1 daemon: " + pid + "\n");
+    reap(store);
+    EXPECT_EQ(tavsim({"daemons", d, "kill"}).out, "no daemon of the module was running\n");
+    std::filesystem::remove(m.map("/etc/marrowby/comm/ondraSystemId.cfg"));
+    std::filesystem::remove(m.host("daemons/ondravmgr"));
+    EXPECT_EQ(lines(tavsim({"daemons", d, "show"}).out)[0],
+              "daemons: partly installed (2 of 3 scripts), 0 live, no system id");
+}
+
+TEST(TavsimDaemons, RefusalsNameTheArgumentAndItsRange)
+{
+    TempModule m;
+    const std::string d = m.dir();
+    const std::string none = std::filesystem::path(d).parent_path().string() + "/none";
+    struct Case {
+        std::vector<std::string> args;
+        int status;
+        std::string message;
+    };
+    for (const Case& c : std::vector<Case>{
+             {{"daemons", d}, 2, "tavsim daemons: give install, show or kill\nusage: tavsim daemons DIR install"},
+             {{"daemons", d, "start"}, 2, "tavsim daemons: unexpected argument start; give install, show or kill"},
+             {{"daemons", d, "show", "extra"}, 2, "tavsim daemons: unexpected argument extra"},
+             {{"daemons", d, "install", "--fail", "3"}, 2, "tavsim daemons: --fail 3: out of range 0 to 2"},
+             {{"daemons", d, "install", "--fail", "disk"}, 2, "tavsim daemons: --fail disk: give store, vmgr or mgr, or 0 to 2"},
+             {{"daemons", d, "install", "--fail"}, 2, "tavsim daemons: --fail needs a value: --fail TYPE"},
+             {{"daemons", d, "show", "--fail", "1"}, 2, "tavsim daemons: --fail goes with install only"},
+             {{"daemons", d, "kill", "--json"}, 2, "tavsim daemons: --json goes with show only"},
+             {{"daemons", d, "show", "--all"}, 2, "tavsim daemons: unknown option --all; daemons takes --fail TYPE and --json"},
+             {{"daemons", none, "show"}, 1, "tavsim daemons: " + none + ": no such directory"},
+         }) {
+        Captured r = tavsim(c.args);
+        EXPECT_EQ(r.status, c.status) << c.args.back() << "\n" << r.err;
+        EXPECT_EQ(r.err.compare(0, c.message.size(), c.message), 0) << r.err;
+        EXPECT_EQ(r.out, "");
+    }
+    // The scripts' directory taken by a file: nothing can be laid in.
+    m.put("/daemons", "x");
+    Captured r = tavsim({"daemons", d, "install"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "tavsim daemons: cannot write daemons\n");
+    r = tavsim({"daemons", "--help"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(lines(r.out)[0], "usage: tavsim daemons DIR install [--fail TYPE] | show [--json] | kill");
+}
