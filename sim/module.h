@@ -49,8 +49,8 @@
 //                      restart limits and the system id
 //   /var/ondra/TYPE/ok the ok file that a script's Init makes
 // A module's processes are those whose argv[0] lies inside the directory, and
-// this process's own children; only they are signalled (sim_platform.h) and
-// listed by "ps -ewf" (ps_listing.h). They are real processes: they run on
+// this process's own children; only they are signalled (sim_platform.h).
+// "ps -ewf" lists the first kind (ps_listing.h). They are real processes: they run on
 // the host's clock, not the virtual one, and the listing's times are the host's.
 //
 // A drive's image is a sparse file at its bay's device path. Every state file
