@@ -339,6 +339,9 @@ TEST(TavsimDaemons, InstallShowAndKillTheModulesDaemons)
                                     std::string("\"path\": \"/etc/marrowby/manager/ondraMgrDeinit.cfg\"")})
         EXPECT_NE(json.find(part), std::string::npos) << part << "\n" << json;
     EXPECT_NE(tavsim({"show", d}).out.find("\ndaemons: installed, 1 live, system id NO_SYSTEM_ID\n"), std::string::npos);
+    EXPECT_NE(tavsim({"show", d, "--json"}).out.find(
+                  "\"daemons\": {\n    \"scripts\": 3,\n    \"live\": 1,\n    \"system_id\": \"NO_SYSTEM_ID\"\n  }"),
+              std::string::npos);
 
     // The data directory is the one the Daemon file names, the system id the
     // file's first line with text.
