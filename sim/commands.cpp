@@ -2,32 +2,17 @@
 
 #include <functional>
 #include <map>
+#include <optional>
 #include <regex>
 #include <sstream>
 #include <sys/stat.h>
 
 #include "hp_cli.h"
 #include "module.h"
+#include "ps_listing.h"
 
 namespace sim {
 namespace {
-
-bool isRedirection(const std::string& w, bool& takesTarget)
-{
-    static const char* const bare[] = {">", ">>", "<", "2>", "2>>", "&>", "1>"};
-    static const char* const whole[] = {"2>&1", "1>&2", ">&2", ">&1"};
-    for (const char* b : bare)
-        if (w == b) {
-            takesTarget = true;
-            return true;
-        }
-    takesTarget = false;
-    for (const char* b : whole)
-        if (w == b) return true;
-    // Attached forms: ">/dev/null", "2>/dev/null".
-    return (w.size() > 1 && w[0] == '>') || (w.size() > 2 && w[0] == '2' && w[1] == '>') ||
-           (w.size() > 1 && w[0] == '<');
-}
 
 CommandResult ok(std::string output = "") { return CommandResult{0, std::move(output)}; }
 
@@ -216,59 +201,142 @@ CommandResult echo(CommandContext&, const Words& argv)
     return ok(out + "\n");
 }
 
+// Where a stage's standard output goes.
+struct Output {
+    enum { Pass, Discard, File } to = Pass;
+    int fd = -1;
+};
+
+// Opens the stage's output files in the order written, as the shell does
+// before the stage runs; false when one is refused.
+bool openOutput(const std::vector<Redirection>& redirections, OutputFiles* files, Output& out)
+{
+    auto drop = [&]() {
+        if (out.to == Output::File) files->close(out.fd);
+        out = Output{};
+    };
+    for (const Redirection& r : redirections) {
+        if (r.fd != 1 && r.fd != -1) continue;  // input is not read; standard error is not modelled
+        if (r.duplicate && r.target == "1") continue;
+        if (r.duplicate || r.target == "/dev/null") {
+            // Standard error, "-" (closed) and /dev/null keep nothing; no other descriptor is open.
+            const bool open = !r.duplicate || r.target == "2" || r.target == "-";
+            drop();
+            if (!open) return false;
+            out.to = Output::Discard;
+            continue;
+        }
+        const int fd = files ? files->open(r.target, r.append) : -1;
+        drop();
+        if (fd < 0) return false;
+        out = Output{Output::File, fd};
+    }
+    return true;
+}
+
+void deliver(const Output& out, OutputFiles* files, CommandResult& result)
+{
+    if (out.to == Output::File) {
+        const bool written = files->write(out.fd, result.output);
+        files->close(out.fd);
+        if (!written && result.status == 0) result.status = 1;
+    }
+    if (out.to != Output::Pass) result.output.clear();
+}
+
 } // namespace
 
-bool splitPipeline(const std::string& line, std::vector<Words>& stages)
+bool splitPipeline(const std::string& line, std::vector<Stage>& stages)
 {
-    stages.assign(1, Words{});
+    stages.assign(1, Stage{});
     std::string word;
-    bool inWord = false;
-    bool skipNext = false;
+    bool inWord = false, quoted = false;
+    std::optional<Redirection> pending;  // an operator waiting for its target
     auto endWord = [&]() {
-        if (!inWord) return;
-        bool takesTarget = false;
-        if (skipNext) skipNext = false;
-        else if (isRedirection(word, takesTarget)) skipNext = takesTarget;
-        else stages.back().push_back(word);
+        if (!inWord) return true;
+        if (pending) {
+            pending->target = word;
+            if (pending->duplicate && word != "-" && word.find_first_not_of("0123456789") != std::string::npos) {
+                // ">&FILE" is "&> FILE"; a copy of anything else is no descriptor.
+                if (pending->fd != 1) return false;
+                pending->duplicate = false;
+                pending->fd = -1;
+            }
+            stages.back().redirections.push_back(*pending);
+            pending.reset();
+        } else {
+            stages.back().argv.push_back(word);
+        }
         word.clear();
-        inWord = false;
+        inWord = quoted = false;
+        return true;
     };
-    for (size_t i = 0; i < line.size(); ++i) {
-        char c = line[i];
+    const size_t n = line.size();
+    auto at = [&](size_t i) { return i < n ? line[i] : '\0'; };
+    for (size_t i = 0; i < n; ++i) {
+        const char c = line[i];
         if (c == '\'' || c == '"') {
             size_t close = line.find(c, i + 1);
             if (close == std::string::npos) return false;
-            std::string quoted = line.substr(i + 1, close - i - 1);
-            if (c == '"' && (quoted.find('`') != std::string::npos || quoted.find("$(") != std::string::npos))
+            std::string text = line.substr(i + 1, close - i - 1);
+            if (c == '"' && (text.find('`') != std::string::npos || text.find("$(") != std::string::npos))
                 return false;
-            word += quoted;
-            inWord = true;
+            word += text;
+            inWord = quoted = true;
             i = close;
-        } else if (c == '\\' && i + 1 < line.size()) {
+        } else if (c == '\\' && i + 1 < n) {
             word += line[++i];
-            inWord = true;
+            inWord = quoted = true;
         } else if (c == ' ' || c == '\t' || c == '\n') {
-            endWord();
+            if (!endWord()) return false;
         } else if (c == '|') {
-            if (i + 1 < line.size() && line[i + 1] == '|') return false;
-            endWord();
-            if (stages.back().empty()) return false;
+            if (at(i + 1) == '|' || pending || !endWord() || stages.back().argv.empty()) return false;
             stages.emplace_back();
-        } else if (c == ';' || c == '`' || (c == '&' && !(inWord && !word.empty() && word.back() == '>') &&
-                                                     !(i + 1 < line.size() && line[i + 1] == '>'))) {
-            return false;
-        } else if (c == '$' && i + 1 < line.size() && line[i + 1] == '(') {
+        } else if (c == '>' || c == '<' || (c == '&' && at(i + 1) == '>')) {
+            Redirection r;
+            if (inWord && !quoted && (word == "0" || word == "1" || word == "2")) {
+                // "2>": the descriptor's number written against the operator.
+                r.fd = word[0] - '0';
+                word.clear();
+                inWord = false;
+            } else {
+                if (!endWord()) return false;
+                r.fd = c == '<' ? 0 : c == '&' ? -1 : 1;
+            }
+            if (pending) return false;
+            if (c == '&') ++i;
+            if (line[i] == '<') {
+                if (at(i + 1) == '<' || at(i + 1) == '&' || at(i + 1) == '>') return false;
+            } else if (at(i + 1) == '>') {
+                r.append = true;
+                ++i;
+            } else if (at(i + 1) == '|') {
+                ++i;
+            } else if (at(i + 1) == '&' && r.fd != -1) {
+                r.duplicate = true;
+                ++i;
+            }
+            pending = r;
+        } else if (c == ';' || c == '`' || c == '&' || (c == '$' && at(i + 1) == '(')) {
             return false;
         } else {
             word += c;
             inWord = true;
         }
     }
-    endWord();
-    if (skipNext) return false;
-    for (const Words& s : stages)
-        if (s.empty()) return false;
+    if (!endWord() || pending) return false;
+    for (const Stage& s : stages)
+        if (s.argv.empty()) return false;
     return true;
+}
+
+bool splitPipeline(const std::string& line, std::vector<Words>& stages)
+{
+    std::vector<Stage> full;
+    const bool ok = splitPipeline(line, full);
+    stages.clear();
+    for (Stage& s : full) stages.push_back(std::move(s.argv));
+    return ok;
 }
 
 void CommandTable::add(Words prefix, CommandHandler handler)
@@ -288,14 +356,15 @@ const CommandRule* CommandTable::find(const Words& argv) const
     return best;
 }
 
-CommandResult CommandTable::run(Module& module, const std::string& line, const std::string& input, bool& known) const
+CommandResult CommandTable::run(Module& module, const std::string& line, const std::string& input, bool& known,
+                                OutputFiles* files) const
 {
     known = false;
-    std::vector<Words> stages;
+    std::vector<Stage> stages;
     if (!splitPipeline(line, stages)) return CommandResult{127, ""};
     std::vector<const CommandRule*> rules;
-    for (const Words& s : stages) {
-        const CommandRule* r = find(s);
+    for (const Stage& s : stages) {
+        const CommandRule* r = find(s.argv);
         if (!r) return CommandResult{127, ""};
         rules.push_back(r);
     }
@@ -303,7 +372,13 @@ CommandResult CommandTable::run(Module& module, const std::string& line, const s
     CommandContext ctx{module, input};
     CommandResult result;
     for (size_t i = 0; i < stages.size(); ++i) {
-        result = rules[i]->handler(ctx, stages[i]);
+        Output out;
+        if (openOutput(stages[i].redirections, files, out)) {
+            result = rules[i]->handler(ctx, stages[i].argv);
+            deliver(out, files, result);
+        } else {
+            result = CommandResult{1, ""};
+        }
         ctx.input = result.output;
     }
     return result;
@@ -343,6 +418,13 @@ CommandTable CommandTable::standard()
         });
     // Nothing holds files open in the module: lsof lists nothing and says so by 1.
     t.add({"lsof"}, [](CommandContext&, const Words&) { return CommandResult{1, ""}; });
+    // The module's own processes in the full format (ps_listing.h); no other
+    // selection or format is modelled.
+    for (const char* name : {"ps", "/bin/ps"})
+        for (const char* options : {"-ewf", "-ef"})
+            t.add({name, options}, [](CommandContext& ctx, const Words& argv) {
+                return argv.size() == 2 ? ok(psListing(ctx.module.dir())) : CommandResult{1, ""};
+            });
     // Shell helpers of pipelines.
     t.add({"echo"}, echo);
     t.add({"grep"}, grep);

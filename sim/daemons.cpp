@@ -7,7 +7,6 @@
 #include <stdexcept>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <set>
 #include <sstream>
 
 #include "module.h"
@@ -65,6 +64,10 @@ std::string script(const std::string& root, const char* name)
       << "    esac\n"
       << "    [ $# -gt 0 ] && shift\n"
       << "done\n"
+      << "# The data directory is an absolute path of the module, never above it.\n"
+      << "case \"$mode:$dir\" in\n"
+      << "    init:*..*|deinit:*..*|init:|deinit:|init:[!/]*|deinit:[!/]*) exit 1 ;;\n"
+      << "esac\n"
       << "case \"$mode\" in\n"
       << "    init) mkdir -p \"$ROOT$dir\" && : > \"$ROOT$dir/ok\"; exit 0 ;;\n"
       << "    deinit) rm -f \"$ROOT$dir/ok\"; exit 0 ;;\n"
@@ -167,9 +170,112 @@ std::vector<pid_t> liveDaemonPids(const Module& module)
     return out;
 }
 
-void killDaemons(const Module& module)
+std::vector<pid_t> killDaemons(const Module& module)
 {
-    for (pid_t pid : liveDaemonPids(module)) ::kill(pid, SIGKILL);
+    std::vector<pid_t> killed;
+    for (pid_t pid : liveDaemonPids(module))
+        if (::kill(pid, SIGKILL) == 0) killed.push_back(pid);
+    return killed;
+}
+
+const char* daemonShortName(int type)
+{
+    static const char* const names[3] = {"store", "vmgr", "mgr"};
+    return type >= 0 && type < 3 ? names[type] : "";
+}
+
+const char* daemonConfig(int type, int mode)
+{
+    return type >= 0 && type < 3 && mode >= 0 && mode < 3 ? kTypes[type].cfg[mode] : "";
+}
+
+int DaemonStatus::scriptsPresent() const
+{
+    int n = 0;
+    for (const Type& t : types) n += t.scriptPresent;
+    return n;
+}
+
+size_t DaemonStatus::livePids() const
+{
+    size_t n = 0;
+    for (const Type& t : types) n += t.pids.size();
+    return n;
+}
+
+namespace {
+
+std::vector<std::string> lines(const std::string& text)
+{
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) out.push_back(line);
+    return out;
+}
+
+// The argument after "--dir" in the section of a configuration file.
+std::string dataDirOf(const std::string& text, const char* section)
+{
+    const std::vector<std::string> all = lines(text);
+    size_t i = 0;
+    while (i < all.size() && all[i] != section) ++i;
+    for (++i; i < all.size() && all[i] != "END"; ++i)
+        if (all[i - 1] == "--dir") return all[i];
+    return "";
+}
+
+// "exit N" of a control file, as the script reads it; -1 for anything else.
+int controlExit(const std::string& text)
+{
+    const std::vector<std::string> all = lines(text);
+    if (all.size() != 1 || all[0].compare(0, 5, "exit ") != 0) return -1;
+    const std::string n = all[0].substr(5);
+    if (n.empty() || n.size() > 3 || n.find_first_not_of("0123456789") != std::string::npos) return -1;
+    return std::atoi(n.c_str());
+}
+
+} // namespace
+
+DaemonStatus daemonStatus(const Module& module)
+{
+    const HostDir& host = module.host();
+    DaemonStatus st;
+    std::vector<HostProcess> live;
+    for (pid_t pid : liveDaemonPids(module)) {
+        HostProcess p;
+        if (readHostProcess(pid, p)) live.push_back(p);
+    }
+    for (int type = 0; type < 3; ++type) {
+        DaemonStatus::Type& t = st.types[type];
+        t.script = daemonScript(module, type);
+        t.scriptPresent = host.exists(std::string("daemons/") + kTypes[type].name);
+        for (int mode = 0; mode < 3; ++mode) t.configPresent[mode] = host.exists(kTypes[type].cfg[mode]);
+        std::string text;
+        if (host.readFile(kTypes[type].cfg[1], text)) t.dataDir = dataDirOf(text, kTypes[type].section);
+        t.ok = !t.dataDir.empty() && host.exists(t.dataDir + "/ok");
+        if (host.readFile(std::string("sim/daemons/") + kTypes[type].name, text)) t.exitStatus = controlExit(text);
+        // A daemon shows the script as argv[0]; a script still in bash, as argv[1].
+        for (const HostProcess& p : live)
+            if ((!p.argv.empty() && p.argv[0] == t.script) || (p.argv.size() > 1 && p.argv[1] == t.script))
+                t.pids.push_back(p.pid);
+    }
+    std::string text;
+    if ((st.hasSystemId = host.readFile(kSystemIdFile, text)))
+        for (const std::string& line : lines(text))
+            if (!line.empty()) {
+                st.systemId = line;
+                break;
+            }
+    if ((st.hasUdpArgs = host.readFile(kUdpArgsFile, text))) {
+        // As the system reads it: from a line holding "STORAGE" to one holding "END".
+        bool in = false;
+        for (const std::string& line : lines(text)) {
+            if (in && line.find("END") != std::string::npos) break;
+            if (in) st.udpStorage.push_back(line);
+            else in = line.find("STORAGE") != std::string::npos;
+        }
+    }
+    return st;
 }
 
 } // namespace sim

@@ -62,7 +62,37 @@ std::vector<DaemonStart> daemonStarts(const Module& module);
 std::vector<pid_t> liveDaemonPids(const Module& module);
 
 // Sends SIGKILL to every pid of the log that is still the module's: the
-// tear-down of a test.
-void killDaemons(const Module& module);
+// tear-down of a test. Gives the pids signalled.
+std::vector<pid_t> killDaemons(const Module& module);
+
+// The short name of a type ("store", "vmgr", "mgr").
+const char* daemonShortName(int type);
+// The configuration file of a type and run state (0 Init, 1 Daemon, 2
+// Deinit), a path of the module.
+const char* daemonConfig(int type, int mode);
+constexpr const char kSystemIdFile[] = "/etc/marrowby/comm/ondraSystemId.cfg";
+constexpr const char kUdpArgsFile[] = "/etc/marrowby/comm/udpargs.cfg";
+
+// What the module holds of its daemons, read as outside input.
+struct DaemonStatus {
+    struct Type {
+        std::string script;            // host path
+        bool scriptPresent = false;
+        bool configPresent[3] = {};    // Init, Daemon, Deinit
+        std::string dataDir;           // after "--dir" in the Daemon file's section; "" unknown
+        bool ok = false;               // the data directory's "ok" file exists
+        int exitStatus = -1;           // the Daemon's behaviour (setDaemonExit)
+        std::vector<pid_t> pids;       // live processes running the script
+    };
+    Type types[3];
+    bool hasSystemId = false;
+    std::string systemId;              // the first non-empty line
+    bool hasUdpArgs = false;
+    std::vector<std::string> udpStorage;  // the lines of its STORAGE section
+
+    int scriptsPresent() const;
+    size_t livePids() const;
+};
+DaemonStatus daemonStatus(const Module& module);
 
 } // namespace sim

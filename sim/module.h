@@ -30,7 +30,28 @@
 //                      shared and changed in place), "sdram.img", "flash.img"
 //                      (nvram_state.h)
 //   sim/shelf/SERIAL.img  images of drives out of their bays
+//   sim/daemons.log    every run of a daemon script: "start", its pid and its
+//                      arguments, separated by tabs (daemons.h)
+//   sim/daemons/NAME   the control file of daemon NAME ("ondrastore", ...):
+//                      "exit N" makes its Daemon exit with N; absent, it runs
 //   sim/lock           taken (flock) around every read-modify-write of a state file
+//
+// The module's three daemons (daemons.h, tavsim daemons), which the system's
+// supervisor runs as real processes:
+//   daemons/ondrastore, ondravmgr, ondramgr
+//                      the scripts (bash), outside sim/ and outside every
+//                      mapped root, so that the system cannot change them
+//   /etc/marrowby/store/ondraStore{Init,Daemon,Deinit}.cfg, and the same
+//   under virtualmanager/ (ondraVMgr...) and manager/ (ondraMgr...)
+//                      their configuration: a section naming the script,
+//                      --mode and --dir with the data directory
+//   /etc/marrowby/ondraretry.cfg, /etc/marrowby/comm/ondraSystemId.cfg
+//                      restart limits and the system id
+//   /var/ondra/TYPE/ok the ok file that a script's Init makes
+// A module's processes are those whose argv[0] lies inside the directory, and
+// this process's own children; only they are signalled (sim_platform.h).
+// "ps -ewf" lists the first kind (ps_listing.h). They are real processes: they run on
+// the host's clock, not the virtual one, and the listing's times are the host's.
 //
 // A drive's image is a sparse file at its bay's device path. Every state file
 // is changed only under the lock, through a temporary file of a unique name,

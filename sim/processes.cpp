@@ -7,6 +7,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace sim {
@@ -37,12 +38,25 @@ bool readHostProcess(pid_t pid, HostProcess& out)
     if (close == std::string::npos) return false;
     char state = 0;
     long ppid = 0, pgrp = 0;
-    if (std::sscanf(stat.c_str() + close + 1, " %c %ld %ld", &state, &ppid, &pgrp) != 3) return false;
+    int tty = 0;
+    unsigned long long utime = 0, stime = 0, start = 0;
+    // Fields 3 to 5, then 7 (tty_nr), 14 and 15 (utime, stime) and 22 (starttime).
+    const int got = std::sscanf(stat.c_str() + close + 1,
+                                " %c %ld %ld %*d %d %*d %*u %*u %*u %*u %*u %llu %llu %*d %*d %*d %*d %*d %*d %llu",
+                                &state, &ppid, &pgrp, &tty, &utime, &stime, &start);
+    if (got < 3) return false;
     out = HostProcess{};
     out.pid = pid;
     out.ppid = static_cast<pid_t>(ppid);
     out.pgid = static_cast<pid_t>(pgrp);
     out.state = state;
+    if (got == 7) {
+        out.ttyNr = static_cast<unsigned>(tty);
+        out.cpuTicks = utime + stime;
+        out.startTicks = start;
+    }
+    struct ::stat st;
+    if (::stat(dir.c_str(), &st) == 0) out.uid = st.st_uid;
     std::string cmdline;
     if (readWhole(dir + "/cmdline", cmdline)) {
         size_t pos = 0;

@@ -17,6 +17,10 @@ struct HostProcess {
     pid_t pgid = 0;
     char state = '?';               // R, S, D, Z, T, ...
     std::vector<std::string> argv;  // from /proc/PID/cmdline; empty for a zombie or kernel thread
+    uid_t uid = 0;                  // the owner of /proc/PID
+    unsigned ttyNr = 0;             // the controlling terminal's device number, 0 for none
+    unsigned long long cpuTicks = 0;    // user and system time, in clock ticks
+    unsigned long long startTicks = 0;  // the start, in clock ticks after boot
 };
 
 // One process of the host, false when it is gone or unreadable.

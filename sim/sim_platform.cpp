@@ -825,8 +825,28 @@ void SimPlatform::sync() {}
 int SimPlatform::runCommand(const std::string& kind, const std::string& command, const std::string& input,
                             std::string& output)
 {
+    // Redirected output lands in files of the module, opened as the system's own.
+    struct Files : OutputFiles {
+        explicit Files(SimPlatform& p) : platform(p) {}
+        int open(const std::string& path, bool append) override
+        {
+            return platform.open(path.c_str(), O_WRONLY | O_CREAT | (append ? O_APPEND : O_TRUNC), 0666);
+        }
+        bool write(int fd, const std::string& data) override
+        {
+            for (size_t done = 0; done < data.size();) {
+                ssize_t n = platform.write(fd, data.data() + done, data.size() - done);
+                if (n < 0 && errno == EINTR) continue;
+                if (n <= 0) return false;
+                done += static_cast<size_t>(n);
+            }
+            return true;
+        }
+        void close(int fd) override { platform.close(fd); }
+        SimPlatform& platform;
+    } files(*this);
     bool known = false;
-    CommandResult result = commands_.run(module_, command, input, known);
+    CommandResult result = commands_.run(module_, command, input, known, &files);
     module_.logCommand(kind, result.status, known, command);
     if (!known) TAV_LOG(0, "tavsim: no handler for command: %s %s:%d\n", command.c_str(), TAV_FILE, __LINE__);
     output = result.output;

@@ -47,9 +47,10 @@ const char kCreateHelp[] =
 const char kShowHelp[] =
     "Prints the module: its directory, platform (and the layout it takes), the\n"
     "model the system's identity code recognises (ID CONFIG NAME, or UNKNOWN), the\n"
-    "module serial number and the clock (seconds, and ISO 8601 UTC); then a table\n"
-    "of the bays, one of the drives on the shelf and one of the armed faults, each\n"
-    "under a header line. A field that holds blanks is quoted, but for the last\n"
+    "module serial number, the clock (seconds, and ISO 8601 UTC) and a line on the\n"
+    "daemons (installed or not, how many live, the system id: tavsim daemons);\n"
+    "then a table of the bays, one of the drives on the shelf and one of the armed\n"
+    "faults, each under a header line. A field that holds blanks is quoted, but for the last\n"
     "column, which is free text. Sizes are 1024-based, as lsblk gives them.\n"
     "State files that cannot be read are reported on standard error with their\n"
     "file and line; what could be read is shown.\n"
@@ -183,6 +184,8 @@ const std::vector<Command> kCommands = {
      kHpHelp, runHp},
     {"console", "DIR [--debug LEVEL]", "host the module: the drive manager up, the chassis controller's link running",
      kConsoleHelp, runConsole},
+    {"daemons", "DIR install [--fail TYPE] | show [--json] | kill",
+     "lay in, show or kill the module's daemons (store, vmgr, mgr)", kDaemonsHelp, runDaemons},
 };
 
 std::string joined(const std::vector<std::string>& words)

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "daemons.h"
 #include "faults.h"
 #include "json.h"
 #include "md_state.h"
@@ -128,5 +129,9 @@ extern const char kConsoleHelp[];
 // The console's own commands, for its help.
 std::string consoleCommands();
 int runRun(const Call& call);
+int runDaemons(const Call& call);
+extern const char kDaemonsHelp[];
+// One line for tavsim show: "daemons: installed, 0 live, system id NO_SYSTEM_ID".
+std::string daemonSummary(const DaemonStatus& status);
 
 } // namespace sim::cli

@@ -43,6 +43,7 @@ struct ModuleView {
     std::vector<BayView> bays;
     std::vector<Fault> faults;
     MdState md;
+    DaemonStatus daemons;
     std::vector<std::string> warnings;  // of every state file, faults included
 };
 
@@ -79,6 +80,7 @@ ModuleView readModule(Module& module)
     }
     v.faults = parseFaults(module.readState("faults"));
     v.md = mdState(module);
+    v.daemons = daemonStatus(module);
     v.warnings = checkModuleState(module, true);
     return v;
 }
@@ -164,6 +166,7 @@ void printText(const ModuleView& v)
     else std::cout << "model UNKNOWN\n";
     std::cout << "serial " << cell(m.moduleSerial) << "\n";
     std::cout << "clock " << v.clock.tv_sec << " " << isoTime(v.clock.tv_sec) << "\n";
+    std::cout << daemonSummary(v.daemons) << "\n";
 
     std::vector<std::string> headers;
     for (const BayColumn& c : bayColumns()) headers.push_back(c.header);
@@ -210,6 +213,13 @@ void writeJson(const ModuleView& v)
     j.key("clock").beginObject();
     j.key("seconds").number(v.clock.tv_sec).key("microseconds").number(v.clock.tv_usec);
     j.key("utc").string(isoTime(v.clock.tv_sec));
+    j.endObject();
+    j.key("daemons").beginObject();
+    j.key("scripts").number(v.daemons.scriptsPresent());
+    j.key("live").unsignedNumber(v.daemons.livePids());
+    j.key("system_id");
+    if (v.daemons.hasSystemId) j.string(v.daemons.systemId);
+    else j.null();
     j.endObject();
 
     auto optional = [&](const std::string& key, const Drive* d, const std::function<void(const Drive&)>& value) {
