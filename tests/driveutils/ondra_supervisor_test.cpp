@@ -33,8 +33,12 @@ protected:
     pid_t startDaemon()
     {
         TavString buffer;
+        const size_t before = starts("daemon").size();
         EXPECT_EQ(store_.daemon(buffer), 0) << buffer;
-        return store_.pId();
+        // Returns once the script has logged its start, so a kill can't beat it.
+        const pid_t pid = store_.pId();
+        eventually([&] { return starts("daemon").size() > before; });
+        return pid;
     }
     bool supervised() { return store_.state() == ONDRA_RUN_DAEMON; }
     bool waitIdle() { return eventually([&] { return store_.state() == ONDRA_RUN_IDLE; }); }
