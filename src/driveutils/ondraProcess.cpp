@@ -180,7 +180,8 @@ void TavOndraProcess::clearArgv()
 
 int TavOndraProcess::path()
 {
-    // An unset path (or no type yet) leaves dataPath empty.
+    // An unset path copies as empty text and succeeds: no configuration has
+    // been read yet. An object with no type yet has no path at all.
     const char* current = validType(typ) ? getDataPath(typ) : nullptr;
     int n = std::snprintf(dataPath, sizeof dataPath, "%s", current ? current : "");
     if (n < 0 || n >= static_cast<int>(sizeof dataPath)) {
@@ -188,7 +189,7 @@ int TavOndraProcess::path()
         dataPath[0] = '\0';
         return -1;
     }
-    return current ? 0 : -1;
+    return validType(typ) ? 0 : -1;
 }
 
 // One more argument, or -1 with the reason when strdup fails.

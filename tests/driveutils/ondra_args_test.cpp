@@ -1,6 +1,7 @@
 // The argument vector of a daemon and the files it is built from.
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ondra_fixture.h"
@@ -63,6 +64,14 @@ TEST_F(OndraArgs, ANewProcessHasItsDefaultsAndRefusesOtherTypes)
     EXPECT_EQ(buffer, "Invalid type");
     EXPECT_EQ(none.path(), -1);
     EXPECT_STREQ(none.dataPathText(), "");
+    // A type whose configuration was never read has an empty path.
+    char*& entry = _don_t_use_this_data_directly::newdataPaths[ONDRA_PROC_MANAGER];
+    char* kept = std::exchange(entry, nullptr);
+    TavOndraProcess fresh;
+    fresh.type(ONDRA_PROC_MANAGER);
+    EXPECT_EQ(fresh.path(), 0);
+    EXPECT_STREQ(fresh.dataPathText(), "");
+    entry = kept;
 }
 
 TEST_F(OndraArgs, SectionsLoadToTheirEndOrToTheEndOfTheFile)
