@@ -234,7 +234,7 @@ FILE* openOrSay(TavString& buffer, const std::string& name, const char* mode)
     FILE* f = plat::fopen(name.c_str(), mode);
     if (!f) {
         reportErrno(errno);
-        tav_logstream << "Ondra module: unable to open " << name << ONDRA_END;
+        tav_logstream << "Ondra module: unable to open " << name << " " << ONDRA_END;
         buffer.assign("Unable to open " + name);
     }
     return f;
@@ -259,7 +259,7 @@ int TavOndraComm::init(TavString& buffer)
     if (initialized) return 0;
     if (getSystemIdFromFile(buffer) != 0) {
         buffer.assign(std::string("Unable to get system id from ") + ONDRA_SYSTEM_ID_FILE);
-        tav_logstream << "Ondra module: " << buffer << ONDRA_END;
+        tav_logstream << "Ondra module: " << buffer << " " << ONDRA_END;
         return -1;
     }
     {
@@ -271,7 +271,7 @@ int TavOndraComm::init(TavString& buffer)
     pthread_mutex_unlock(&pthreadMutex);
     if (openUnixSocket() != 0) {
         buffer = "Unable to open well known unix domain socket";
-        tav_logstream << "Ondra module: " << buffer << ONDRA_END;
+        tav_logstream << "Ondra module: " << buffer << " " << ONDRA_END;
         fdWkUnix = -1;
         return -1;
     }
@@ -281,7 +281,7 @@ int TavOndraComm::init(TavString& buffer)
     if (rc != 0) {
         reportErrno(rc);
         buffer = "Unable to start thread for gui->mgr comm";
-        tav_logstream << "Ondra module: " << buffer << ONDRA_END;
+        tav_logstream << "Ondra module: " << buffer << " " << ONDRA_END;
         return -1;
     }
     pthread_detach(relay);
@@ -317,12 +317,12 @@ int TavOndraComm::writeSystemIdToFile(TavString& buffer)
     buffer = systemId;
     if (!initialized) {
         buffer = "TavOndraComm class not initialized";
-        tav_logstream << "Ondra module: " << buffer << ONDRA_END;
+        tav_logstream << "Ondra module: " << buffer << " " << ONDRA_END;
         return -1;
     }
     if (writeToFile(buffer, ONDRA_SYSTEM_ID_FILE) != 0) {
         buffer = "Unable to write system id to file";
-        tav_logstream << "Ondra module: " << buffer << ONDRA_END;
+        tav_logstream << "Ondra module: " << buffer << " " << ONDRA_END;
         return -1;
     }
     return 0;
@@ -534,13 +534,13 @@ int TavOndraComm::writeToFile(TavString& buffer, const char* file)
     }
     if (!written) {
         reportErrno(error);
-        tav_logstream << "Ondra module: write failed to " << temp << ONDRA_END;
+        tav_logstream << "Ondra module: write failed to " << temp << " " << ONDRA_END;
         buffer.assign("Write failed to " + temp);
         return -1;
     }
     if (plat::rename(temp.c_str(), file) != 0) {
         reportErrno(errno);
-        tav_logstream << "Ondra module: unable to rename " << temp << ONDRA_END;
+        tav_logstream << "Ondra module: unable to rename " << temp << " " << ONDRA_END;
         buffer.assign("Unable to rename " + temp);
         return -1;
     }
@@ -573,7 +573,7 @@ int TavOndraComm::getSystemIdFromFile(TavString& buffer)
     if (!in) {
         reportErrno(errno);
         buffer.assign(std::string("Unable to open cfg file: ") + name);
-        tav_logstream << "Ondra module: " << buffer << ONDRA_END;
+        tav_logstream << "Ondra module: " << buffer << " " << ONDRA_END;
         return -1;
     }
     // A plain end of file reports errno 0, never a stale error.
@@ -585,7 +585,7 @@ int TavOndraComm::getSystemIdFromFile(TavString& buffer)
     if (!found) {
         reportErrno(error);
         buffer.assign(std::string("Unable to get line from ") + name);
-        tav_logstream << "Ondra module: " << buffer << ONDRA_END;
+        tav_logstream << "Ondra module: " << buffer << " " << ONDRA_END;
         return -1;
     }
     systemId = line;
