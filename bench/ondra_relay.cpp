@@ -5,7 +5,8 @@
 //   relay     the system's relay thread (connectGuisToMgr) between a GUI and
 //             the manager's port.
 // Both carry ROUNDS round trips of SIZE bytes from a GUI to an echoing fake
-// manager and back. Prints both, and the throughput ratio relay / baseline.
+// manager and back, in alternating slices of a new GUI connection each.
+// Prints both, and the throughput ratio relay / baseline.
 //
 //     ondra_relay DIR [ROUNDS] [SIZE]     DIR: a module (tavsim create)
 #include <algorithm>
@@ -29,6 +30,8 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+constexpr int kSlices = 8;
 
 sockaddr_in loopback(int port)
 {
@@ -77,46 +80,47 @@ bool sendAll(int fd, const char* data, size_t size)
     return true;
 }
 
-// The fake manager: accepts one connection and echoes it to the end.
-std::thread echoManager(int listener)
+// The fake manager: echoes each connection to its end, one after the other.
+void echoManager(int listener)
 {
-    return std::thread([listener] {
-        int fd = ::accept(listener, nullptr, nullptr);
+    std::thread([listener] {
         char buffer[4096];
-        ssize_t n;
-        while ((n = ::recv(fd, buffer, sizeof buffer, 0)) > 0)
-            if (!sendAll(fd, buffer, static_cast<size_t>(n))) break;
-        ::close(fd);
-        ::close(listener);
-    });
+        for (;;) {
+            int fd = ::accept(listener, nullptr, nullptr);
+            ssize_t n;
+            while ((n = ::recv(fd, buffer, sizeof buffer, 0)) > 0)
+                if (!sendAll(fd, buffer, static_cast<size_t>(n))) break;
+            ::close(fd);
+        }
+    }).detach();
 }
 
-// The minimal relay: one GUI, one manager connection, until either closes.
-std::thread minimalRelay(int listener, int managerPort)
+// The minimal relay: one GUI at a time and its manager connection, until
+// either closes.
+void minimalRelay(int listener, int managerPort)
 {
-    return std::thread([listener, managerPort] {
-        int gui = ::accept(listener, nullptr, nullptr);
-        int mgr = connectRetrying(managerPort);
+    std::thread([listener, managerPort] {
         char buffer[1024];
         for (;;) {
-            fd_set ready;
-            FD_ZERO(&ready);
-            FD_SET(gui, &ready);
-            FD_SET(mgr, &ready);
-            timeval timeout{2, 0};
-            if (::select(std::max(gui, mgr) + 1, &ready, nullptr, nullptr, &timeout) < 0) break;
-            bool open = true;
-            for (auto [from, to] : {std::pair{gui, mgr}, std::pair{mgr, gui}}) {
-                if (!open || !FD_ISSET(from, &ready)) continue;
-                ssize_t n = ::recv(from, buffer, sizeof buffer, 0);
-                open = n > 0 && ::send(to, buffer, static_cast<size_t>(n), MSG_NOSIGNAL) == n;
+            int gui = ::accept(listener, nullptr, nullptr);
+            int mgr = connectRetrying(managerPort);
+            for (bool open = true; open;) {
+                fd_set ready;
+                FD_ZERO(&ready);
+                FD_SET(gui, &ready);
+                FD_SET(mgr, &ready);
+                timeval timeout{2, 0};
+                if (::select(std::max(gui, mgr) + 1, &ready, nullptr, nullptr, &timeout) < 0) break;
+                for (auto [from, to] : {std::pair{gui, mgr}, std::pair{mgr, gui}}) {
+                    if (!open || !FD_ISSET(from, &ready)) continue;
+                    ssize_t n = ::recv(from, buffer, sizeof buffer, 0);
+                    open = n > 0 && ::send(to, buffer, static_cast<size_t>(n), MSG_NOSIGNAL) == n;
+                }
             }
-            if (!open) break;
+            ::close(gui);
+            ::close(mgr);
         }
-        ::close(gui);
-        ::close(mgr);
-        ::close(listener);
-    });
+    }).detach();
 }
 
 // The GUI's side: ROUNDS round trips; milliseconds, or a negative on a loss.
@@ -159,32 +163,31 @@ int main(int argc, char** argv)
     }
     int rounds = argc > 2 ? std::atoi(argv[2]) : 20000;
     long size = argc > 3 ? std::atol(argv[3]) : 512;
-    if (rounds < 1 || rounds > 10000000 || size < 1 || size > 1 << 20) {
-        std::fprintf(stderr, "%s: ROUNDS 1 to 10000000, SIZE 1 to 1048576\n", argv[0]);
+    if (rounds < kSlices || rounds > 10000000 || size < 1 || size > 1 << 20) {
+        std::fprintf(stderr, "%s: ROUNDS 8 to 10000000, SIZE 1 to 1048576\n", argv[0]);
         return 2;
     }
-    // Left to the end of the process: the relay thread never ends.
+    // Left to the end of the process, as the relay threads that never end.
     auto* platform = new sim::SimPlatform(argv[1]);
     new plat::ScopedPlatform(*platform);
 
-    int mgrPort = 0, relayPort = 0;
-    int mgr = listenFree(mgrPort);
-    std::thread manager = echoManager(mgr);
-    int minimal = listenFree(relayPort);
-    std::thread relay = minimalRelay(minimal, mgrPort);
-    double baseline = roundTrips(relayPort, rounds, static_cast<size_t>(size));
-    relay.join();
-    manager.join();
-
-    mgr = listenFree(mgrPort);
-    manager = echoManager(mgr);
+    int mgrPort = 0, minimalPort = 0, relayPort = 0;
+    echoManager(listenFree(mgrPort));
+    minimalRelay(listenFree(minimalPort), mgrPort);
     ::close(listenFree(relayPort));  // a port free a moment ago, for the relay to bind
     TavOndraComm::portToMgr = static_cast<int16_t>(mgrPort);
     TavOndraComm::portWkTcp = static_cast<int16_t>(relayPort);
     std::thread(TavOndraComm::connectGuisToMgr, nullptr).detach();
-    double system = roundTrips(relayPort, rounds, static_cast<size_t>(size));
-    manager.join();
 
+    // In alternating slices, so that both see the same load of the machine.
+    double baseline = 0, system = 0;
+    for (int slice = 0; slice < kSlices && baseline >= 0 && system >= 0; ++slice) {
+        int part = rounds / kSlices + (slice < rounds % kSlices ? 1 : 0);
+        double b = roundTrips(minimalPort, part, static_cast<size_t>(size));
+        double r = roundTrips(relayPort, part, static_cast<size_t>(size));
+        baseline = b < 0 ? -1 : baseline + b;
+        system = r < 0 ? -1 : system + r;
+    }
     if (baseline < 0 || system < 0) {
         std::fprintf(stderr, "%s: bytes lost or changed on the way\n", argv[0]);
         return 1;
