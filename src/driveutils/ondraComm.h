@@ -8,7 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
+#include <cstdio>
 #include <pthread.h>
 #include <sys/select.h>
 
@@ -32,7 +32,9 @@ enum TavOndraDeviceStatus {
 };
 
 // The messages of the unix socket, as they go on the wire: host byte order
-// (little-endian) through the tav_htorn* points, padding zero.
+// (little-endian) through the tav_htorn* points, padding zero. The 32-bit
+// machine aligns a 64-bit field on 4 bytes, so a message is 412 bytes, not 416.
+#pragma pack(push, 4)
 struct TavOndraMsgHeader {
     uint8_t id;  // TavOndraMsgType
     uint8_t pad[3];
@@ -66,8 +68,9 @@ struct TavOndraDeviceMsg {
 static_assert(sizeof(TavOndraDeviceMsg) == 396);
 
 struct TavOndraTemplateMsg {
-    int temp;
+    int32_t temp;
 };
+static_assert(sizeof(TavOndraTemplateMsg) == 4);
 
 struct TavOndraMsg {
     TavOndraMsgHeader header;
@@ -77,7 +80,9 @@ struct TavOndraMsg {
         uint8_t raw[396];
     } body;
 };
+#pragma pack(pop)
 static_assert(sizeof(TavOndraMsg) == 412);
+static_assert(alignof(TavOndraMsg) == 4);
 static_assert(offsetof(TavOndraMsg, body) == 16);
 
 constexpr const char* ONDRA_SYSTEM_ID_FILE = "/etc/marrowby/comm/ondraSystemId.cfg";

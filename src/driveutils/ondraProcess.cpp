@@ -18,9 +18,7 @@
 [[maybe_unused]] static int giDebug_ondraProcess = 0;
 #define TAV_DEBUG_FLAG giDebug_ondraProcess
 #include "driveutils/tavlog.h"
-
-// The end of an "Ondra module: " line: where it was said.
-#define ONDRA_END TAV_FILE << " " << __LINE__ << std::endl
+#include "driveutils/ondraLog.h"
 
 const char* const ondraCfgFiles[3][3] = {
     {"/etc/marrowby/store/ondraStoreInit.cfg", "/etc/marrowby/virtualmanager/ondraVMgrInit.cfg",

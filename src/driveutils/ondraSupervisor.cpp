@@ -21,9 +21,7 @@
 [[maybe_unused]] static int giDebug_ondraSupervisor = 0;
 #define TAV_DEBUG_FLAG giDebug_ondraSupervisor
 #include "driveutils/tavlog.h"
-
-// The end of an "Ondra module: " line: where it was said.
-#define ONDRA_END TAV_FILE << " " << __LINE__ << std::endl
+#include "driveutils/ondraLog.h"
 
 namespace {
 
