@@ -13,6 +13,8 @@
 
 #include "driveutils/ondraComm.h"
 #include "driveutils/ondraInterface.h"
+#include "driveutils/tavdrivemgr.h"
+#include "driveutils/tavraiddevice.h"
 #include "ondra_fixture.h"
 #include "tavutils/tavobxinfo.h"
 
@@ -288,6 +290,29 @@ TEST_F(OndraService, TheMd5CommandIsBuiltFromTheUdpArgumentsAndTheId)
                        "'{print $2}'"),
               std::string::npos)
         << log;
+}
+
+// A start-up waits for a join; then the managers start, and the store only
+// while its RAID runs (a module with no array configured has none running).
+TEST_F(OndraService, TheStartOfAUnitWithoutItsRaidLeavesTheStoreDown)
+{
+    initModData();
+    EXPECT_EQ(if_.isManagerCommStarted(), 0);
+    reply(&TavOndraInterface::setSystemId, "sys42");
+    for (int type = 0; type < 3; ++type) {
+        TavString buffer;
+        ASSERT_EQ(if_.processStart(buffer, 0, type), 0) << buffer;
+    }
+    ASSERT_EQ(TavDriveMgr::checkRaid(), TavRaidDevice::OFF);
+    EXPECT_EQ(if_.startManagerComm(), 0);
+    EXPECT_EQ(if_.isManagerCommStarted(), 1);
+    EXPECT_FALSE(running(0));
+    EXPECT_TRUE(running(1));
+    EXPECT_TRUE(running(2));
+    TavString buffer;
+    ASSERT_EQ(if_.processStop(buffer, 2), 0);
+    EXPECT_EQ(if_.startManagerComm(), 0);  // once only
+    EXPECT_FALSE(running(2));
 }
 
 // The hot-swap path stops and starts the store from its own thread while the
