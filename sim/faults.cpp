@@ -15,7 +15,7 @@ namespace sim {
 namespace {
 
 const char* const kOpNames[] = {"open", "read", "write", "lseek", "fsync", "ioctl", "stat", "unlink", "rename", "wait",
-                                "mmap", "store", "prom"};
+                                "mmap", "store", "prom", "popen"};
 
 struct ErrnoName {
     int value;

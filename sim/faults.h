@@ -32,7 +32,9 @@ namespace sim {
 // A wait is the platform's waitTimeout (its path is "-").
 // Mmap: a mapping of a device node; Store: a register store into one (a
 // failed store is lost on the bus); Prom: a PROM download on a node.
-enum class Op { Open, Read, Write, Lseek, Fsync, Ioctl, Stat, Unlink, Rename, Wait, Mmap, Store, Prom };
+// Popen: a command opened as a stream; its path is the command's first word
+// (a program path, or "*" for every command).
+enum class Op { Open, Read, Write, Lseek, Fsync, Ioctl, Stat, Unlink, Rename, Wait, Mmap, Store, Prom, Popen };
 
 const char* opName(Op op);
 bool parseOp(const std::string& name, Op& op);

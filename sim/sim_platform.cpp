@@ -869,6 +869,12 @@ FILE* SimPlatform::popen(const char* command, const char* mode)
         errno = EINVAL;
         return nullptr;
     }
+    const std::string program(command, std::strcspn(command, " \t|"));
+    Hit hit = checkFault(Op::Popen, program);
+    if (hit.fires && hit.action == Fault::Action::Error) {
+        errno = hit.error;
+        return nullptr;
+    }
     auto* pipe = new Pipe;
     pipe->command = command;
     pipe->writing = mode[0] == 'w';

@@ -78,6 +78,7 @@ const char kFaultHelp[] =
     "Arms a fault on the calls OP of PATH that the system makes:\n"
     "\n"
     "  OP         open read write lseek fsync ioctl stat unlink rename (by source)\n"
+    "             popen (by the command's first word)\n"
     "  PATH       an absolute path of the module, a prefix ending in *, or *\n"
     "  nth=N      from the Nth matching call of each process on (default 1)\n"
     "  times=K    K calls (default 1), or -1: every call from then on\n"

@@ -16,6 +16,7 @@
 #include "driveutils/tavdrivemgr.h"
 #include "driveutils/tavraiddevice.h"
 #include "ondra_fixture.h"
+#include "sim/faults.h"
 #include "tavutils/tavobxinfo.h"
 
 using ondratest::capture;
@@ -290,6 +291,11 @@ TEST_F(OndraService, TheMd5CommandIsBuiltFromTheUdpArgumentsAndTheId)
                        "'{print $2}'"),
               std::string::npos)
         << log;
+
+    // The listing that cannot be opened gives no text; so does an id of none.
+    platform_.arm(sim::Fault::failing(sim::Op::Popen, "/etc/marrowby/system/dbd_manager", 1, EMFILE));
+    EXPECT_EQ(reply(&TavOndraInterface::getMd5, "old"), "");
+    EXPECT_EQ(last_, -1);
 }
 
 // A start-up waits for a join; then the managers start, and the store only
