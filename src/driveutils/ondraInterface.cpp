@@ -236,25 +236,30 @@ int TavOndraInterface::processStop(TavString& buffer, int type)
     return 0;
 }
 
+// Stops a running daemon and starts it anew with its run-time arguments and `extra`.
+int TavOndraInterface::restartDaemon(TavString& buffer, TavOndraProcess& p, int type, const char* extra)
+{
+    if (p.pId() > 0 && p.stop(buffer, true) != 0)
+        return ONDRA_FAIL(buffer, "unable to stop process; ", "Unable to cycle process");
+    if (runTimeArgs(buffer, ONDRA_RUN_DAEMON, type) != 0) return -1;
+    buffer += extra;
+    return p.daemon(buffer);
+}
+
+// A process that wasn't running is started.
 int TavOndraInterface::processCycle(TavString& buffer, int type)
 {
     TavOndraProcess* p = checked(buffer, type, __LINE__);
-    if (!p) return -1;
-    if (p->pId() > 0 && p->stop(buffer, true) != 0)
-        return ONDRA_FAIL(buffer, "unable to stop process; ", "Unable to cycle process");
-    if (runTimeArgs(buffer, ONDRA_RUN_DAEMON, type) != 0) return -1;
-    return p->daemon(buffer);
+    return p ? restartDaemon(buffer, *p, type, "") : -1;
 }
 
+// The daemon starts anew in its shut-down form; a stopped one is left alone.
 int TavOndraInterface::processShutdown(TavString& buffer, int type)
 {
     TavOndraProcess* p = checked(buffer, type, __LINE__);
     if (!p) return -1;
     if (p->pId() <= 0) return 0;
-    if (p->stop(buffer, true) != 0) return ONDRA_FAIL(buffer, "unable to stop process; ", "Unable to cycle process");
-    if (runTimeArgs(buffer, ONDRA_RUN_DAEMON, type) != 0) return -1;
-    buffer += " --shutdownhack";
-    return p->daemon(buffer);
+    return restartDaemon(buffer, *p, type, " --shutdownhack");
 }
 
 int TavOndraInterface::updateArgs(TavString& buffer, int type)
@@ -265,8 +270,10 @@ int TavOndraInterface::updateArgs(TavString& buffer, int type)
     return p->newargs(buffer);
 }
 
-// A bad type has a line of its own here; the reply is the common one.
-int TavOndraInterface::addArgs(TavString& buffer, int type)
+// A bad type has a line of its own here; the reply is the common one. The
+// Daemon file changes, and a running daemon restarts with the new vector.
+int TavOndraInterface::changeDaemonArgs(TavString& buffer, int type,
+                                        int (TavOndraProcess::*change)(TavString&, TavString&))
 {
     if (type < 0 || type >= kProcessTypes) {
         TAV_LOG(TAV_LOG_ALWAYS, "%s:%d addArgs invalid type:%d\n", TAV_FILE, __LINE__, type);
@@ -277,21 +284,17 @@ int TavOndraInterface::addArgs(TavString& buffer, int type)
     if (!p) return -1;
     TavString args;
     runTimeArgs(args, ONDRA_RUN_DAEMON, type);
-    return p->addArg(buffer, args);
+    return (p->*change)(buffer, args);
+}
+
+int TavOndraInterface::addArgs(TavString& buffer, int type)
+{
+    return changeDaemonArgs(buffer, type, &TavOndraProcess::addArg);
 }
 
 int TavOndraInterface::deleteArgs(TavString& buffer, int type)
 {
-    if (type < 0 || type >= kProcessTypes) {
-        TAV_LOG(TAV_LOG_ALWAYS, "%s:%d addArgs invalid type:%d\n", TAV_FILE, __LINE__, type);
-        buffer = "Invalid type";
-        return -1;
-    }
-    TavOndraProcess* p = checked(buffer, type, __LINE__);
-    if (!p) return -1;
-    TavString args;
-    runTimeArgs(args, ONDRA_RUN_DAEMON, type);
-    return p->deleteArg(buffer, args);
+    return changeDaemonArgs(buffer, type, &TavOndraProcess::deleteArg);
 }
 
 int TavOndraInterface::getArgs(TavString& buffer, int type)

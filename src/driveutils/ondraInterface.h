@@ -105,6 +105,8 @@ private:
     // Runs Init and then Daemon of a manager type after a join.
     int startManagerType(TavString& buffer, int type);
     int stopManagerType(TavString& buffer, int type);
+    int restartDaemon(TavString& buffer, TavOndraProcess& p, int type, const char* extra);
+    int changeDaemonArgs(TavString& buffer, int type, int (TavOndraProcess::*change)(TavString&, TavString&));
 };
 
 extern TavOndraInterface ondraIf;

@@ -272,6 +272,14 @@ TEST_F(OndraService, StoppedProcessesAndATableNotYetMade)
     ASSERT_EQ(if_.processCycle(buffer, 2), 0) << buffer;
     EXPECT_TRUE(running(2));
     EXPECT_TRUE(eventually([&] { return runs(2, "daemon").size() == 1; }));
+    // A changed Daemon file restarts the running daemon with it.
+    buffer = "/--extra/x";
+    ASSERT_EQ(if_.addArgs(buffer, 2), 0);
+    ASSERT_TRUE(eventually([&] { return runs(2, "daemon").size() >= 2; }));
+    EXPECT_EQ(runs(2, "daemon").back()[0], "--extra");
+    buffer = "/--extra/1";
+    ASSERT_EQ(if_.deleteArgs(buffer, 2), 0);
+    EXPECT_EQ(temp_.get("/etc/marrowby/manager/ondraMgrDaemon.cfg").find("--extra"), std::string::npos);
     EXPECT_EQ(reply(&TavOndraInterface::managerStop), "");
     EXPECT_FALSE(ok(2));
     EXPECT_EQ(reply(&TavOndraInterface::getVmgrConfigured), "FALSE");
