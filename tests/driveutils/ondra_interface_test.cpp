@@ -17,6 +17,10 @@
 #include "driveutils/tavraiddevice.h"
 #include "ondra_fixture.h"
 #include "sim/faults.h"
+#include "sim/nvram.h"
+#include "sim/raid.h"
+#include "sim/sign.h"
+#include "tavutils/tavdrivesig.h"
 #include "tavutils/tavobxinfo.h"
 
 using ondratest::capture;
@@ -327,6 +331,54 @@ TEST_F(OndraService, TheStartOfAUnitWithoutItsRaidLeavesTheStoreDown)
     ASSERT_EQ(if_.processStop(buffer, 2), 0);
     EXPECT_EQ(if_.startManagerComm(), 0);  // once only
     EXPECT_FALSE(running(2));
+}
+
+// With the RAID running the store starts too, unless a required NVRAM card
+// is not normal: a card the layout builds no object for counts as unavailable.
+class OndraStartUp : public OndraService {
+protected:
+    void startWithRaid(bool requiredCard)
+    {
+        for (const sim::Bay& bay : module().manifest().bays)
+            ASSERT_EQ(buildPartitions(bay.device.c_str(), 2048, 2048, 0, 2048, 20480, false), 0);
+        ASSERT_EQ(sim::signModule(temp_.dir(), 100), "");
+        sim::RaidResult result;
+        ASSERT_EQ(sim::configureRaid(temp_.dir(), sim::RaidOptions{}, result), "");
+        if (requiredCard) {
+            // The card is there and the unit's list requires it; the IDE
+            // layout builds no card object for it.
+            ASSERT_EQ(sim::nvramAdd(module()), "");
+            const std::string hwlist = "/etc/marrowby/hwlist.conf";
+            temp_.put(hwlist, temp_.get(hwlist) + "PCI:NVRAM:rqdc:" + std::to_string(sim::kNvramDefaultSerial) + "\n");
+        }
+        sim::resetDriveManager();
+        TavDriveMgr::init();
+        TavDriveMgr::readSignatureIntoMemory();
+        ASSERT_NE(TavDriveMgr::checkRaid(), TavRaidDevice::OFF);
+        ASSERT_EQ(TavDriveMgr::getNRequiredNVRams(), requiredCard ? 1 : 0);
+        initModData();
+        reply(&TavOndraInterface::setSystemId, "sys42");
+        for (int type = 0; type < 3; ++type) {
+            TavString buffer;
+            ASSERT_EQ(if_.processStart(buffer, 0, type), 0) << buffer;
+        }
+        EXPECT_EQ(if_.startManagerComm(), 0);
+        EXPECT_TRUE(running(1));
+        EXPECT_TRUE(running(2));
+    }
+    ~OndraStartUp() override { sim::resetDriveManager(); }
+};
+
+TEST_F(OndraStartUp, ARunningRaidStartsTheStore)
+{
+    startWithRaid(false);
+    EXPECT_TRUE(running(0));
+}
+
+TEST_F(OndraStartUp, ARequiredCardThatIsUnavailableKeepsTheStoreDown)
+{
+    startWithRaid(true);
+    EXPECT_FALSE(running(0));
 }
 
 // The hot-swap path stops and starts the store from its own thread while the
