@@ -310,6 +310,30 @@ TEST_F(OndraService, TheMd5CommandIsBuiltFromTheUdpArgumentsAndTheId)
     EXPECT_EQ(last_, -1);
 }
 
+TEST_F(OndraService, TheAddressComesFromTheFirstEightInterfaces)
+{
+    std::string list;
+    for (int i = 0; i < 9; ++i)
+        list += "eth" + std::to_string(i) + " flags=up address=192.168.1." + std::to_string(10 + i) + "\n";
+    module().writeState("interfaces", list);
+    TavString address = "untouched";
+    EXPECT_EQ(if_.resolveIfaceName("eth7", address), 0);
+    EXPECT_EQ(address, "192.168.1.17");
+    address = "untouched";
+    EXPECT_EQ(if_.resolveIfaceName("eth8", address), -1);  // the ninth is out of reach
+    EXPECT_EQ(if_.resolveIfaceName("eth", address), -1);
+    EXPECT_EQ(address, "untouched");
+
+    // The address goes to the three processes, the RAID level to the store.
+    initModData();
+    TavString iface = "eth3", level = "1";
+    EXPECT_EQ(if_.writeIfaceIpAddress(iface), 0);
+    EXPECT_EQ(if_.writeRaidLevel(level), 0);
+    for (int type = 0; type < 3; ++type) EXPECT_EQ(if_.process(type)->ipAddressString(), "192.168.1.13");
+    EXPECT_EQ(if_.process(0)->raidLevelString(), "1");
+    EXPECT_EQ(if_.process(2)->raidLevelString(), "unknown");
+}
+
 // A start-up waits for a join; then the managers start, and the store only
 // while its RAID runs (a module with no array configured has none running).
 TEST_F(OndraService, TheStartOfAUnitWithoutItsRaidLeavesTheStoreDown)
