@@ -26,6 +26,18 @@ bool readWhole(const std::string& path, std::string& out)
     return got == 0;
 }
 
+// A script started by path runs as "INTERPRETER SCRIPT ARGS..." until it
+// reaches its exec. The module's daemons are scripts standing in for
+// programs, so from its first instruction such a process is seen as the
+// program SCRIPT: a kill by name during a daemon's start finds it.
+void standsAsItsScript(std::vector<std::string>& argv)
+{
+    if (argv.size() < 2 || argv[1].empty() || argv[1][0] != '/') return;
+    const std::string& a0 = argv[0];
+    const std::string base = a0.substr(a0.rfind('/') == std::string::npos ? 0 : a0.rfind('/') + 1);
+    if (base == "bash" || base == "sh") argv.erase(argv.begin());
+}
+
 } // namespace
 
 bool readHostProcess(pid_t pid, HostProcess& out)
@@ -67,6 +79,7 @@ bool readHostProcess(pid_t pid, HostProcess& out)
             pos = end + 1;
         }
     }
+    standsAsItsScript(out.argv);
     return true;
 }
 

@@ -16,7 +16,8 @@ struct HostProcess {
     pid_t ppid = 0;
     pid_t pgid = 0;
     char state = '?';               // R, S, D, Z, T, ...
-    std::vector<std::string> argv;  // from /proc/PID/cmdline; empty for a zombie or kernel thread
+    std::vector<std::string> argv;  // from /proc/PID/cmdline, a script run by its interpreter
+                                    // without the interpreter; empty for a zombie or kernel thread
     uid_t uid = 0;                  // the owner of /proc/PID
     unsigned ttyNr = 0;             // the controlling terminal's device number, 0 for none
     unsigned long long cpuTicks = 0;    // user and system time, in clock ticks
