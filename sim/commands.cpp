@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 
 #include "hp_cli.h"
+#include "manager_programs.h"
 #include "module.h"
 #include "ps_listing.h"
 
@@ -430,6 +431,8 @@ CommandTable CommandTable::standard()
     t.add({"grep"}, grep);
     // Vendor tools.
     addHpCliRules(t);
+    // The manager program and the awk stages of its md5 query.
+    addManagerProgramRules(t);
     return t;
 }
 

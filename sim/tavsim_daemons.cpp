@@ -2,6 +2,7 @@
 #include <iostream>
 
 #include "daemons.h"
+#include "manager_programs.h"
 #include "json.h"
 #include "table.h"
 #include "tavsim_cli.h"
@@ -30,7 +31,13 @@ const char kDaemonsHelp[] =
     "            system id (the first non-empty line of\n"
     "            /etc/marrowby/comm/ondraSystemId.cfg) and the STORAGE section of\n"
     "            /etc/marrowby/comm/udpargs.cfg, as the system reads them.\n"
-    "kill        sends SIGKILL to every live daemon of the module.\n";
+    "kill        sends SIGKILL to every live daemon of the module.\n"
+    "database SYSTEMID MD5 | database SYSTEMID --remove\n"
+    "            sets or drops the md5 that the manager program\n"
+    "            (/etc/marrowby/system/dbd_manager --system_id ID --list) lists\n"
+    "            for the database of SYSTEMID.\n"
+    "umem on|off makes /dev/umem/disc0/disc exist or not: the memory device the\n"
+    "            store uses on a unit without NVRAM cards.\n";
 
 namespace {
 
@@ -99,7 +106,9 @@ void printStatus(const DaemonStatus& st)
     for (const std::string& line : st.udpStorage) std::cout << "  " << lastCell(line) << "\n";
 }
 
-void writeStatusJson(const Module& module, const DaemonStatus& st)
+bool umemPresent(const Module& module) { return module.host().exists(std::string(kUmemDevice).substr(1)); }
+
+void writeStatusJson(Module& module, const DaemonStatus& st)
 {
     JsonWriter j(std::cout);
     j.beginObject();
@@ -134,6 +143,10 @@ void writeStatusJson(const Module& module, const DaemonStatus& st)
     j.key("system_id");
     if (st.hasSystemId) j.string(st.systemId);
     else j.null();
+    j.key("umem").boolean(umemPresent(module));
+    j.key("databases").beginObject();
+    for (const auto& [id, md5] : databases(module)) j.key(id).string(md5);
+    j.endObject();
     j.key("udp_args");
     if (st.hasUdpArgs) {
         j.beginArray();
@@ -143,6 +156,48 @@ void writeStatusJson(const Module& module, const DaemonStatus& st)
         j.null();
     }
     j.endObject();
+}
+
+void printExtras(Module& module)
+{
+    const auto all = databases(module);
+    std::cout << "memory device " << kUmemDevice << ": " << (umemPresent(module) ? "present" : "absent") << "\n";
+    if (all.empty()) {
+        std::cout << "databases: none\n";
+        return;
+    }
+    Table t({"SYSTEM ID", "MD5"});
+    for (const auto& [id, md5] : all) t.add({id, md5});
+    std::cout << "databases:\n";
+    t.print(std::cout);
+}
+
+int setUmem(const Call& call, Module& module, const std::string& word)
+{
+    if (word != "on" && word != "off") return badUsage(call, "umem " + cell(word) + ": give on or off");
+    const std::string rel = std::string(kUmemDevice).substr(1);
+    const bool on = word == "on";
+    if (on && !(module.host().makeDirs("dev/umem/disc0") && module.host().writeFileAtomic(rel, "")))
+        return refused(call, std::string("cannot make ") + kUmemDevice + " in the module");
+    if (!on && module.host().exists(rel) && module.host().unlink(rel) != 0)
+        return refused(call, std::string("cannot remove ") + kUmemDevice + " from the module");
+    report(std::string(kUmemDevice) + (on ? " exists" : " is absent"));
+    return kDone;
+}
+
+int setDatabaseOf(const Call& call, Module& module, const Words& w)
+{
+    const bool remove = w.has("--remove");
+    if (w.positional.size() != (remove ? 3u : 4u))
+        return badUsage(call, "database takes SYSTEMID and MD5, or SYSTEMID and --remove");
+    const std::string& id = w.positional[2];
+    const std::string md5 = remove ? "" : w.positional[3];
+    auto blank = [](const std::string& s) { return s.empty() || s.find_first_of(" \t\n'") != std::string::npos; };
+    if (blank(id)) return badUsage(call, "SYSTEMID " + cell(id) + ": give a word without blanks or quotes");
+    if (!remove && blank(md5)) return badUsage(call, "MD5 " + cell(md5) + ": give a word without blanks or quotes");
+    setDatabase(module, id, md5);
+    report(remove ? "no database for system " + id : "database of system " + id + ": md5 " + md5);
+    return kDone;
 }
 
 int killAll(Module& module)
@@ -170,12 +225,17 @@ std::string daemonSummary(const DaemonStatus& st)
 int runDaemons(const Call& call)
 {
     Words w;
-    int status = splitWords(call, {{"--fail", "TYPE"}, {"--json", nullptr}}, false, w);
-    if (status || (status = expectPositional(call, w, 1, 2))) return status;
-    if (w.positional.size() < 2) return badUsage(call, "give install, show or kill");
+    int status = splitWords(call, {{"--fail", "TYPE"}, {"--json", nullptr}, {"--remove", nullptr}}, false, w);
+    if (status || (status = expectPositional(call, w, 1, 4))) return status;
+    const char* verbs = "give install, show, kill, database or umem";
+    if (w.positional.size() < 2) return badUsage(call, verbs);
     const std::string& verb = w.positional[1];
-    if (verb != "install" && verb != "show" && verb != "kill")
-        return badUsage(call, "unexpected argument " + cell(verb) + "; give install, show or kill");
+    const bool plain = verb == "install" || verb == "show" || verb == "kill";
+    if (!plain && verb != "database" && verb != "umem")
+        return badUsage(call, "unexpected argument " + cell(verb) + "; " + verbs);
+    if (plain && w.positional.size() > 2) return badUsage(call, "unexpected argument " + cell(w.positional[2]));
+    if (verb == "umem" && w.positional.size() != 3) return badUsage(call, "umem takes on or off");
+    if (w.has("--remove") && verb != "database") return badUsage(call, "--remove goes with database only");
     if (w.has("--fail") && verb != "install") return badUsage(call, "--fail goes with install only");
     if (w.has("--json") && verb != "show") return badUsage(call, "--json goes with show only");
     int failType = -1;
@@ -187,9 +247,15 @@ int runDaemons(const Call& call)
     if (!module) return status;
     if (verb == "install") return install(call, *module, failType);
     if (verb == "kill") return killAll(*module);
+    if (verb == "umem") return setUmem(call, *module, w.positional[2]);
+    if (verb == "database") return setDatabaseOf(call, *module, w);
     const DaemonStatus st = daemonStatus(*module);
-    if (w.has("--json")) writeStatusJson(*module, st);
-    else printStatus(st);
+    if (w.has("--json")) {
+        writeStatusJson(*module, st);
+    } else {
+        printStatus(st);
+        printExtras(*module);
+    }
     return kDone;
 }
 

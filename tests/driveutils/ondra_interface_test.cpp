@@ -17,6 +17,7 @@
 #include "driveutils/tavraiddevice.h"
 #include "ondra_fixture.h"
 #include "sim/faults.h"
+#include "sim/manager_programs.h"
 #include "sim/nvram.h"
 #include "sim/raid.h"
 #include "sim/sign.h"
@@ -294,11 +295,13 @@ TEST_F(OndraService, TheMd5CommandIsBuiltFromTheUdpArgumentsAndTheId)
     initModData();
     EXPECT_EQ(reply(&TavOndraInterface::getMd5), "");  // no id: nothing asked
     reply(&TavOndraInterface::setSystemId, "sys42");
-    reply(&TavOndraInterface::writeUdpArgs, "--port 7");
-    reply(&TavOndraInterface::getMd5);
+    reply(&TavOndraInterface::writeUdpArgs, "--port\n7\n");  // a word a line, as the awk stage reads them
+    EXPECT_EQ(reply(&TavOndraInterface::getMd5), "");  // the manager knows no database of it
     EXPECT_EQ(last_, 0);
+    sim::setDatabase(module(), "sys42", "0123abcd");
+    EXPECT_EQ(reply(&TavOndraInterface::getMd5), "0123abcd");
     const std::string log = module().readState("commands.log");
-    EXPECT_NE(log.find("/etc/marrowby/system/dbd_manager "), std::string::npos) << log;
+    EXPECT_NE(log.find("/etc/marrowby/system/dbd_manager --port 7 --system_id sys42"), std::string::npos) << log;
     EXPECT_NE(log.find("--system_id sys42 --list --terminate 15|awk '/md5/ {print $3 ;exit}' | awk -F\\' "
                        "'{print $2}'"),
               std::string::npos)

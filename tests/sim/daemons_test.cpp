@@ -3,6 +3,7 @@
 // redirected output landing in files of the module, and tavsim daemons.
 #include <csignal>
 #include <optional>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -208,6 +209,37 @@ TEST(Ps, ListsTheModulesOwnProcessesAtTheReadersColumns)
     EXPECT_EQ(after.size(), 1u) << "a reaped daemon is gone from the listing";
 }
 
+// A daemon caught before its exec (still "/bin/bash SCRIPT ARGS") is listed
+// as the program it stands for, so a kill by name during its start finds it;
+// the interpreter's own children are not the module's.
+TEST(Ps, AScriptNotYetAtItsExecIsListedAsItsProgram)
+{
+    TempModule m;
+    const std::string script = m.dir() + "/daemons/ondraslow";
+    m.put("/daemons/ondraslow", "#!/bin/bash\nsleep 100000\n");
+    ASSERT_EQ(::chmod(script.c_str(), 0755), 0);
+    // In a group of its own, so that its sleep goes with it.
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::setpgid(0, 0);
+        ::execl(script.c_str(), script.c_str(), "--mode", "daemon", static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    ::setpgid(pid, pid);
+    if (!waitForArgv(pid, {script, "--mode", "daemon"})) ::kill(-pid, SIGKILL);
+    ASSERT_TRUE(waitForArgv(pid, {script, "--mode", "daemon"}));
+
+    sim::SimPlatform p(m.dir());
+    int status = -1;
+    const std::vector<std::string> listed = lines(readPipe(p, "ps -ewf", status));
+    if (listed.size() != 2u) ::kill(-pid, SIGKILL);
+    ASSERT_EQ(listed.size(), 2u) << "the script and nothing of its sleep";
+    EXPECT_EQ(readerPid(listed[1], "ondraslow"), std::optional<long>(pid)) << listed[1];
+    EXPECT_EQ(listed[1].substr(48), script + " --mode daemon");
+    ::kill(-pid, SIGKILL);
+    reap(pid);
+}
+
 TEST(Ps, AFieldWiderThanItsColumnShiftsTheLineSoTheReaderPassesItBy)
 {
     sim::PsRow row{"root", 99999, 1, 0, "10:04", "?", "00:00:00", {"/m/daemons/ondrastore", "100000"}};
@@ -291,6 +323,42 @@ TEST(Commands, RedirectedOutputLandsInAFileOfTheModule)
     EXPECT_EQ(p.system("echo x >&3"), W_EXITCODE(1, 0)) << "no descriptor 3";
 }
 
+// The md5 query of the system as one pipeline, and the memory device.
+TEST(ManagerPrograms, TheMd5QueryReadsTheManagersListing)
+{
+    TempModule m;
+    const std::string d = m.dir();
+    EXPECT_EQ(tavsim({"daemons", d, "database", "sys42", "0123abcd"}).status, 0);
+    EXPECT_EQ(tavsim({"daemons", d, "umem", "on"}).status, 0);
+    sim::SimPlatform p(d);
+    m.put("/etc/marrowby/comm/udpargs.cfg", "END\nSTORAGE\n--port 9\n\n7\nEND\nMANAGER\n--other\nEND\n");
+    int status = -1;
+    const std::string words =
+        "awk '/STORAGE/ {x=1; next} /END/ {if (x == 1) exit} {if (x == 1) print $1}' /etc/marrowby/comm/udpargs.cfg";
+    EXPECT_EQ(readPipe(p, words, status), "--port\n\n7\n");
+    const std::string query = "/etc/marrowby/system/dbd_manager --port 7 --system_id ID --list --terminate 15"
+                              "|awk '/md5/ {print $3 ;exit}' | awk -F\\' '{print $2}'";
+    auto ask = [&](const std::string& id) {
+        std::string q = query;
+        q.replace(q.find("ID"), 2, id);
+        return readPipe(p, q, status);
+    };
+    EXPECT_EQ(ask("sys42"), "0123abcd\n");
+    EXPECT_EQ(ask("sys43"), "");
+    EXPECT_EQ(readPipe(p, "/etc/marrowby/system/dbd_manager --system_id sys43 --list", status),
+              "no database for system sys43\n");
+    EXPECT_EQ(status, W_EXITCODE(1, 0));
+    EXPECT_EQ(readPipe(p, "awk '{print}' /etc/marrowby/comm/udpargs.cfg", status), "");
+    EXPECT_EQ(status, W_EXITCODE(127, 0)) << "no other awk program";
+
+    struct ::stat st;
+    EXPECT_EQ(p.stat("/dev/umem/disc0/disc", &st), 0);
+    EXPECT_EQ(tavsim({"daemons", d, "umem", "off"}).status, 0);
+    EXPECT_EQ(p.stat("/dev/umem/disc0/disc", &st), -1);
+    EXPECT_EQ(tavsim({"daemons", d, "database", "sys42", "--remove"}).status, 0);
+    EXPECT_EQ(ask("sys42"), "");
+}
+
 TEST(TavsimDaemons, InstallShowAndKillTheModulesDaemons)
 {
     TempModule m;
@@ -312,7 +380,8 @@ TEST(TavsimDaemons, InstallShowAndKillTheModulesDaemons)
     r = tavsim({"daemons", d, "show"});
     EXPECT_EQ(r.status, 0) << r.err;
     const std::vector<std::string> out = lines(r.out);
-    ASSERT_EQ(out.size(), 10u) << r.out;
+    if (out.size() != 12u) sim::killDaemons(mod);
+    ASSERT_EQ(out.size(), 12u) << r.out;
     EXPECT_EQ(out[0], "daemons: installed, 1 live, system id NO_SYSTEM_ID");
     const std::string pid = std::to_string(store);
     auto row = [&](const std::string& line) {
@@ -332,6 +401,8 @@ TEST(TavsimDaemons, InstallShowAndKillTheModulesDaemons)
     EXPECT_EQ(out[7], "udp arguments: 2 lines in the STORAGE section of /etc/marrowby/comm/udpargs.cfg");
     EXPECT_EQ(out[8], "  --udp");
     EXPECT_EQ(out[9], "  7 8");
+    EXPECT_EQ(out[10], "memory device /dev/umem/disc0/disc: absent");
+    EXPECT_EQ(out[11], "databases: none");
 
     const std::string json = tavsim({"daemons", d, "show", "--json"}).out;
     for (const std::string& part : {"\"pids\": [\n        " + pid + "\n      ]", std::string("\"exit\": 1"),
@@ -374,15 +445,19 @@ TEST(TavsimDaemons, RefusalsNameTheArgumentAndItsRange)
         std::string message;
     };
     for (const Case& c : std::vector<Case>{
-             {{"daemons", d}, 2, "tavsim daemons: give install, show or kill\nusage: tavsim daemons DIR install"},
-             {{"daemons", d, "start"}, 2, "tavsim daemons: unexpected argument start; give install, show or kill"},
+             {{"daemons", d}, 2, "tavsim daemons: give install, show, kill, database or umem\nusage: tavsim daemons DIR install"},
+             {{"daemons", d, "start"}, 2, "tavsim daemons: unexpected argument start; give install, show, kill, database or umem"},
+             {{"daemons", d, "umem", "maybe"}, 2, "tavsim daemons: umem maybe: give on or off"},
+             {{"daemons", d, "database", "sys42"}, 2, "tavsim daemons: database takes SYSTEMID and MD5, or SYSTEMID and --remove"},
+             {{"daemons", d, "database", "sys42", "a'b"}, 2, "tavsim daemons: MD5 a'b: give a word without blanks or quotes"},
+             {{"daemons", d, "show", "--remove"}, 2, "tavsim daemons: --remove goes with database only"},
              {{"daemons", d, "show", "extra"}, 2, "tavsim daemons: unexpected argument extra"},
              {{"daemons", d, "install", "--fail", "3"}, 2, "tavsim daemons: --fail 3: out of range 0 to 2"},
              {{"daemons", d, "install", "--fail", "disk"}, 2, "tavsim daemons: --fail disk: give store, vmgr or mgr, or 0 to 2"},
              {{"daemons", d, "install", "--fail"}, 2, "tavsim daemons: --fail needs a value: --fail TYPE"},
              {{"daemons", d, "show", "--fail", "1"}, 2, "tavsim daemons: --fail goes with install only"},
              {{"daemons", d, "kill", "--json"}, 2, "tavsim daemons: --json goes with show only"},
-             {{"daemons", d, "show", "--all"}, 2, "tavsim daemons: unknown option --all; daemons takes --fail TYPE and --json"},
+             {{"daemons", d, "show", "--all"}, 2, "tavsim daemons: unknown option --all; daemons takes --fail TYPE, --json and --remove"},
              {{"daemons", none, "show"}, 1, "tavsim daemons: " + none + ": no such directory"},
          }) {
         Captured r = tavsim(c.args);
@@ -397,5 +472,6 @@ TEST(TavsimDaemons, RefusalsNameTheArgumentAndItsRange)
     EXPECT_EQ(r.err, "tavsim daemons: cannot write daemons\n");
     r = tavsim({"daemons", "--help"});
     EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(lines(r.out)[0], "usage: tavsim daemons DIR install [--fail TYPE] | show [--json] | kill");
+    EXPECT_EQ(lines(r.out)[0], "usage: tavsim daemons DIR install [--fail TYPE] | show [--json] | kill | database "
+                               "SYSTEMID MD5|--remove | umem on|off");
 }
