@@ -34,6 +34,8 @@
 //                      arguments, separated by tabs (daemons.h)
 //   sim/daemons/NAME   the control file of daemon NAME ("ondrastore", ...):
 //                      "exit N" makes its Daemon exit with N; absent, it runs
+//   sim/databases      "SYSTEMID MD5": the databases the manager program lists
+//                      (manager_programs.h)
 //   sim/lock           taken (flock) around every read-modify-write of a state file
 //
 // The module's three daemons (daemons.h, tavsim daemons), which the system's
@@ -48,8 +50,9 @@
 //   /etc/marrowby/ondraretry.cfg, /etc/marrowby/comm/ondraSystemId.cfg
 //                      restart limits and the system id
 //   /var/ondra/TYPE/ok the ok file that a script's Init makes
-// A module's processes are those whose argv[0] lies inside the directory, and
-// this process's own children; only they are signalled (sim_platform.h).
+// A module's processes are those whose argv[0] lies inside the directory (a
+// script still run by its interpreter counts by its own path, the program it
+// stands for), and this process's own children; only they are signalled (sim_platform.h).
 // "ps -ewf" lists the first kind (ps_listing.h). They are real processes: they run on
 // the host's clock, not the virtual one, and the listing's times are the host's.
 //

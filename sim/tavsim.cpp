@@ -185,8 +185,10 @@ const std::vector<Command> kCommands = {
      kHpHelp, runHp},
     {"console", "DIR [--debug LEVEL]", "host the module: the drive manager up, the chassis controller's link running",
      kConsoleHelp, runConsole},
-    {"daemons", "DIR install [--fail TYPE] | show [--json] | kill",
+    {"daemons", "DIR install [--fail TYPE] | show [--json] | kill | database SYSTEMID MD5|--remove | umem on|off",
      "lay in, show or kill the module's daemons (store, vmgr, mgr)", kDaemonsHelp, runDaemons},
+    {"services", "DIR [--json] [--debug LEVEL] run COMMAND [ARGS]...",
+     "run the daemons' service commands in one process: join, start, stop, leave", kServicesHelp, runServices},
 };
 
 std::string joined(const std::vector<std::string>& words)

@@ -130,6 +130,8 @@ extern const char kConsoleHelp[];
 std::string consoleCommands();
 int runRun(const Call& call);
 int runDaemons(const Call& call);
+int runServices(const Call& call);
+extern const char kServicesHelp[];
 extern const char kDaemonsHelp[];
 // One line for tavsim show: "daemons: installed, 0 live, system id NO_SYSTEM_ID".
 std::string daemonSummary(const DaemonStatus& status);
