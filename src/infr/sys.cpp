@@ -655,6 +655,8 @@ const char* sys_strerror(int n) { return std::strerror(n); }
 
 time_t sys_time_of_ymd(int year, int month, int day)
 {
+    // Fields the C library's int cannot hold count as mktime's own failure.
+    if (year < INT_MIN + 1900 || month == INT_MIN || day == INT_MIN) sys_do_panic("SYS:time_of_ymd:mktime error");
     struct tm tm {};
     tm.tm_year = year - 1900;
     tm.tm_mon = month - 1;
