@@ -491,6 +491,24 @@ void sys_clone(int (*function)(void*), void* arg, void* stack, size_t stackLengt
 
 // ---- commands ----
 
+namespace {
+
+// A formatted text from the allocator (a format error gives "").
+char* vformat(const char* format, va_list args)
+{
+    va_list again;
+    va_copy(again, args);
+    int n = std::vsnprintf(nullptr, 0, format, args);
+    if (n < 0) n = 0;
+    char* text = static_cast<char*>(sys_alloc_help(static_cast<size_t>(n) + 1));
+    text[0] = '\0';
+    std::vsnprintf(text, static_cast<size_t>(n) + 1, format, again);
+    va_end(again);
+    return text;
+}
+
+} // namespace
+
 int sys_system(const char* command)
 {
     int status = plat::system(command);
@@ -502,12 +520,10 @@ int sys_sprintf_system(const char* format, ...)
 {
     va_list args;
     va_start(args, format);
-    char* command = nullptr;
-    int n = ::vasprintf(&command, format, args);
+    char* command = vformat(format, args);
     va_end(args);
-    if (n < 0) sys_do_panic("SYS:alloc:failed bucket_len=%u", 0u);
     int status = sys_system(command);
-    std::free(command);
+    string_free(command);
     return status;
 }
 
@@ -626,15 +642,10 @@ char* sys_uint64_to_string_alloc(uint64_t value)
 
 char* sys_sprintf(const char* format, ...)
 {
-    va_list args, again;
+    va_list args;
     va_start(args, format);
-    va_copy(again, args);
-    int n = std::vsnprintf(nullptr, 0, format, args);
+    char* text = vformat(format, args);
     va_end(args);
-    if (n < 0) n = 0;
-    char* text = static_cast<char*>(sys_alloc_help(static_cast<size_t>(n) + 1));
-    std::vsnprintf(text, static_cast<size_t>(n) + 1, format, again);
-    va_end(again);
     return text;
 }
 

@@ -40,6 +40,8 @@ TEST(SysAlloc, SizeClassesAndReuse)
     EXPECT_EQ(sys_alloc_help(1), a);
     sys_free_help(b, 32);
     EXPECT_EQ(sys_alloc_bucket(1), b);
+    sys_free_bucket(b, 1);
+    sys_free_help(a, 1);
 
     // Lists are last in, first out; the system is asked only when one is empty.
     const uint64_t fromSystem = stat(SYS_STAT_SYSTEM_BLOCKS), bytes = stat(SYS_STAT_SYSTEM_BYTES);
@@ -51,6 +53,8 @@ TEST(SysAlloc, SizeClassesAndReuse)
     EXPECT_EQ(sys_alloc_help(65), c);
     EXPECT_EQ(stat(SYS_STAT_SYSTEM_BLOCKS), fromSystem + 2);
     EXPECT_EQ(stat(SYS_STAT_SYSTEM_BYTES) - bytes, 2u * (128 + 4));
+    sys_free_help(c, 65);
+    sys_free_help(d, 120);
 }
 
 TEST(SysAlloc, ZeroReallocTryAndStats)
