@@ -12,6 +12,17 @@
 #include "infr/sys.h"
 #include "infr_fixture.h"
 
+#if defined(__SANITIZE_THREAD__)
+#define TSAN_BUILD 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define TSAN_BUILD 1
+#endif
+#endif
+#ifndef TSAN_BUILD
+#define TSAN_BUILD 0
+#endif
+
 namespace {
 
 using infrtest::aborted;
@@ -154,6 +165,11 @@ TEST(SysPreExit, RunsTheDebuggerEveryTenSeconds)
 // signal 12 exits with 0, SIGPIPE and SIGTTIN do nothing.
 TEST(SysSignals, CaughtOnceThenAbortAtOnce)
 {
+#if TSAN_BUILD
+    // The handlers print and wait from the signal: ThreadSanitizer holds the
+    // second signal back until the first handler returns, which it never does.
+    GTEST_SKIP() << "signal handlers that never return";
+#endif
     simtest::TempModule m;
     auto o = infrtest::run(m, [] {
         sys_catch_sigint();
