@@ -36,6 +36,12 @@
 //                      "exit N" makes its Daemon exit with N; absent, it runs
 //   sim/databases      "SYSTEMID MD5": the databases the manager program lists
 //                      (manager_programs.h)
+//   sim/syslog.log     every message to the system log:
+//                      "TIME IDENT PID FACILITY PRIORITY TEXT" (numbers in
+//                      decimal, line ends of TEXT made spaces); nothing
+//                      reaches the host's log
+//   sim/null           what the system wrote to "/dev/null" through freopen or
+//                      daemon (reading it gives end of file at once)
 //   sim/lock           taken (flock) around every read-modify-write of a state file
 //
 // The module's three daemons (daemons.h, tavsim daemons), which the system's
@@ -127,6 +133,11 @@
 // - The PROM player reads no XSVF: it wants PROM mode and the file, and then
 //   gives the answer the fault sets. The EEPROM's own control and data
 //   registers (0x80, 0x90) do nothing; the driver's requests are the way in.
+//
+// daemon(3) does not fork or leave the session: the process goes on as it was
+// (a test runs in it), with its working directory at the module's root and
+// its standard descriptors on the null device; the call is a line of
+// commands.log ("daemon 0 daemon NOCHDIR NOCLOSE").
 //
 // The HP array tool (hp_cli.h) knows one command, "ctrl slot=N show", and
 // prints the controller's properties as they are set: no property follows

@@ -952,6 +952,94 @@ int SimPlatform::kill(pid_t pid, int signal)
     return rc;
 }
 
+int SimPlatform::nullDevice(bool writing)
+{
+    if (writing) return module_.host().open(Module::stateFile("null"), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC);
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) return -1;
+    ::close(ends[1]);
+    return ends[0];
+}
+
+int SimPlatform::daemon(int nochdir, int noclose)
+{
+    Call call(*this);
+    module_.logCommand("daemon", 0, true, "daemon " + std::to_string(nochdir) + " " + std::to_string(noclose));
+    if (!nochdir) cwd_ = "/";
+    if (!noclose) {
+        for (int fd = 0; fd < 3; ++fd) {
+            int null = nullDevice(fd != 0);
+            if (null < 0) return -1;
+            ::dup2(null, fd);
+            ::close(null);
+        }
+    }
+    return 0;
+}
+
+FILE* SimPlatform::freopen(const char* path, const char* mode, FILE* stream)
+{
+    Call call(*this);
+    if (!path || !mode || !stream) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    const bool writing = mode[0] != 'r' || std::strchr(mode, '+');
+    int target = ::fileno(stream);
+    std::string vpath;
+    int fd = -1;
+    if (normalize(path, vpath) && vpath == "/dev/null") {
+        fd = nullDevice(writing);
+    } else {
+        int flags = writing ? (O_WRONLY | O_CREAT | (mode[0] == 'a' ? O_APPEND : O_TRUNC)) : O_RDONLY;
+        fd = open(path, flags, 0666);
+        if (fd >= 0 && handles_[fd].kind != Kind::File) {
+            close(fd);  // a device node cannot back a standard stream here
+            errno = EINVAL;
+            return nullptr;
+        }
+        if (fd >= 0) handles_.erase(fd);  // the stream's own descriptor from now on
+    }
+    if (fd < 0 || target < 0) {
+        if (fd >= 0) ::close(fd);
+        if (target < 0) errno = EBADF;
+        return nullptr;
+    }
+    ::fflush(stream);
+    int rc = ::dup2(fd, target);
+    ::close(fd);
+    if (rc < 0) return nullptr;
+    ::clearerr(stream);
+    return stream;
+}
+
+void SimPlatform::openlog(const char* ident, int /*option*/, int facility)
+{
+    Call call(*this);
+    syslogIdent_ = ident ? ident : "";
+    syslogFacility_ = facility;
+}
+
+void SimPlatform::syslog(int priority, const char* text)
+{
+    Call call(*this);
+    std::string flat = text ? text : "";
+    while (!flat.empty() && flat.back() == '\n') flat.pop_back();
+    for (char& c : flat)
+        if (c == '\n' || c == '\r') c = ' ';
+    module_.appendState("syslog.log", std::to_string(module_.now().tv_sec) + " " +
+                                          (syslogIdent_.empty() ? "-" : syslogIdent_) + " " +
+                                          std::to_string(::getpid()) + " " + std::to_string(syslogFacility_) + " " +
+                                          std::to_string(priority) + " " + flat);
+}
+
+void SimPlatform::closelog()
+{
+    Call call(*this);
+    syslogIdent_.clear();
+    syslogFacility_ = 8;
+}
+
 // ---- time ----
 
 time_t SimPlatform::time(time_t* out)

@@ -89,6 +89,19 @@ public:
     // pid, or a group holding another, is ESRCH. Logged as a command
     // ("kill -SIG PID") with its error.
     int kill(pid_t pid, int signal) override;
+    // The process stays as it is, attached (a test goes on in it): the call
+    // is logged as a command ("daemon NOCHDIR NOCLOSE"), the working directory
+    // becomes "/" of the module and, unless `noclose`, the three standard
+    // descriptors go to the module's null device, as freopen below.
+    int daemon(int nochdir, int noclose) override;
+    // "/dev/null" is the module's null device: for reading, a pipe that is
+    // at its end; for writing, the file sim/null. Any other path is opened
+    // as the system's own (mapped and refused as open does).
+    FILE* freopen(const char* path, const char* mode, FILE* stream) override;
+    // Each message is a line of sim/syslog.log (module.h).
+    void openlog(const char* ident, int option, int facility) override;
+    void syslog(int priority, const char* text) override;
+    void closelog() override;
     time_t time(time_t* out) override;
     int gettimeofday(struct timeval* tv) override;
     unsigned int sleep(unsigned int seconds) override;
@@ -178,6 +191,8 @@ private:
     ssize_t blockingRead(int fd, void* buf, size_t count, const uint64_t* at);
     bool readReady(int fd);
     int pathStat(const char* path, struct ::stat* st);
+    // A descriptor of the null device, for reading or for writing.
+    int nullDevice(bool writing);
     int runCommand(const std::string& kind, const std::string& command, const std::string& input, std::string& output);
     FILE* streamOf(int fd, const char* mode);
 
@@ -195,6 +210,8 @@ private:
     Module::Stamp faultStamp_;
     std::map<std::pair<Op, std::string>, uint64_t> counts_;
     bool powerCut_ = false;
+    std::string syslogIdent_;
+    int syslogFacility_ = 8;  // LOG_USER, the C library's default
     // Last: it goes first, before the state its clock reads.
     Scheduler sched_;
 };

@@ -50,8 +50,8 @@ constexpr const char* tav_basename(const char* path)
     do {                                                                                   \
         if (TAV_DEBUG_FLAG >= (level) || tavGlobalDebugLevel >= (level)) {                 \
             if (tavGlobalUseSyslog) {                                                      \
-                openlog("corvane", LOG_CONS | LOG_NDELAY, LOG_LOCAL4);                     \
-                syslog(LOG_LOCAL4 | LOG_NOTICE, __VA_ARGS__);                              \
+                ::openlog("corvane", LOG_CONS | LOG_NDELAY, LOG_LOCAL4);                   \
+                ::syslog(LOG_LOCAL4 | LOG_NOTICE, __VA_ARGS__);                            \
             } else {                                                                       \
                 fprintf(stderr, __VA_ARGS__);                                              \
                 fflush(stderr);                                                            \

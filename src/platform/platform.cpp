@@ -9,6 +9,7 @@
 #include <sys/mman.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <syslog.h>
 
 #include "platform/megalib_loader.h"
 #include "platform/xsvf_loader.h"
@@ -57,6 +58,14 @@ public:
     FILE* popen(const char* command, const char* mode) override { return ::popen(command, mode); }
     int pclose(FILE* stream) override { return ::pclose(stream); }
     int kill(pid_t pid, int signal) override { return ::kill(pid, signal); }
+    int daemon(int nochdir, int noclose) override { return ::daemon(nochdir, noclose); }
+    FILE* freopen(const char* path, const char* mode, FILE* stream) override
+    {
+        return ::freopen(path, mode, stream);
+    }
+    void openlog(const char* ident, int option, int facility) override { ::openlog(ident, option, facility); }
+    void syslog(int priority, const char* text) override { ::syslog(priority, "%s", text); }
+    void closelog() override { ::closelog(); }
     time_t time(time_t* out) override { return ::time(out); }
     int gettimeofday(struct timeval* tv) override { return ::gettimeofday(tv, nullptr); }
     unsigned int sleep(unsigned int seconds) override { return ::sleep(seconds); }

@@ -68,6 +68,15 @@ public:
     virtual int pclose(FILE* stream) = 0;
     // A signal to a process by its number.
     virtual int kill(pid_t pid, int signal) = 0;
+    // Detaches the process from its terminal (daemon(3)).
+    virtual int daemon(int nochdir, int noclose) = 0;
+    // Reopens a standard stream on a path (freopen(3)).
+    virtual FILE* freopen(const char* path, const char* mode, FILE* stream) = 0;
+
+    // The system log. `text` is the whole message, already formatted.
+    virtual void openlog(const char* ident, int option, int facility) = 0;
+    virtual void syslog(int priority, const char* text) = 0;
+    virtual void closelog() = 0;
 
     // Time. waitTimeout is a wait that is only a wait: a select on no descriptors.
     virtual time_t time(time_t* out) = 0;
@@ -156,6 +165,14 @@ public:
     FILE* popen(const char* command, const char* mode) override { return inner_.popen(command, mode); }
     int pclose(FILE* stream) override { return inner_.pclose(stream); }
     int kill(pid_t pid, int signal) override { return inner_.kill(pid, signal); }
+    int daemon(int nochdir, int noclose) override { return inner_.daemon(nochdir, noclose); }
+    FILE* freopen(const char* path, const char* mode, FILE* stream) override
+    {
+        return inner_.freopen(path, mode, stream);
+    }
+    void openlog(const char* ident, int option, int facility) override { inner_.openlog(ident, option, facility); }
+    void syslog(int priority, const char* text) override { inner_.syslog(priority, text); }
+    void closelog() override { inner_.closelog(); }
     time_t time(time_t* out) override { return inner_.time(out); }
     int gettimeofday(struct timeval* tv) override { return inner_.gettimeofday(tv); }
     unsigned int sleep(unsigned int seconds) override { return inner_.sleep(seconds); }
@@ -223,6 +240,14 @@ inline int system(const char* command) { return current().system(command); }
 inline FILE* popen(const char* command, const char* mode) { return current().popen(command, mode); }
 inline int pclose(FILE* stream) { return current().pclose(stream); }
 inline int kill(pid_t pid, int signal) { return current().kill(pid, signal); }
+inline int daemon(int nochdir, int noclose) { return current().daemon(nochdir, noclose); }
+inline FILE* freopen(const char* path, const char* mode, FILE* stream)
+{
+    return current().freopen(path, mode, stream);
+}
+inline void openlog(const char* ident, int option, int facility) { current().openlog(ident, option, facility); }
+inline void syslog(int priority, const char* text) { current().syslog(priority, text); }
+inline void closelog() { current().closelog(); }
 inline time_t time(time_t* out) { return current().time(out); }
 inline int gettimeofday(struct timeval* tv) { return current().gettimeofday(tv); }
 inline unsigned int sleep(unsigned int seconds) { return current().sleep(seconds); }
