@@ -329,6 +329,9 @@ Scheduler::~Scheduler()
 
 void Scheduler::enter()
 {
+    // A call from a static destructor at process exit, after this thread's
+    // slots went: it runs outside the turns, under the platform's own lock.
+    if (tlsGone) return;
     Core& c = *core_;
     Entry* e = tls.find(&c);
     if (e && e->nested > 0) {
@@ -370,6 +373,7 @@ void Scheduler::enter()
 
 void Scheduler::leave()
 {
+    if (tlsGone) return;
     Core& c = *core_;
     Entry* e = tls.find(&c);
     if (!e || e->nested == 0) return;
@@ -381,6 +385,7 @@ void Scheduler::leave()
 
 void Scheduler::waitUntil(uint64_t deadline)
 {
+    if (tlsGone) return;
     Core& c = *core_;
     Entry* e = tls.find(&c);
     if (!e) return;
@@ -399,6 +404,7 @@ void Scheduler::waitUntil(uint64_t deadline)
 
 void Scheduler::waitFor(std::function<bool()> ready)
 {
+    if (tlsGone) return;
     Core& c = *core_;
     Entry* e = tls.find(&c);
     if (!e) return;
@@ -416,6 +422,7 @@ void Scheduler::waitFor(std::function<bool()> ready)
 
 void Scheduler::park()
 {
+    if (tlsGone) return;
     enter();
     {
         std::lock_guard<std::mutex> lock(core_->m);

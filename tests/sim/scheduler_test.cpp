@@ -1,6 +1,7 @@
 // Threads that share the module's virtual clock: waits block until their
 // end, the clock moves only when every thread waits, in a fixed order.
 #include <atomic>
+#include <cstdlib>
 #include <chrono>
 #include <mutex>
 #include <string>
@@ -227,4 +228,27 @@ TEST(Scheduler, AForkedChildNeverWaitsForAThreadThatStayedBehind)
     }
     stop = true;
     busy.join();
+}
+
+// A static object's destructor may still call the platform at process exit,
+// after the thread-locals of the main thread are gone (the service facade
+// closes its sockets so): the call runs, outside the turns.
+sim::SimPlatform* gExitPlatform = nullptr;
+
+TEST(SchedulerDeathTest, ACallFromAStaticDestructorAfterTheThreadsSlotsRuns)
+{
+    TempModule m;
+    EXPECT_EXIT(
+        {
+            gExitPlatform = new sim::SimPlatform(m.dir());
+            struct ::stat st;
+            gExitPlatform->stat("/etc", &st);  // the main thread's slot exists now
+            std::atexit([] {
+                struct ::stat st;
+                gExitPlatform->sleep(5);
+                std::_Exit(gExitPlatform->stat("/etc", &st) == 0 ? 7 : 8);
+            });
+            std::exit(0);
+        },
+        testing::ExitedWithCode(7), "");
 }
