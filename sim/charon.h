@@ -2,7 +2,7 @@
 // detaches an IDE interface, or one device on it, from the kernel and
 // attaches it again.
 //
-//   CharonDevice  the character node 241:0, present while the module has
+//   CharonDevice  the character node 242:0, present while the module has
 //                 "sim/charon" (the IDE platforms 1, 3 and 4). Reads and
 //                 writes give EINVAL; the requests are those below, any
 //                 other is ENOTTY.
@@ -28,7 +28,7 @@
 namespace sim {
 
 constexpr const char* kCharonNode = "/dev/charon";
-constexpr unsigned kCharonMajor = 241;  // of the local range: the driver is the appliance's own
+constexpr unsigned kCharonMajor = 242;  // of the local range, after the DSP (240) and the NVRAM card (241)
 constexpr unsigned kCharonMinor = 0;
 
 namespace charon {
