@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/charon_state.h"
 #include "sim/clock.h"
 #include "sim/commands.h"
 #include "sim/dsp_firmware.h"
@@ -22,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size == 0) return 0;
     const std::string text(reinterpret_cast<const char*>(data + 1), size - 1);
-    switch (data[0] % 11) {
+    switch (data[0] % 12) {
     case 0: {
         sim::Manifest m = sim::Manifest::parse(text);
         sim::Manifest again = sim::Manifest::parse(m.format());
@@ -111,6 +112,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         std::string line;
         for (const std::string& f : u.line) line += f;
         sim::dsp::recordsOfLine(u.driverConfig(), line, u.records);
+        break;
+    }
+    case 11: {
+        // The hot-swap driver's state: what it reads it writes back alike.
+        sim::CharonState s;
+        std::string why;
+        if (!sim::CharonState::parse(text, s, why)) break;
+        if (s.interfaces.size() != sim::kCharonInterfaces) __builtin_trap();
+        sim::CharonState again;
+        if (!sim::CharonState::parse(s.format(), again, why) || again.format() != s.format()) __builtin_trap();
         break;
     }
     default: {

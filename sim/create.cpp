@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "charon.h"
 #include "dsp.h"
 #include "md_kernel.h"
 #include "nvram.h"
@@ -220,6 +221,9 @@ std::string createModule(const std::string& dir, const CreateOptions& options)
         if (const std::string dsp = freshDspState(m, options.identityOnly); !dsp.empty())
             if (!writeText(root, Module::stateFile("dsp"), dsp) || !writeText(root, Module::stateFile("dsp.log"), ""))
                 return "cannot write the chassis controller's files";
+        if (const std::string charon = freshCharonState(m); !charon.empty())
+            if (!writeText(root, Module::stateFile("charon"), charon) || !writeText(root, Module::stateFile("charon.log"), ""))
+                return "cannot write the hot-swap driver's files";
         // The platforms whose layout has the RQDC card get one.
         if (m.platform == 2 || m.platform == 6)
             if (std::string err = nvramAdd(module); !err.empty()) return "cannot add the NVRAM card: " + err;

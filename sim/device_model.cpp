@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "ata_disk.h"
+#include "charon.h"
 #include "dsp.h"
 #include "md.h"
 #include "net_interfaces.h"
@@ -118,6 +119,7 @@ DeviceRegistry DeviceRegistry::standard()
     r.byPrefix("/sys/", std::make_shared<SysfsModel>());
     addMdModels(r);
     addDspModel(r);
+    addCharonModel(r);
     addNvramModel(r);
     r.forSockets(std::make_shared<NetModel>());
     return r;

@@ -21,6 +21,10 @@
 //   sim/dsp            the chassis controller: bays, sensors, behaviours, the
 //                      driver's configuration, the firmware's scheduled work, the
 //                      frames on the line and the records not yet handed up (dsp_state.h)
+//   sim/charon         the hot-swap driver: debug flag, interfaces and devices
+//                      active or detached, injected codes (charon_state.h)
+//   sim/charon.log     every request to /dev/charon and its record:
+//                      "TIME request R (NAME) uInterface=I uDevice=0xD iReturnCode=C -> CODE"
 //   sim/dsp.log        every DSP command as it arrived and every record handed up:
 //                      "TIME command HEX (WHAT)", "TIME record type T (NAME) ..."
 //   sim/hpacucli/ctrlN the HP array controller of slot N: "Label: Value" lines as
@@ -113,6 +117,16 @@
 //   hot-swap model; a bay without a drive reports no power.
 // - A module made without bays (platform 2 with --no-drives) stands for drives
 //   of a family not simulated: every bay of its DSP holds a drive.
+//
+// The hot-swap driver (charon.h) leaves out, for now:
+// - Any effect of a detach beyond its own state: the drive nodes of a
+//   detached interface still answer I/O, a rescan does not look at the bays
+//   (every device of an interface comes back, a drive in its bay or not),
+//   and bay power stays the DSP's. Coupling them belongs with the bus power
+//   operations that use the driver, which come with them.
+// - The debug flag is kept and shown, and changes no output.
+// - CHARON_INFO_STRUCT is used by no request of the system, and so by none
+//   of the model.
 //
 // The NVRAM card (nvram.h) leaves out, of a real card and its driver:
 // - Time: a descriptor runs to the end within the store that pushes it, and

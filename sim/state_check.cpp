@@ -6,6 +6,7 @@
 
 #include "clock.h"
 #include "create.h"
+#include "charon_state.h"
 #include "dsp_state.h"
 #include "faults.h"
 #include "md_state.h"
@@ -101,6 +102,11 @@ std::vector<std::string> checkModuleState(Module& module, bool faults)
         DspUnit dsp;
         if (!DspUnit::parse(module.readState("dsp"), dsp, why))
             out.push_back(why + "; the chassis controller starts afresh at its next use");
+    }
+    if (module.host().exists(Module::stateFile("charon"))) {
+        CharonState charon;
+        if (!CharonState::parse(module.readState("charon"), charon, why))
+            out.push_back(why + "; the hot-swap driver starts afresh at its next use");
     }
     if (faults) parseFaults(module.readState("faults"), &out);
     return out;

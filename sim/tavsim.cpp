@@ -164,20 +164,24 @@ const std::vector<Command> kCommands = {
      runCorrupt},
     {"fault", "DIR OP PATH [nth=N] [times=K] [request=R] errno=E|short=N|powercut\n       tavsim fault DIR --list | --clear",
      "arm, list or clear faults", kFaultHelp, runFault},
-    {"log", "DIR [--ata | --md | --dsp]", "print the command log, the ATA, md or chassis controller log",
+    {"log", "DIR [--ata | --md | --dsp | --charon]", "print the command log, the ATA, md, chassis controller or hot-swap log",
      "Prints the command log, a line a command: TIME system|popen STATUS [unknown]\n"
      "COMMAND. With --ata, the ATA command log: TIME DEVICE WHAT. With --md, the md\n"
      "request log: TIME /dev/mdN REQUEST [ARGS] -> 0|ERRNO. With --dsp, the chassis\n"
      "controller's log: every command as it arrived (TIME command HEX (WHAT)),\n"
      "every record handed up (TIME record type T (NAME) length L change C pwrDwn P\n"
      "version V status S... buff HEX), the driver's configuration, switches moved\n"
-     "and what was refused.\n",
+     "and what was refused. With --charon, the hot-swap driver's log: every request\n"
+     "and its record (TIME request R (NAME) uInterface=I uDevice=0xD\n"
+     "iReturnCode=C -> CODE [injected]) and what was refused.\n",
      runLog},
     {"run", "DIR [--] PROGRAM [ARGS...]", "run a program of the system on the module", kRunHelp, runRun},
     {"md", "DIR [--json | --stall ARRAY | --unstall ARRAY | --stop-all]", "the md arrays; stall a recovery; forget all",
      kMdHelp, runMd},
     {"dsp", "DIR [--json]\n       tavsim dsp DIR set WHAT VALUE...",
      "the chassis controller: bays, sensors, driver, behaviours; set them", kDspHelp, runDsp},
+    {"charon", "DIR [--json]\n       tavsim charon DIR fail IF REQUEST CODE [times=K] | --clear",
+     "the hot-swap driver: interfaces and devices attached or detached; inject return codes", kCharonHelp, runCharon},
     {"nvram", "DIR [add|show|set|fault|fill|powerfail|power-cycle|recover|status] [ARGS...]",
      "the NVRAM card: registers, EEPROM, faults; fill SDRAM, take the power away", kNvramHelp, runNvram},
     {"bay", "DIR N lock|critical open|close", "open or close a bay's lock or critical switch", kBayHelp, runBay},

@@ -121,6 +121,8 @@ bool nvramSubcommandHelp(const std::vector<std::string>& args);
 int nvramRecover(const Call& call, Module& module);
 int nvramStatus(const Call& call, Module& module, bool json);
 extern const char kDspHelp[];
+int runCharon(const Call& call);
+extern const char kCharonHelp[];
 extern const char kBayHelp[];
 int runHp(const Call& call);
 extern const char kHpHelp[];

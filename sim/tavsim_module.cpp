@@ -299,15 +299,17 @@ int runLog(const Call& call)
 {
     Words w;
     int status = 0;
-    auto module = openModuleCall(call, {{"--ata", nullptr}, {"--md", nullptr}, {"--dsp", nullptr}}, 1, 1, w, status);
+    auto module = openModuleCall(call, {{"--ata", nullptr}, {"--md", nullptr}, {"--dsp", nullptr}, {"--charon", nullptr}}, 1, 1, w, status);
     if (!module) return status;
     std::vector<std::string> given;
-    for (const char* name : {"--ata", "--md", "--dsp"})
+    for (const char* name : {"--ata", "--md", "--dsp", "--charon"})
         if (w.has(name)) given.push_back(name);
     if (given.size() > 1) return badUsage(call, listed(given) + " exclude each other");
     if (w.has("--dsp") && !module->host().exists(Module::stateFile("dsp.log")))
         return refused(call, module->dir() + ": this module has no chassis controller, so no log of it");
-    std::cout << module->readState(w.has("--ata") ? "ata.log" : w.has("--md") ? "md.log" : w.has("--dsp") ? "dsp.log" : "commands.log");
+    if (w.has("--charon") && !module->host().exists(Module::stateFile("charon.log")))
+        return refused(call, module->dir() + ": this module has no hot-swap driver, so no log of it");
+    std::cout << module->readState(w.has("--ata") ? "ata.log" : w.has("--md") ? "md.log" : w.has("--dsp") ? "dsp.log" : w.has("--charon") ? "charon.log" : "commands.log");
     return kDone;
 }
 
