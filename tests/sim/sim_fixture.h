@@ -8,6 +8,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -27,8 +28,11 @@ class TempModule {
 public:
     explicit TempModule(int platform = 1, bool create = true)
     {
-        char templ[] = "/tmp/tavsim-test.XXXXXX";
-        const char* made = ::mkdtemp(templ);
+        // A death test run anew by its own process makes its modules again,
+        // and may die without a destructor: its directories carry the
+        // parent's pid, and the parent's modules take them away.
+        std::string templ = deathTestChild() ? childPrefix(::getppid()) + "XXXXXX" : "/tmp/tavsim-test.XXXXXX";
+        const char* made = ::mkdtemp(templ.data());
         if (!made) std::abort();
         dir_ = std::string(made) + "/m";
         if (create) {
@@ -43,6 +47,12 @@ public:
     {
         std::error_code ignored;
         std::filesystem::remove_all(std::filesystem::path(dir_).parent_path(), ignored);
+        if (deathTestChild()) return;
+        const std::string prefix = childPrefix(::getpid());
+        const std::filesystem::path tmp = std::filesystem::path(prefix).parent_path();
+        const std::string stem = std::filesystem::path(prefix).filename().string();
+        for (const auto& entry : std::filesystem::directory_iterator(tmp, ignored))
+            if (entry.path().filename().string().rfind(stem, 0) == 0) std::filesystem::remove_all(entry.path(), ignored);
     }
     const std::string& dir() const { return dir_; }
     std::string host(const std::string& rel) const { return dir_ + "/" + rel; }
@@ -68,6 +78,9 @@ public:
     }
 
 private:
+    static bool deathTestChild() { return !GTEST_FLAG_GET(internal_run_death_test).empty(); }
+    static std::string childPrefix(pid_t parent) { return "/tmp/tavsim-test.child-" + std::to_string(parent) + "."; }
+
     std::string dir_;
 };
 
