@@ -66,13 +66,14 @@ const char kShowHelp[] =
     "                   the RAID tree (a row a node), as it logs them.\n";
 
 const char kPartitionHelp[] =
-    "Gives every drive in a bay the families' partition table through the system's\n"
+    "Gives every drive in a bay (with BAY, only the drive of that bay; the other\n"
+    "drives are not touched) the families' partition table through the system's\n"
     "own table builder: signature 2048 sectors, boot 20480, data the rest, then\n"
     "in the extended partition os 2097152, os2 2097152 and log 98304. The builder\n"
-    "works on 32-bit sizes: unless every drive has 4317185 to 4294967295 sectors\n"
-    "nothing is written. A failed build names the step (the open, the size or\n"
-    "geometry request, a table write, the re-read) with its errno and the\n"
-    "builder's result.\n";
+    "works on 32-bit sizes: unless every drive to partition has 4317185 to\n"
+    "4294967295 sectors nothing is written. A failed build names the step (the\n"
+    "open, the size or geometry request, a table write, the re-read) with its\n"
+    "errno and the builder's result. An empty BAY is refused.\n";
 
 const char kFaultHelp[] =
     "Arms a fault on the calls OP of PATH that the system makes:\n"
@@ -139,7 +140,7 @@ const std::vector<Command> kCommands = {
     {"create", "DIR --platform ID [--serial S] [--sectors N [--any-size]] [--feature SECTION:KEY=VALUE]... [--no-drives]",
      "make a module in DIR", kCreateHelp, runCreate},
     {"show", "DIR [--json | --partitions | --signature]", "platform, model, clock, bays, shelf, faults", kShowHelp, runShow},
-    {"partition", "DIR", "give every drive the families' partition table", kPartitionHelp, runPartition},
+    {"partition", "DIR [BAY]", "give every drive, or BAY's, the families' partition table", kPartitionHelp, runPartition},
     {"sign", "DIR [--time T]", "sign every drive as a freshly installed module",
      "Gives every drive in a bay the signature of a freshly installed module of\n"
      "this serial number, through the system's own signature code: a record per\n"

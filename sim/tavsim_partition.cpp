@@ -1,4 +1,4 @@
-// tavsim partition: the families' table on every drive, through the system's
+// tavsim partition: the families' table on every drive (or one bay's), through the system's
 // own table builder, with the drive sizes checked first and a failed build
 // told by its step.
 #include <cerrno>
@@ -165,13 +165,18 @@ int runPartition(const Call& call)
 {
     Words w;
     int status = 0;
-    auto module = openModuleCall(call, {}, 1, 1, w, status);
+    auto module = openModuleCall(call, {}, 1, 2, w, status);
     if (!module) return status;
     Manifest m = module->manifest();
+    int only = 0;
+    if (w.positional.size() == 2) {
+        if ((status = bayArgument(call, m, w.positional[1], only))) return status;
+        if (!m.driveInBay(only)) return refused(call, "bay " + std::to_string(only) + ": empty; no drive to partition");
+    }
     std::vector<const Bay*> bays;
     std::vector<std::string> problems;
     for (const Bay& b : m.bays)
-        if (const Drive* d = m.driveInBay(b.number)) {
+        if (const Drive* d = m.driveInBay(b.number); d && (only == 0 || b.number == only)) {
             bays.push_back(&b);
             if (std::string p = sizeProblem(*module, b, *d); !p.empty()) problems.push_back(p);
         }
