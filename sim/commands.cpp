@@ -9,6 +9,7 @@
 
 #include "hp_cli.h"
 #include "manager_programs.h"
+#include "os_mirror.h"
 #include "module.h"
 #include "ps_listing.h"
 
@@ -389,8 +390,9 @@ CommandTable CommandTable::standard()
 {
     CommandTable t;
     auto succeed = [](CommandContext&, const Words&) { return ok(); };
-    // Appliance scripts: the OS mirror and the boot sector of a drive.
-    for (const char* script : {"/etc/marrowby/tav_osraid", "/etc/marrowby/tav_cpboot", "/etc/marrowby/tav_lilo"})
+    // Appliance scripts: the OS mirror (os_mirror.h) and the boot sector of a drive.
+    addOsMirrorRules(t);
+    for (const char* script : {"/etc/marrowby/tav_cpboot", "/etc/marrowby/tav_lilo"})
         t.add({script}, [](CommandContext& ctx, const Words& argv) {
             bool operandOk = argv.size() >= 2 && deviceUsable(ctx.module, argv.back() + "disc");
             return CommandResult{operandOk ? 0 : 1, ""};

@@ -97,6 +97,11 @@
 //   without the one-event grace of some kernels.
 // - A member whose drive left its bay is failed the next time the md state is
 //   touched (any request, /proc/mdstat, tavsim), not at the first I/O error.
+// - The OS mirror script "/etc/marrowby/tav_osraid start|stop BASE"
+//   (os_mirror.h) is not a shell script running mdadm: it makes the md
+//   driver's own fail, remove and hot-add steps on the members BASE + "part5"
+//   of md200 and BASE + "part7" of md201. Its other work on a real appliance
+//   (boot files of the OS partition) is not modelled.
 //
 // The chassis controller (dsp.h) leaves out, of a real DSP and its driver:
 // - The framing on the serial line is the model's own (dsp_driver.h): the

@@ -107,10 +107,10 @@ TEST_F(Disk, ShellOperationsAreRunAsCommands)
 
 TEST_F(Disk, TavSystemRunsInAChildAndGivesTheWaitStatus)
 {
-    int status = tav_system("/etc/marrowby/tav_osraid stop /dev/x/");
+    int status = tav_system("/etc/marrowby/tav_osraid stop /dev/ide/host0/bus0/target0/lun0/");
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);
-    EXPECT_NE(commandLog().find("tav_osraid stop /dev/x/"), std::string::npos);
+    EXPECT_NE(commandLog().find("tav_osraid stop /dev/ide/host0/bus0/target0/lun0/"), std::string::npos);
     status = tav_system("no-such-tool --flag");
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_NE(WEXITSTATUS(status), 0);

@@ -2,10 +2,17 @@
 // partitioned alone, the OS mirror script taking a drive's members out and
 // back, and a drive as a new one of the product arrives.
 #include <fcntl.h>
+#include <memory>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include "driveutils/tavbus.h"
+#include "driveutils/tavdrivemgr.h"
+#include "platform/platform.h"
 #include "sim_fixture.h"
+#include "sim/md_kernel.h"
 #include "sim/module.h"
+#include "sim/sign.h"
 
 using namespace simtest;
 
@@ -82,4 +89,128 @@ TEST(PartitionOneBay, OnlyThatBaysDriveGetsTheTableAndBadBaysAreRefused)
     }
     EXPECT_EQ(tavsim({"partition", d, "1", "2"}).status, 2);
     EXPECT_EQ(imagesByBay(m), partitioned);
+}
+
+namespace {
+
+constexpr const char* kBase4 = "/dev/ide/host0/bus1/target0/lun0/";  // bay 4 of platform 1
+
+std::string osraid(const std::string& words) { return std::string("/etc/marrowby/tav_osraid ") + words; }
+
+// The condition of array `minor` and of its member on bay `bay` ("" when out).
+std::pair<std::string, std::string> mirror(const sim::MdState& s, int minor, int bay)
+{
+    const sim::MdArray* a = s.array(minor);
+    if (!a) return {"none", ""};
+    std::string member;
+    for (const sim::MdMember& x : a->members)
+        if (x.bay == bay) member = sim::memberCondition(*a, x, false);
+    return {sim::arrayCondition(*a, false), member};
+}
+
+// What the system's IDE bus says of the OS mirrors: 1 when both are whole.
+int osRaidComplete()
+{
+    sim::QuietOutput quiet;
+    sim::resetDriveManager();
+    TavDriveMgr::init();
+    const int complete = TavDriveMgr::nBuses > 0 ? TavDriveMgr::buses[0]->osRaidComplete() : -1;
+    sim::resetDriveManager();
+    return complete;
+}
+
+// A module of platform 1 with its data array and both OS mirrors standing.
+class OsMirror : public testing::Test {
+protected:
+    OsMirror()
+    {
+        for (const std::vector<std::string>& args : {std::vector<std::string>{"partition", m.dir()},
+                                                     std::vector<std::string>{"sign", m.dir()},
+                                                     std::vector<std::string>{"raid", m.dir(), "--level", "5"}}) {
+            Captured r = tavsim(args);
+            EXPECT_EQ(r.status, 0) << r.err;
+        }
+        platform = std::make_unique<sim::SimPlatform>(m.dir());
+        scope = std::make_unique<plat::ScopedPlatform>(*platform);
+    }
+    int run(const std::string& words) { return WEXITSTATUS(plat::system(osraid(words).c_str())); }
+    sim::MdState md() { return sim::mdState(platform->module()); }
+
+    TempModule m;
+    std::unique_ptr<sim::SimPlatform> platform;
+    std::unique_ptr<plat::ScopedPlatform> scope;
+};
+
+} // namespace
+
+TEST_F(OsMirror, ADriveLeavesBothMirrorsAndReturnsAsASpareThatResyncs)
+{
+    using P = std::pair<std::string, std::string>;
+    EXPECT_EQ(mirror(md(), 200, 4), P("active", "in-sync"));
+    EXPECT_EQ(osRaidComplete(), 1);
+
+    EXPECT_EQ(run(std::string("stop ") + kBase4), 0);
+    for (int minor : {200, 201}) EXPECT_EQ(mirror(md(), minor, 4), P("degraded", "")) << minor;
+    EXPECT_EQ(md().array(200)->counts().nr, 3);
+    EXPECT_EQ(mirror(md(), 1, 4), P("active", "in-sync"));  // the data array is not the script's
+    EXPECT_EQ(osRaidComplete(), 0);
+    EXPECT_EQ(run(std::string("stop ") + kBase4), 0);        // already out
+
+    EXPECT_EQ(run(std::string("start ") + kBase4), 0);
+    for (int minor : {200, 201}) EXPECT_EQ(mirror(md(), minor, 4), P("recovering", "rebuilding")) << minor;
+    EXPECT_EQ(run(std::string("start ") + kBase4), 0);       // already in: no second member
+    EXPECT_EQ(md().array(200)->counts().nr, 4);
+    EXPECT_EQ(osRaidComplete(), 0);
+    plat::sleep(2);  // a 1 GiB os partition at 200000 KiB/s takes over 5 s
+    EXPECT_EQ(mirror(md(), 200, 4), P("recovering", "rebuilding"));
+    plat::sleep(10);
+    for (int minor : {200, 201}) EXPECT_EQ(mirror(md(), minor, 4), P("active", "in-sync")) << minor;
+    EXPECT_EQ(osRaidComplete(), 1);
+
+    const std::string log = platform->module().readState("commands.log");
+    EXPECT_NE(log.find(" system 0 " + osraid("stop ") + kBase4 + "\n"), std::string::npos) << log;
+    EXPECT_NE(log.find(" system 0 " + osraid("start ") + kBase4 + "\n"), std::string::npos) << log;
+}
+
+TEST_F(OsMirror, APulledDriveIsRemovedAndANewOneInItsBayJoins)
+{
+    ASSERT_EQ(tavsim({"pull", m.dir(), "4"}).status, 0);
+    EXPECT_EQ(mirror(md(), 200, 4), std::make_pair(std::string("degraded"), std::string("faulty")));
+    EXPECT_EQ(run(std::string("start ") + kBase4), 1);  // no drive: the faulty member stays out
+    EXPECT_EQ(run(std::string("stop ") + kBase4), 0);
+    EXPECT_EQ(mirror(md(), 201, 4).second, "");
+
+    ASSERT_EQ(tavsim({"insert", m.dir(), "4"}).status, 0);
+    EXPECT_EQ(run(std::string("start ") + kBase4), 1);  // not partitioned yet
+    ASSERT_EQ(tavsim({"partition", m.dir(), "4"}).status, 0);
+    EXPECT_EQ(run(std::string("start ") + kBase4), 0);
+    plat::sleep(20);
+    for (int minor : {200, 201}) EXPECT_EQ(mirror(md(), minor, 4).second, "in-sync") << minor;
+    EXPECT_EQ(osRaidComplete(), 1);
+}
+
+TEST_F(OsMirror, RefusalsAndTheLastMemberOfAMirror)
+{
+    EXPECT_EQ(run("stop /dev/x/"), 1);
+    EXPECT_EQ(run("stop /dev/ide/host0/bus1/target0/lun0"), 1);  // without its slash: no bay
+    EXPECT_EQ(run(std::string("restart ") + kBase4), 2);
+    EXPECT_EQ(run("stop"), 2);
+    EXPECT_EQ(run(std::string("stop ") + kBase4 + " " + kBase4), 2);
+    EXPECT_EQ(mirror(md(), 200, 4).second, "in-sync");
+
+    for (const char* base : {"/dev/ide/host0/bus0/target0/lun0/", "/dev/ide/host0/bus0/target1/lun0/",
+                             "/dev/ide/host0/bus1/target1/lun0/"})
+        EXPECT_EQ(run(std::string("stop ") + base), 0) << base;
+    EXPECT_EQ(run(std::string("stop ") + kBase4), 1);
+    for (int minor : {200, 201}) EXPECT_EQ(mirror(md(), minor, 4).second, "in-sync") << minor;
+    EXPECT_EQ(md().array(201)->counts().nr, 1);
+}
+
+TEST(OsMirrorAbsent, AModuleWithoutMirrorsRunsTheScriptHarmlessly)
+{
+    TempModule m;
+    sim::SimPlatform p(m.dir());
+    for (const char* verb : {"stop ", "start "})
+        EXPECT_EQ(p.system((osraid(verb) + kBase4).c_str()), 0) << verb;
+    EXPECT_TRUE(sim::mdState(p.module()).arrays.empty());
 }
