@@ -152,9 +152,13 @@ const std::vector<Command> kCommands = {
      "configure the data array as an installed module has it", kRaidHelp, runRaid},
     {"pull", "DIR BAY", "move the drive of BAY to the shelf",
      "Takes the drive out of BAY and puts it on the shelf; its data goes with it.\n", runPull},
-    {"insert", "DIR BAY [SERIAL]", "put a shelf drive, or a new one, into an empty bay",
+    {"insert", "DIR BAY [SERIAL | --new-product]", "put a shelf drive, or a new one, into an empty bay",
      "Puts drive SERIAL from the shelf into the empty BAY; without SERIAL, a new\n"
-     "blank drive like the module's others.\n",
+     "blank drive like the module's others. With --new-product the new drive\n"
+     "arrives as the product ships it: the families' partition table, and a\n"
+     "signature whose header carries its own serial number and whose one record\n"
+     "names it with no owner and order 0, so that the drive manager's verdict is\n"
+     "a new drive of the product.\n",
      runInsert},
     {"swap", "DIR BAY1 BAY2", "exchange the drives of two bays",
      "Exchanges the drives of two bays; either may be empty.\n", runSwap},

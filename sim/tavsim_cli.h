@@ -99,6 +99,9 @@ void writeArraysJson(JsonWriter& j, const MdState& state, const Manifest& manife
 // "1, 2 and 4".
 std::string listed(const std::vector<std::string>& items);
 
+// The families' table on the drive of `bay`, sizes checked first; "" or why not.
+std::string partitionBay(Module& module, int bay);
+
 int runCreate(const Call& call);
 int runShow(const Call& call);
 int runPartition(const Call& call);

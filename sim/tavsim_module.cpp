@@ -9,6 +9,7 @@
 #include "create.h"
 #include "faults.h"
 #include "family_layout.h"
+#include "product_drive.h"
 #include "programs.h"
 #include "table.h"
 #include "tavsim_cli.h"
@@ -165,8 +166,10 @@ int runInsert(const Call& call)
 {
     Words w;
     int status = 0;
-    auto module = openModuleCall(call, {}, 2, 3, w, status);
+    auto module = openModuleCall(call, {{"--new-product", nullptr}}, 2, 3, w, status);
     if (!module) return status;
+    const bool product = w.has("--new-product");
+    if (product && w.positional.size() == 3) return badUsage(call, "--new-product puts a new drive, not one of the shelf");
     int bay = 0;
     Manifest m = module->manifest();
     if ((status = bayArgument(call, m, w.positional[1], bay))) return status;
@@ -188,6 +191,14 @@ int runInsert(const Call& call)
     const Manifest after = module->manifest();
     const Drive* d = after.driveInBay(bay);
     const std::string put = d ? d->serial : serial;
+    if (product) {
+        std::string err = partitionBay(*module, bay);
+        if (err.empty()) err = signAsNewProduct(*module, bay);
+        if (!err.empty()) return refused(call, "inserted a new blank drive " + put + " into " + bayText + ", but " + err);
+        report("inserted a new drive of the product " + put + " of " + sectorsAndSize(d ? d->sectors : 0) + " into " +
+               bayText + ": partitioned, signed with no owner and order 0");
+        return kDone;
+    }
     report(serial.empty() ? "inserted a new blank drive " + put + " of " + sectorsAndSize(d ? d->sectors : 0) + " into " + bayText
                           : "inserted drive " + put + " from the shelf into " + bayText);
     return kDone;

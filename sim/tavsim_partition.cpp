@@ -141,6 +141,17 @@ std::string build(SimPlatform& platform, const Bay& bay)
 
 } // namespace
 
+std::string partitionBay(Module& module, int bay)
+{
+    Manifest m = module.manifest();
+    const Bay* b = m.bay(bay);
+    const Drive* d = m.driveInBay(bay);
+    if (!b || !d) return "bay " + std::to_string(bay) + ": empty; no drive to partition";
+    if (std::string p = sizeProblem(module, *b, *d); !p.empty()) return p;
+    SimPlatform platform(module.dir());
+    return build(platform, *b);
+}
+
 int runSign(const Call& call)
 {
     Words w;

@@ -12,7 +12,9 @@
 #include "sim_fixture.h"
 #include "sim/md_kernel.h"
 #include "sim/module.h"
+#include "sim/product_drive.h"
 #include "sim/sign.h"
+#include "tavutils/tavdrivesig.h"
 
 using namespace simtest;
 
@@ -213,4 +215,62 @@ TEST(OsMirrorAbsent, AModuleWithoutMirrorsRunsTheScriptHarmlessly)
     for (const char* verb : {"stop ", "start "})
         EXPECT_EQ(p.system((osraid(verb) + kBase4).c_str()), 0) << verb;
     EXPECT_TRUE(sim::mdState(p.module()).arrays.empty());
+}
+
+namespace {
+
+// The drive manager's verdict on the drive of `bay`.
+int verdict(const std::string& dir, int bay)
+{
+    sim::SimPlatform platform(dir);
+    plat::ScopedPlatform scope(platform);
+    sim::QuietOutput quiet;
+    sim::resetDriveManager();
+    TavDriveMgr::init();
+    const int code = TavDriveMgr::checkDrive(bay);
+    sim::resetDriveManager();
+    return code;
+}
+
+} // namespace
+
+TEST(NewProductDrive, ArrivesPartitionedAndSignedWithNoOwnerSoItsVerdictIsNew)
+{
+    TempModule m;
+    const std::string& d = m.dir();
+    ASSERT_EQ(tavsim({"partition", d}).status, 0);
+    ASSERT_EQ(tavsim({"sign", d}).status, 0);
+    ASSERT_EQ(tavsim({"pull", d, "4"}).status, 0);
+    ASSERT_EQ(tavsim({"pull", d, "3"}).status, 0);
+
+    Captured r = tavsim({"insert", d, "4", "--new-product"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out.find("inserted a new drive of the product "), 0u) << r.out;
+    EXPECT_NE(r.out.find(" into bay 4: partitioned, signed with no owner and order 0\n"), std::string::npos) << r.out;
+    ASSERT_EQ(tavsim({"insert", d, "3"}).status, 0);
+    ASSERT_EQ(tavsim({"partition", d, "3"}).status, 0);
+
+    EXPECT_EQ(verdict(d, 4), 9);
+    EXPECT_EQ(verdict(d, 3), 7);
+    EXPECT_EQ(verdict(d, 1), 0);
+    Captured shown = tavsim({"show", d, "--signature"});
+    EXPECT_NE(shown.out.find(getDriveSignatureText(9)), std::string::npos) << shown.out;
+    EXPECT_NE(shown.out.find(getDriveSignatureText(7)), std::string::npos) << shown.out;
+
+    // Both copies carry the drive's own serial number in the header.
+    const sim::Manifest manifest = sim::Module(d).manifest();
+    const std::string serial = manifest.driveInBay(4)->serial;
+    const std::string part1 = extents(m.map("/dev/ide/host0/bus1/target0/lun0/disc"));
+    const std::string block = sim::newProductSignature(serial);
+    EXPECT_EQ(block.compare(28, serial.size() + 1, serial + '\0'), 0);
+    EXPECT_EQ(block.compare(512 + 168, serial.size() + 1, serial + '\0'), 0);
+    size_t copies = 0;
+    for (size_t at = 0; (at = part1.find(block, at)) != std::string::npos; ++at) ++copies;
+    EXPECT_EQ(copies, 2u);
+
+    EXPECT_EQ(tavsim({"insert", d, "4", "--new-product"}).status, 1);  // the bay is taken
+    ASSERT_EQ(tavsim({"pull", d, "4"}).status, 0);
+    Captured shelf = tavsim({"insert", d, "4", serial, "--new-product"});
+    EXPECT_EQ(shelf.status, 2);
+    EXPECT_EQ(shelf.err.find("tavsim insert: --new-product puts a new drive, not one of the shelf"), 0u) << shelf.err;
 }
