@@ -74,7 +74,7 @@ bool visitCharon(Module& module, const Visit& visit)
         const std::string stamp = std::to_string(module.now().tv_sec) + " ";
         for (const std::string& line : log) module.appendState(kLogName, stamp + line);
         std::string after = s.format();
-        // A file read afresh is written back even when the result is the same text.
+        // Written back only when the text changed.
         if (after == text) return false;
         text = after;
         return true;

@@ -18,14 +18,6 @@ namespace {
 
 CommandResult ok(std::string output = "") { return CommandResult{0, std::move(output)}; }
 
-// The last word that is not an option.
-std::string lastOperand(const Words& argv)
-{
-    for (size_t i = argv.size(); i-- > 1;)
-        if (argv[i].empty() || argv[i][0] != '-') return argv[i];
-    return "";
-}
-
 std::vector<Words> parseLines(const std::string& text)
 {
     std::vector<Words> out;
@@ -41,21 +33,12 @@ std::vector<Words> parseLines(const std::string& text)
     return out;
 }
 
-std::vector<Words> stateLines(Module& m, const std::string& name) { return parseLines(m.readState(name)); }
-
-// Read-modify-write of a state file of word lines under the module's lock.
-bool updateStateLines(Module& m, const std::string& name, const std::function<bool(std::vector<Words>&)>& change)
+// The last word that is not an option.
+std::string lastOperand(const Words& argv)
 {
-    return m.updateState(name, [&](std::string& text) {
-        std::vector<Words> lines = parseLines(text);
-        if (!change(lines)) return false;
-        text.clear();
-        for (const Words& l : lines) {
-            for (size_t i = 0; i < l.size(); ++i) text += (i ? " " : "") + l[i];
-            text += "\n";
-        }
-        return true;
-    });
+    for (size_t i = argv.size(); i-- > 1;)
+        if (argv[i].empty() || argv[i][0] != '-') return argv[i];
+    return "";
 }
 
 // A device operand must be present when it names a drive node of the module.
@@ -247,6 +230,22 @@ void deliver(const Output& out, OutputFiles* files, CommandResult& result)
 }
 
 } // namespace
+
+std::vector<Words> stateLines(Module& m, const std::string& name) { return parseLines(m.readState(name)); }
+
+bool updateStateLines(Module& m, const std::string& name, const std::function<bool(std::vector<Words>&)>& change)
+{
+    return m.updateState(name, [&](std::string& text) {
+        std::vector<Words> lines = parseLines(text);
+        if (!change(lines)) return false;
+        text.clear();
+        for (const Words& l : lines) {
+            for (size_t i = 0; i < l.size(); ++i) text += (i ? " " : "") + l[i];
+            text += "\n";
+        }
+        return true;
+    });
+}
 
 bool splitPipeline(const std::string& line, std::vector<Stage>& stages)
 {

@@ -51,6 +51,12 @@ public:
     virtual void close(int fd) = 0;
 };
 
+// A state file of the module as lines of blank-separated words (empty lines
+// dropped), and its read-modify-write under the module's lock: `change`
+// gives false to leave the file as it was.
+std::vector<Words> stateLines(Module& m, const std::string& name);
+bool updateStateLines(Module& m, const std::string& name, const std::function<bool(std::vector<Words>&)>& change);
+
 class CommandTable {
 public:
     // The rules of the IDE platforms: appliance scripts, file system and boot

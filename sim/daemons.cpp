@@ -205,18 +205,10 @@ size_t DaemonStatus::livePids() const
 
 namespace {
 
-std::vector<std::string> lines(const std::string& text)
-{
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) out.push_back(line);
-    return out;
-}
-
 // The argument after "--dir" in the section of a configuration file.
 std::string dataDirOf(const std::string& text, const char* section)
 {
-    const std::vector<std::string> all = lines(text);
+    const std::vector<std::string> all = textLines(text);
     size_t i = 0;
     while (i < all.size() && all[i] != section) ++i;
     for (++i; i < all.size() && all[i] != "END"; ++i)
@@ -227,7 +219,7 @@ std::string dataDirOf(const std::string& text, const char* section)
 // "exit N" of a control file, as the script reads it; -1 for anything else.
 int controlExit(const std::string& text)
 {
-    const std::vector<std::string> all = lines(text);
+    const std::vector<std::string> all = textLines(text);
     if (all.size() != 1 || all[0].compare(0, 5, "exit ") != 0) return -1;
     const std::string n = all[0].substr(5);
     if (n.empty() || n.size() > 3 || n.find_first_not_of("0123456789") != std::string::npos) return -1;
@@ -261,7 +253,7 @@ DaemonStatus daemonStatus(const Module& module)
     }
     std::string text;
     if ((st.hasSystemId = host.readFile(kSystemIdFile, text)))
-        for (const std::string& line : lines(text))
+        for (const std::string& line : textLines(text))
             if (!line.empty()) {
                 st.systemId = line;
                 break;
@@ -269,7 +261,7 @@ DaemonStatus daemonStatus(const Module& module)
     if ((st.hasUdpArgs = host.readFile(kUdpArgsFile, text))) {
         // As the system reads it: from a line holding "STORAGE" to one holding "END".
         bool in = false;
-        for (const std::string& line : lines(text)) {
+        for (const std::string& line : textLines(text)) {
             if (in && line.find("END") != std::string::npos) break;
             if (in) st.udpStorage.push_back(line);
             else in = line.find("STORAGE") != std::string::npos;

@@ -13,14 +13,6 @@ constexpr const char* kDatabases = "databases";
 constexpr const char* kUdpWords = "/STORAGE/ {x=1; next} /END/ {if (x == 1) exit} {if (x == 1) print $1}";
 constexpr const char* kMd5Field = "/md5/ {print $3 ;exit}";
 
-std::vector<std::string> lines(const std::string& text)
-{
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) out.push_back(line);
-    return out;
-}
-
 // awk's field N of `line` split at blanks and tabs; "" when there are fewer.
 std::string field(const std::string& line, size_t n)
 {
@@ -51,7 +43,7 @@ CommandResult udpWords(CommandContext& ctx, const Words& argv)
     if (!ctx.module.host().readFile(rel, text)) return CommandResult{2, ""};
     std::string out;
     bool inside = false;
-    for (const std::string& line : lines(text)) {
+    for (const std::string& line : textLines(text)) {
         if (line.find("STORAGE") != std::string::npos) {
             inside = true;
             continue;
@@ -65,7 +57,7 @@ CommandResult udpWords(CommandContext& ctx, const Words& argv)
 CommandResult md5Field(CommandContext& ctx, const Words& argv)
 {
     if (argv.size() != 2) return CommandResult{2, ""};
-    for (const std::string& line : lines(ctx.input))
+    for (const std::string& line : textLines(ctx.input))
         if (line.find("md5") != std::string::npos) return CommandResult{0, field(line, 3) + "\n"};
     return CommandResult{0, ""};
 }
@@ -74,7 +66,7 @@ CommandResult quotedField(CommandContext& ctx, const Words& argv)
 {
     if (argv.size() != 3) return CommandResult{2, ""};
     std::string out;
-    for (const std::string& line : lines(ctx.input)) out += fieldAt(line, '\'', 2) + "\n";
+    for (const std::string& line : textLines(ctx.input)) out += fieldAt(line, '\'', 2) + "\n";
     return CommandResult{0, out};
 }
 
@@ -106,22 +98,16 @@ void addManagerProgramRules(CommandTable& table)
 std::map<std::string, std::string> databases(Module& module)
 {
     std::map<std::string, std::string> out;
-    for (const std::string& line : lines(module.readState(kDatabases))) {
-        std::istringstream in(line);
-        std::string id, md5;
-        if (in >> id >> md5) out[id] = md5;
-    }
+    for (const Words& line : stateLines(module, kDatabases))
+        if (line.size() >= 2) out[line[0]] = line[1];
     return out;
 }
 
 void setDatabase(Module& module, const std::string& systemId, const std::string& md5)
 {
-    module.updateState(kDatabases, [&](std::string& text) {
-        std::string out;
-        for (const std::string& line : lines(text))
-            if (field(line, 1) != systemId) out += line + "\n";
-        if (!md5.empty()) out += systemId + " " + md5 + "\n";
-        text = out;
+    updateStateLines(module, kDatabases, [&](std::vector<Words>& lines) {
+        std::erase_if(lines, [&](const Words& line) { return line[0] == systemId; });
+        if (!md5.empty()) lines.push_back({systemId, md5});
         return true;
     });
 }

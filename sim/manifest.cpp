@@ -19,6 +19,14 @@ bool parseNumber(const std::string& word, uint64_t& out)
     return true;
 }
 
+std::vector<std::string> textLines(const std::string& text)
+{
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) out.push_back(line);
+    return out;
+}
+
 bool parseSigned(const std::string& word, int64_t min, int64_t max, int64_t& out)
 {
     const bool negative = !word.empty() && word[0] == '-';

@@ -70,5 +70,7 @@ bool parseNumber(const std::string& word, uint64_t& out);
 bool parseHexNumber(const std::string& word, uint64_t& out);
 // A decimal number `min` to `max`, with an optional "-"; no leading zero.
 bool parseSigned(const std::string& word, int64_t min, int64_t max, int64_t& out);
+// The lines of a text, without their newlines.
+std::vector<std::string> textLines(const std::string& text);
 
 } // namespace sim

@@ -88,7 +88,6 @@ struct Step {
     std::string text;
     int state = 0;
     int type = 0;
-    std::string iface, level;
     int result = 0;
     std::string reply;
 };
@@ -124,30 +123,23 @@ bool oneOfThree(const char* what, const std::string& word, const char* const nam
     return false;
 }
 
-size_t argumentCount(Takes takes)
-{
-    switch (takes) {
-    case Takes::Nothing: return 0;
-    case Takes::Text:
-    case Takes::Type: return 1;
-    case Takes::TypeText:
-    case Takes::StateType:
-    case Takes::IfaceLevel: return 2;
-    }
-    return 0;
-}
+// How many words a command takes after its name, and their names for a usage line.
+struct Arguments {
+    size_t count;
+    const char* names;
+};
 
-const char* argumentNames(Takes takes)
+Arguments argumentsOf(Takes takes)
 {
     switch (takes) {
-    case Takes::Nothing: return "";
-    case Takes::Text: return " TEXT";
-    case Takes::Type: return " TYPE";
-    case Takes::TypeText: return " TYPE TEXT";
-    case Takes::StateType: return " STATE TYPE";
-    case Takes::IfaceLevel: return " IFACE LEVEL";
+    case Takes::Nothing: return {0, ""};
+    case Takes::Text: return {1, " TEXT"};
+    case Takes::Type: return {1, " TYPE"};
+    case Takes::TypeText: return {2, " TYPE TEXT"};
+    case Takes::StateType: return {2, " STATE TYPE"};
+    case Takes::IfaceLevel: return {2, " IFACE LEVEL"};
     }
-    return "";
+    return {0, ""};
 }
 
 // The steps of the words after "run"; false with the reason.
@@ -161,9 +153,10 @@ bool parseSteps(const std::vector<std::string>& words, std::vector<Step>& steps,
             why = "unknown command " + cell(words[at]) + "; give one of " + serviceNames();
             return false;
         }
-        const size_t count = argumentCount(step.service->takes);
+        const Arguments args = argumentsOf(step.service->takes);
+        const size_t count = args.count;
         if (words.size() - at - 1 < count) {
-            why = std::string(step.service->name) + " takes" + argumentNames(step.service->takes);
+            why = std::string(step.service->name) + " takes" + args.names;
             return false;
         }
         step.words.assign(words.begin() + static_cast<long>(at) + 1,
@@ -183,10 +176,7 @@ bool parseSteps(const std::vector<std::string>& words, std::vector<Step>& steps,
                 !oneOfThree("TYPE", step.words[1], typeNames, step.type, why))
                 return false;
             break;
-        case Takes::IfaceLevel:
-            step.iface = step.words[0];
-            step.level = step.words[1];
-            break;
+        case Takes::IfaceLevel: break;  // taken as they stand
         }
         steps.push_back(std::move(step));
         at += 1 + count;
@@ -211,7 +201,7 @@ void runStep(TavOndraInterface& services, Step& step)
     case Takes::TypeText: step.result = (services.*s.typed)(buffer, step.type); break;
     case Takes::StateType: step.result = (services.*s.stateTyped)(buffer, step.state, step.type); break;
     case Takes::IfaceLevel: {
-        TavString iface = step.iface.c_str(), level = step.level.c_str();
+        TavString iface = step.words[0].c_str(), level = step.words[1].c_str();
         step.result = services.initModData(buffer, iface, level);
         break;
     }

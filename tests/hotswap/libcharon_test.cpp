@@ -128,10 +128,7 @@ TEST(Libcharon, FailedOpenGivesMinusOneAndFailedRequestMinusE2big)
 TEST(Libcharon, NoNodeOnAModuleWithoutIdeInterfaces)
 {
     TempModule m(2, false);
-    sim::CreateOptions o;
-    o.platform = 2;
-    o.identityOnly = true;
-    ASSERT_EQ(sim::createModule(m.dir(), o), "");
+    ASSERT_EQ(createIdentityOnly(m, 2), "");
     sim::SimPlatform p(m.dir());
     plat::ScopedPlatform scope(p);
     EXPECT_EQ(charon_deactivate_if(0), -1);

@@ -67,10 +67,7 @@ TEST(Charon, NodeOfTheIdePlatformsOnly)
         EXPECT_EQ(sim::charonState(u.module()).interfaces.size(), 2u);
     }
     TempModule m(2, false);
-    sim::CreateOptions o;
-    o.platform = 2;
-    o.identityOnly = true;
-    ASSERT_EQ(sim::createModule(m.dir(), o), "");
+    ASSERT_EQ(createIdentityOnly(m, 2), "");
     sim::SimPlatform p(m.dir());
     plat::ScopedPlatform scope(p);
     EXPECT_EQ(plat::open(sim::kCharonNode, O_RDONLY), -1);
@@ -208,10 +205,7 @@ TEST(Charon, TavsimShowsAndInjectsAcrossProcesses)
         EXPECT_NE(out.find(why), std::string::npos) << args << out;
     }
     TempModule none(2, false);
-    sim::CreateOptions o;
-    o.platform = 2;
-    o.identityOnly = true;
-    ASSERT_EQ(sim::createModule(none.dir(), o), "");
+    ASSERT_EQ(createIdentityOnly(none, 2), "");
     EXPECT_EQ(run("charon " + none.dir()).substr(0, 2), "1:");
     EXPECT_EQ(run("charon " + dir + " --help").substr(0, 2), "0:");
 }

@@ -13,6 +13,7 @@
 #include "sim/ps_listing.h"
 
 using namespace simtest;
+using sim::textLines;
 
 namespace {
 
@@ -91,14 +92,6 @@ std::optional<long> readerPid(const std::string& line, const std::string& name)
     const size_t slash = command.rfind('/');
     if (slash == std::string::npos || command.compare(slash + 1, name.size(), name) != 0) return std::nullopt;
     return std::strtol(line.substr(9, 5).c_str(), nullptr, 10);
-}
-
-std::vector<std::string> lines(const std::string& text)
-{
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) out.push_back(line);
-    return out;
 }
 
 std::string readPipe(sim::SimPlatform& p, const std::string& command, int& status)
@@ -180,7 +173,7 @@ TEST(Ps, ListsTheModulesOwnProcessesAtTheReadersColumns)
     sim::SimPlatform p(m.dir());
     const char* file = "/etc/marrowby/store/ondraRunningFile.dat";
     EXPECT_EQ(p.system(("ps -ewf | grep \"ondrastore\" > " + std::string(file)).c_str()), 0);
-    const std::vector<std::string> found = lines(m.get(file));
+    const std::vector<std::string> found = textLines(m.get(file));
     ASSERT_EQ(found.size(), 1u) << m.get(file);
     EXPECT_EQ(readerPid(found[0], "ondrastore"), std::optional<long>(store)) << found[0];
     EXPECT_EQ(found[0].substr(48), sim::daemonScript(mod, 0) + " 100000");
@@ -189,7 +182,7 @@ TEST(Ps, ListsTheModulesOwnProcessesAtTheReadersColumns)
     // The whole listing: the header and the module's one process; neither the
     // host's sleep nor this test is in it.
     int status = -1;
-    const std::vector<std::string> listed = lines(readPipe(p, "ps -ewf", status));
+    const std::vector<std::string> listed = textLines(readPipe(p, "ps -ewf", status));
     EXPECT_EQ(status, 0);
     ASSERT_EQ(listed.size(), 2u);
     EXPECT_EQ(listed[0], sim::kPsHeader);
@@ -205,7 +198,7 @@ TEST(Ps, ListsTheModulesOwnProcessesAtTheReadersColumns)
     reap(host);
     sim::killDaemons(mod);
     reap(store);
-    const std::vector<std::string> after = lines(readPipe(p, "ps -ewf", status));
+    const std::vector<std::string> after = textLines(readPipe(p, "ps -ewf", status));
     EXPECT_EQ(after.size(), 1u) << "a reaped daemon is gone from the listing";
 }
 
@@ -231,7 +224,7 @@ TEST(Ps, AScriptNotYetAtItsExecIsListedAsItsProgram)
 
     sim::SimPlatform p(m.dir());
     int status = -1;
-    const std::vector<std::string> listed = lines(readPipe(p, "ps -ewf", status));
+    const std::vector<std::string> listed = textLines(readPipe(p, "ps -ewf", status));
     if (listed.size() != 2u) ::kill(-pid, SIGKILL);
     ASSERT_EQ(listed.size(), 2u) << "the script and nothing of its sleep";
     EXPECT_EQ(readerPid(listed[1], "ondraslow"), std::optional<long>(pid)) << listed[1];
@@ -379,7 +372,7 @@ TEST(TavsimDaemons, InstallShowAndKillTheModulesDaemons)
 
     r = tavsim({"daemons", d, "show"});
     EXPECT_EQ(r.status, 0) << r.err;
-    const std::vector<std::string> out = lines(r.out);
+    const std::vector<std::string> out = textLines(r.out);
     if (out.size() != 12u) sim::killDaemons(mod);
     ASSERT_EQ(out.size(), 12u) << r.out;
     EXPECT_EQ(out[0], "daemons: installed, 1 live, system id NO_SYSTEM_ID");
@@ -420,17 +413,17 @@ TEST(TavsimDaemons, InstallShowAndKillTheModulesDaemons)
     m.put("/etc/marrowby/comm/ondraSystemId.cfg", "\n\nUNIT 7\nNEXT\n");
     std::filesystem::remove(m.map(sim::daemonConfig(2, 0)));
     r = tavsim({"daemons", d, "show"});
-    EXPECT_EQ(lines(r.out)[0], "daemons: installed, 1 live, system id \"UNIT 7\"");
-    EXPECT_EQ(row(lines(r.out)[4])[5], "/var/ondra/store");
-    EXPECT_EQ(row(lines(r.out)[4])[6], "yes");
-    EXPECT_EQ(row(lines(r.out)[5])[2], "no") << "mgr's Init file is gone";
+    EXPECT_EQ(textLines(r.out)[0], "daemons: installed, 1 live, system id \"UNIT 7\"");
+    EXPECT_EQ(row(textLines(r.out)[4])[5], "/var/ondra/store");
+    EXPECT_EQ(row(textLines(r.out)[4])[6], "yes");
+    EXPECT_EQ(row(textLines(r.out)[5])[2], "no") << "mgr's Init file is gone";
 
     EXPECT_EQ(tavsim({"daemons", d, "kill"}).out, "killed 1 daemon: " + pid + "\n");
     reap(store);
     EXPECT_EQ(tavsim({"daemons", d, "kill"}).out, "no daemon of the module was running\n");
     std::filesystem::remove(m.map("/etc/marrowby/comm/ondraSystemId.cfg"));
     std::filesystem::remove(m.host("daemons/ondravmgr"));
-    EXPECT_EQ(lines(tavsim({"daemons", d, "show"}).out)[0],
+    EXPECT_EQ(textLines(tavsim({"daemons", d, "show"}).out)[0],
               "daemons: partly installed (2 of 3 scripts), 0 live, no system id");
 }
 
@@ -472,6 +465,6 @@ TEST(TavsimDaemons, RefusalsNameTheArgumentAndItsRange)
     EXPECT_EQ(r.err, "tavsim daemons: cannot write daemons\n");
     r = tavsim({"daemons", "--help"});
     EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(lines(r.out)[0], "usage: tavsim daemons DIR install [--fail TYPE] | show [--json] | kill | database "
+    EXPECT_EQ(textLines(r.out)[0], "usage: tavsim daemons DIR install [--fail TYPE] | show [--json] | kill | database "
                                "SYSTEMID MD5|--remove | umem on|off");
 }

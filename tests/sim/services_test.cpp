@@ -8,16 +8,9 @@
 #include "sim/manager_programs.h"
 
 using namespace simtest;
+using sim::textLines;
 
 namespace {
-
-std::vector<std::string> lines(const std::string& text)
-{
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) out.push_back(line);
-    return out;
-}
 
 // A JSON text without the blanks and newlines between its tokens.
 std::string compact(const std::string& json)
@@ -100,7 +93,7 @@ TEST_F(Services, DaemonsLeftRunningAreStoppedAndAFailureIsTheStatus)
     Captured r = tavsim({"services", m_.dir(), "run", "initModData", "eth0", "5", "join", "store1/sys42",
                          "managerStart", "store1/sys42/mgr1/sometimes", "getRun", "store"});
     EXPECT_EQ(r.status, 1) << r.err;
-    const std::vector<std::string> table = lines(r.out);
+    const std::vector<std::string> table = textLines(r.out);
     ASSERT_EQ(table.size(), 5u) << r.out;
     EXPECT_EQ(table[0].substr(0, 4), "STEP");
     EXPECT_NE(table[3].find("-1"), std::string::npos) << table[3];

@@ -84,6 +84,16 @@ private:
     std::string dir_;
 };
 
+// Gives the empty module directory of `m` the identity files of `platform`
+// and no bays; "" or why not.
+inline std::string createIdentityOnly(const TempModule& m, int platform)
+{
+    sim::CreateOptions options;
+    options.platform = platform;
+    options.identityOnly = true;
+    return sim::createModule(m.dir(), options);
+}
+
 // A primary table and an extended chain of `logicals` sizes, as the drive
 // code lays them out; returns (sector, 512 bytes) to write.
 struct TableSector {
