@@ -236,9 +236,9 @@ ssize_t DspDevice::write(DeviceContext& ctx, OpenNode&, const void* buf, size_t 
             return;
         }
         const bool silent = u.state.behaviours.silent;
+        const bool lost = !fw.command(bytes);
         log.push_back("command " + spaced(bytes, count) + " (" + dsp::describeCommand(bytes) + ")" +
-                      (silent ? " lost: the DSP is silent" : ""));
-        fw.command(bytes);
+                      (silent ? " lost: the DSP is silent" : lost ? " lost" : ""));
     });
     if (!present) return fail(EIO);
     return count == dsp::kCommandBytes ? static_cast<ssize_t>(count) : fail(EINVAL);

@@ -48,6 +48,7 @@ struct DspBehaviours {
     bool wrongEcho = false;      // the echo's bytes are inverted: they match no command
     bool halt = false;           // type 14 and "HALT" where a command would finish
     bool powerNoop = false;      // power commands answer done and change nothing
+    unsigned loseNth = 0;        // the Nth command from now is lost, as when silent; 0 none
 };
 
 struct DspState {

@@ -151,8 +151,9 @@ void Firmware::answer(uint64_t after, int command, int type, std::optional<std::
 bool Firmware::command(const uint8_t* c)
 {
     catchUp();
-    const DspBehaviours& b = unit_.state.behaviours;
+    DspBehaviours& b = unit_.state.behaviours;
     if (b.silent) return false;
+    if (b.loseNth && --b.loseNth == 0) return false;
     const uint64_t late = seconds(b.lateSeconds);
     const std::string one(1, static_cast<char>(c[0]));
     if (c[0] == 0) {

@@ -270,13 +270,15 @@ bool DspUnit::parse(const std::string& text, DspUnit& out, std::string& why)
         } else if (kind == "behaviours") {
             Fields f;
             DspBehaviours& b = u.state.behaviours;
-            int64_t late = 0;
+            int64_t late = 0, lose = 0;
             if (!f.read(in, problem) || !f.flag("silent", b.silent, problem) ||
                 !f.number("late", 0, kDspMaxLateSeconds, late, true, problem) ||
                 !f.flag("wrong-echo", b.wrongEcho, problem) || !f.flag("halt", b.halt, problem) ||
-                !f.flag("power-noop", b.powerNoop, problem) || !f.done(problem))
+                !f.flag("power-noop", b.powerNoop, problem) ||
+                !f.number("lose", 0, kDspMaxLose, lose, false, problem) || !f.done(problem))
                 return bad("behaviours: " + problem);
             b.lateSeconds = static_cast<unsigned>(late);
+            b.loseNth = static_cast<unsigned>(lose);
         } else if (kind == "outcome") {
             std::string command, extra;
             int64_t n = 0;
@@ -334,7 +336,7 @@ std::string DspUnit::format() const
     const DspBehaviours& b = s.behaviours;
     out += std::string("behaviours silent=") + (b.silent ? "1" : "0") + " late=" + std::to_string(b.lateSeconds) +
            " wrong-echo=" + (b.wrongEcho ? "1" : "0") + " halt=" + (b.halt ? "1" : "0") +
-           " power-noop=" + (b.powerNoop ? "1" : "0") + "\n";
+           " power-noop=" + (b.powerNoop ? "1" : "0") + (b.loseNth ? " lose=" + std::to_string(b.loseNth) : "") + "\n";
     out += "outcome " + outcome + " " + std::to_string(outcomeCommand) + "\n";
     if (s.configured)
         out += "config drives=" + std::to_string(s.numDrives) +

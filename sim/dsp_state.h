@@ -11,7 +11,7 @@
 //   firmware A                     one character, percent-encoded
 //   date A107112801                ten bytes, percent-encoded
 //   limit 50
-//   behaviours silent=0 late=0 wrong-echo=0 halt=0 power-noop=0
+//   behaviours silent=0 late=0 wrong-echo=0 halt=0 power-noop=0 [lose=N]
 //   outcome DONE 6                 of the last power command, and its number
 //   config drives=4 masks=HEX bytes=HEX serial=/dev/ttyS1   (16 bytes each in hex;
 //                                  absent until the driver is configured)
@@ -36,6 +36,7 @@
 namespace sim {
 
 constexpr unsigned kDspMaxLateSeconds = 86400;
+constexpr unsigned kDspMaxLose = 1000000;
 
 // Work of the firmware at a virtual time. With a bay, that bay takes the
 // power and clamp; with a frame type, a frame is sent (its payload made when

@@ -55,6 +55,7 @@ std::string behaviourList(const DspBehaviours& b)
     if (b.wrongEcho) set.push_back("wrong echo");
     if (b.halt) set.push_back("halt");
     if (b.powerNoop) set.push_back("power no-op");
+    if (b.loseNth) set.push_back("command " + std::to_string(b.loseNth) + " from now lost");
     return set.empty() ? "none" : listed(set);
 }
 
@@ -178,7 +179,7 @@ void writeJson(const DspState& s, const DspPending& p, const Manifest& m)
     const DspBehaviours& b = s.behaviours;
     j.key("behaviours").beginObject();
     j.key("silent").boolean(b.silent).key("late_seconds").number(b.lateSeconds).key("wrong_echo").boolean(b.wrongEcho);
-    j.key("halt").boolean(b.halt).key("power_noop").boolean(b.powerNoop);
+    j.key("halt").boolean(b.halt).key("power_noop").boolean(b.powerNoop).key("lose").number(b.loseNth);
     j.endObject();
     j.key("last_power_command").string(p.outcome);
     j.key("pending").beginObject();
@@ -212,7 +213,7 @@ int dspBay(const Call& call, size_t bays, const std::string& word, int& bay)
     return kDone;
 }
 
-const char kSettings[] = "temp, volts, source, firmware, date, limit, silent, late, wrong-echo, halt, power-noop or inject";
+const char kSettings[] = "temp, volts, source, firmware, date, limit, silent, late, wrong-echo, halt, power-noop, lose or inject";
 
 // tavsim dsp DIR set WHAT VALUE...
 int set(const Call& call, Module& module, const std::vector<std::string>& a)
@@ -293,6 +294,13 @@ int set(const Call& call, Module& module, const std::vector<std::string>& a)
         report(n ? "echoes and answers come " + a[1] + " virtual seconds late" : "echoes and answers come at once");
         return kDone;
     }
+    if (what == "lose") {
+        if (int st = count(1)) return st;
+        if (!decimal("lose", a[1], 0, kDspMaxLose, n, why)) return badUsage(call, why);
+        dspUpdate(module, [&](DspState& x) { x.behaviours.loseNth = static_cast<unsigned>(n); });
+        report(n ? "command " + a[1] + " from now is lost, as when silent" : "no command is lost");
+        return kDone;
+    }
     struct Flag {
         const char* name;
         bool DspBehaviours::*member;
@@ -356,6 +364,8 @@ const char kDspHelp[] =
     "  wrong-echo on|off    echoes are inverted, so that they match no command\n"
     "  halt on|off          commands halt: type 14 and HALT instead of done\n"
     "  power-noop on|off    power commands answer done and change nothing\n"
+    "  lose N               the Nth command from now (1 the next) is lost, as when\n"
+    "                       silent; 0 loses none\n"
     "  inject HEX           a record of 1 to 112 bytes (the rest zero), handed up\n"
     "                       as it stands at the driver's next read\n"
     "A power command takes @PERBAY@ s of virtual time a bay changed; a reset\n"

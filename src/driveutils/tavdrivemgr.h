@@ -92,6 +92,8 @@ public:
     static long long getLatestUnmountTime();
     static void setMountTime(int driveID, long long utime);
     static void setUnmountTime(int driveID, long long utime);
+    // The in-memory stamp of a position, under the lock; false without a record.
+    static bool getUnmountTime(int driveID, long long& utime);
     static int readUmountTime(int driveID, long long* utime);
     static int readUmountTime(int partFD, int driveID, long long* utime);
     static TavRaidDevices* readDevices(int driveID);

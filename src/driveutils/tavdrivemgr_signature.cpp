@@ -492,6 +492,14 @@ void TavDriveMgr::setUnmountTime(int driveID, long long utime)
         TAV_LOG(0, "cannot find drive desc for drive %d %s:%d\n", driveID, TAV_FILE, __LINE__);
 }
 
+bool TavDriveMgr::getUnmountTime(int driveID, long long& utime)
+{
+    TavLocked lock(accessMutex);
+    const SECT_AUTO_RAID* record = findDriveDescription(driveID);
+    if (record) utime = record->llLastDismountTime;
+    return record != nullptr;
+}
+
 // --- the serial-number list --------------------------------------------------------
 
 namespace {

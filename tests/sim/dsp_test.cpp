@@ -388,6 +388,21 @@ TEST(Dsp, SilentLateAndWrongEcho)
     ASSERT_EQ(rs.size(), 2u);
     EXPECT_EQ(buffOf(rs[0]), bytes({0xfd, 0xfe, -1, -1, -1, -1, -1, -1, -1, -1}));
     EXPECT_EQ(rs[1].type, 3);
+
+    // The second command from now is lost alone, and the count survives the state file.
+    sim::dspUpdate(u.module(), [](sim::DspState& s) {
+        s.behaviours = sim::DspBehaviours{};
+        s.behaviours.loseNth = 2;
+    });
+    u.send({2, 1});
+    EXPECT_EQ(u.next().size(), 2u);
+    EXPECT_EQ(sim::dspState(u.module()).behaviours.loseNth, 1u);
+    u.send({2, 1});
+    EXPECT_TRUE(u.quiet());
+    EXPECT_EQ(sim::dspState(u.module()).behaviours.loseNth, 0u);
+    u.send({2, 1});
+    EXPECT_EQ(u.next().size(), 2u);
+    EXPECT_NE(u.module().readState("dsp.log").find("(status: power and clamp) lost\n"), std::string::npos);
 }
 
 TEST(Dsp, HaltNoopAndAnInjectedRecord)
