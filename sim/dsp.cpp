@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <sys/sysmacros.h>
 
+#include "bay_link.h"
 #include "create.h"
 #include "dsp_firmware.h"
 #include "dsp_state.h"
@@ -68,9 +69,41 @@ std::string recordLine(const dsp::RecordBytes& bytes)
 // module has no chassis controller.
 using Visit = std::function<void(DspUnit&, dsp::Firmware&, std::vector<std::string>& log)>;
 
+// What a power loss does beyond the unit: the drive forgets its settings,
+// and a drive the kernel still has on an attached interface is cut from
+// under it, a hazard, unless the bay's critical switch stands open (the cut
+// then is one the hardware was asked for).
+void applyPowerLosses(Module& module, const std::vector<dsp::PowerLoss>& losses)
+{
+    if (losses.empty()) return;
+    module.updateManifest([&](Manifest& m) {
+        bool changed = false;
+        for (const dsp::PowerLoss& l : losses)
+            if (Drive* d = m.driveInBay(l.bay); d && (!d->writeCache || d->transferMode != -1)) {
+                d->writeCache = true;  // the drive's default
+                d->transferMode = -1;
+                changed = true;
+            }
+        return changed;
+    });
+    for (const dsp::PowerLoss& l : losses) {
+        if (l.criticalOpen) continue;
+        if (const std::optional<unsigned> interface = attachedInterface(module, l.bay))
+            module.appendState(kLogName, std::to_string(l.atUs / 1000000) + " hazard: bay " + std::to_string(l.bay) +
+                                             " lost power while interface " + std::to_string(*interface) +
+                                             " is attached");
+    }
+}
+
+// The power losses are applied after the unit is saved, under the same
+// lock, so that whatever they read sees the DSP caught up; the hot-swap
+// driver's state is only read here, never visited, so the lock order is
+// the DSP first, then the driver.
 bool visitDsp(Module& module, const Visit& visit)
 {
+    Module::Lock lock(module);
     bool present = true;
+    std::vector<dsp::PowerLoss> losses;
     module.updateState(kStateName, [&](std::string& text) {
         if (!module.host().exists(Module::stateFile(kStateName))) {
             present = false;
@@ -93,11 +126,13 @@ bool visitDsp(Module& module, const Visit& visit)
         visit(unit, firmware, log);
         const std::string stamp = std::to_string(now / 1000000) + " ";
         for (const std::string& line : log) module.appendState(kLogName, stamp + line);
+        losses = firmware.powerLosses();
         std::string after = unit.format();
         if (after == before) return false;
         text = after;
         return true;
     });
+    applyPowerLosses(module, losses);
     return present;
 }
 
