@@ -424,6 +424,13 @@ TEST(BayLink, ABayWithoutPowerIsAbsentAfterTheRescanAndANewDriveWaitsForPowerAnd
     EXPECT_EQ(u.charon(sim::charon::kActivateDev, 1, 1), sim::charon::kNoDrive);
     EXPECT_EQ(u.module().discoveredIdentity(3), "");
 
+    const std::string shown = tavsim({"show", u.m.dir()}).out;
+    const size_t row3 = shown.find("\n3    /dev/");
+    const std::string bay3 = shown.substr(row3, shown.find('\n', row3 + 1) - row3);
+    EXPECT_NE(bay3.find(" off    on     absent "), std::string::npos) << shown;
+    const std::string charon = tavsim({"charon", u.m.dir()}).out;
+    EXPECT_NE(charon.find("host0/bus1  active  found    absent"), std::string::npos) << charon;
+
     // A new drive in the bay without power stays away until power and a rescan.
     ASSERT_EQ(u.module().pull(3), "");
     ASSERT_EQ(u.module().insert(3, ""), "");
