@@ -285,41 +285,33 @@ TEST(NewProductDrive, ArrivesPartitionedAndSignedWithNoOwnerSoItsVerdictIsNew)
 
 namespace {
 
-constexpr const char* kDisc2 = "/dev/ide/host0/bus0/target1/lun0/disc";
 constexpr const char* kDisc4 = "/dev/ide/host0/bus1/target0/lun0/disc";
 constexpr uint32_t kWhole = sim::charon::kWholeInterface;
 
+std::string part1(const std::string& disc) { return disc.substr(0, disc.size() - 4) + "part1"; }
+
 // A module whose hot-swap driver and chassis controller are reached through
-// the platform, the way the kernel side of a bay change meets them. Power
-// masks are the four-bay unit's wire bits: bay 1 0x01, 2 0x04, 3 0x08, 4 0x02.
+// the platform. Power masks are the four-bay unit's wire bits: bay 1 0x01,
+// 2 0x04, 3 0x08, 4 0x02.
 struct Bays {
     TempModule m;
-    std::unique_ptr<sim::SimPlatform> platform;
-    std::unique_ptr<plat::ScopedPlatform> scope;
-    int charonFd = -1, dspFd = -1;
+    sim::SimPlatform platform;
+    plat::ScopedPlatform scope;
+    int charonFd, dspFd;
 
-    explicit Bays(int id = 1) : m(id)
+    explicit Bays(int id = 1)
+        : m(id), platform(m.dir()), scope(platform), charonFd(plat::open(sim::kCharonNode, O_RDONLY)),
+          dspFd(plat::open(sim::kDspNode, O_RDWR))
     {
-        platform = std::make_unique<sim::SimPlatform>(m.dir());
-        scope = std::make_unique<plat::ScopedPlatform>(*platform);
-        charonFd = plat::open(sim::kCharonNode, O_RDONLY);
-        dspFd = plat::open(sim::kDspNode, O_RDWR);
-        EXPECT_GE(charonFd, 0);
-        EXPECT_GE(dspFd, 0);
     }
-    ~Bays()
-    {
-        plat::close(charonFd);
-        plat::close(dspFd);
-    }
-    sim::Module& module() { return platform->module(); }
+    sim::Module& module() { return platform.module(); }
     int charon(unsigned long request, uint32_t interface, uint32_t device = kWhole)
     {
         sim::charon::Record r{interface, device, 0};
         EXPECT_EQ(plat::ioctl(charonFd, request, &r), 0);
         return r.iReturnCode;
     }
-    // A power command (4 down, 6 up), then the seconds it takes.
+    // A power command (4 down, 6 up), then `wait` seconds.
     void power(int command, int powerMask, int clampMask, unsigned wait = 3)
     {
         const uint8_t cmd[10] = {static_cast<uint8_t>(command), static_cast<uint8_t>(powerMask),
@@ -327,39 +319,27 @@ struct Bays {
         EXPECT_EQ(plat::write(dspFd, cmd, sizeof cmd), 10);
         plat::sleep(wait);
     }
-    // 0, or the errno of a stat of the node.
+    // 0, or the errno of a stat of the node, of a read or of a drive request.
     static int statError(const std::string& node)
     {
         struct ::stat st;
         return plat::stat(node.c_str(), &st) == 0 ? 0 : errno;
     }
-    static int readError(int fd)
+    static int ioError(int fd)
     {
         char buf[512];
-        return plat::pread(fd, buf, sizeof buf, 0) == sizeof buf ? 0 : errno;
+        if (plat::pread(fd, buf, sizeof buf, 0) != sizeof buf) return errno;
+        unsigned char flush[4] = {sim::kAtaFlushCache, 0, 0, 0};
+        return plat::ioctl(fd, HDIO_DRIVE_CMD, flush) == 0 ? 0 : errno;
     }
-    std::string serialOf(const char* disc)
+    // The kernel found the bay's drive, with this serial number.
+    bool foundWithSerial(int bay)
     {
-        const int fd = plat::open(disc, O_RDONLY);
-        unsigned char id[512] = {};
-        const int rc = fd < 0 ? -1 : plat::ioctl(fd, HDIO_GET_IDENTITY, id);
-        plat::close(fd);
-        if (rc != 0) return "error";
-        // The kernel's copy carries its strings in reading order.
-        std::string serial(reinterpret_cast<const char*>(id) + 20, 20);
-        return serial.substr(0, serial.find_first_of(std::string(" \0", 2)));
+        const sim::Drive* d = module().manifest().driveInBay(bay);
+        return d && module().discoveredIdentity(bay).find(d->serial) != std::string::npos;
     }
     std::string dspLog() { return module().readState("dsp.log"); }
 };
-
-int setFeature(const char* disc, unsigned char feature, unsigned char value)
-{
-    const int fd = plat::open(disc, O_RDONLY);
-    unsigned char args[4] = {sim::kAtaSetFeatures, value, feature, 0};
-    const int rc = plat::ioctl(fd, HDIO_DRIVE_CMD, args);
-    plat::close(fd);
-    return rc;
-}
 
 } // namespace
 
@@ -367,47 +347,27 @@ TEST(BayLink, DetachTakesTheNodesAwayAndAttachRescansWithTheTableReadAgain)
 {
     Bays u;
     ASSERT_EQ(tavsim({"partition", u.m.dir()}).status, 0);
-    const std::string part1Of3 = std::string(kDisc3).replace(std::strlen(kDisc3) - 4, 4, "part1");
+    const std::string part1Of3 = part1(kDisc3);
     const int open3 = plat::open(kDisc3, O_RDWR);
-    ASSERT_GE(open3, 0);
-    EXPECT_EQ(Bays::readError(open3), 0);
 
     EXPECT_EQ(u.charon(sim::charon::kDeactivateIf, 1), 0);
     for (const std::string& node : {std::string(kDisc3), std::string(kDisc4), part1Of3})
         EXPECT_EQ(Bays::statError(node), ENOENT) << node;
-    EXPECT_EQ(plat::open(kDisc4, O_RDONLY), -1);
-    EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(Bays::statError(kDisc1), 0);  // the other interface stays
-    EXPECT_EQ(Bays::readError(open3), EIO);
-    unsigned char args[4] = {sim::kAtaFlushCache, 0, 0, 0};
-    EXPECT_EQ(plat::ioctl(open3, HDIO_DRIVE_CMD, args), -1);
-    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(Bays::ioError(open3), EIO);
 
     // The table changes while the kernel does not look; the rescan reads it.
-    {
-        std::fstream image(u.m.map(kDisc3), std::ios::in | std::ios::out | std::ios::binary);
-        image.seekp(446);
-        image.write(std::string(64, '\0').data(), 64);
-    }
+    std::fstream image(u.m.map(kDisc3), std::ios::in | std::ios::out | std::ios::binary);
+    image.seekp(446).write(std::string(64, '\0').data(), 64).flush();
     EXPECT_EQ(u.charon(sim::charon::kActivateIf, 1), 0);
     EXPECT_EQ(Bays::statError(kDisc3), 0);
     EXPECT_EQ(Bays::statError(part1Of3), ENOENT);
-    EXPECT_EQ(Bays::statError(std::string(kDisc4).replace(std::strlen(kDisc4) - 4, 4, "part1")), 0);
-    const sim::CharonState s = sim::charonState(u.module());
-    EXPECT_EQ(s.interfaces[1].devices, std::vector<bool>({true, true}));
+    EXPECT_EQ(Bays::statError(part1(kDisc4)), 0);
     plat::close(open3);
 
-    // One device at a time, and the codes of the requests that cannot be done.
-    EXPECT_EQ(u.charon(sim::charon::kDeactivateDev, 1, 0), 0);
+    EXPECT_EQ(u.charon(sim::charon::kDeactivateDev, 1, 0), 0);  // one device alone
     EXPECT_EQ(Bays::statError(kDisc4), ENOENT);
     EXPECT_EQ(Bays::statError(kDisc3), 0);
-    EXPECT_EQ(u.charon(sim::charon::kActivateDev, 1, 0), 0);
-    EXPECT_EQ(Bays::statError(kDisc4), 0);
-    EXPECT_EQ(u.charon(sim::charon::kDeactivateIf, 1), 0);
-    EXPECT_EQ(u.charon(sim::charon::kDeactivateIf, 1), sim::charon::kAlreadyDown);
-    EXPECT_EQ(u.charon(sim::charon::kActivateDev, 1, 0), sim::charon::kInterfaceDown);
-    EXPECT_EQ(u.charon(sim::charon::kActivateDev, 1, 2), sim::charon::kNoSuchUnit);
-    EXPECT_EQ(Bays::statError(kDisc4), ENOENT);
 }
 
 TEST(BayLink, ABayWithoutPowerIsAbsentAfterTheRescanAndANewDriveWaitsForPowerAndAttach)
@@ -419,80 +379,71 @@ TEST(BayLink, ABayWithoutPowerIsAbsentAfterTheRescanAndANewDriveWaitsForPowerAnd
     u.power(6, 0x02, 0x02);
     EXPECT_EQ(u.charon(sim::charon::kActivateIf, 1), 0);
     EXPECT_EQ(Bays::statError(kDisc3), ENOENT);
-    EXPECT_EQ(Bays::statError(kDisc4), 0);
-    EXPECT_EQ(u.serialOf(kDisc4), sim::Module(u.m.dir()).manifest().driveInBay(4)->serial);
-    EXPECT_EQ(u.charon(sim::charon::kActivateDev, 1, 1), sim::charon::kNoDrive);
+    EXPECT_TRUE(u.foundWithSerial(4));
     EXPECT_EQ(u.module().discoveredIdentity(3), "");
+    EXPECT_EQ(u.charon(sim::charon::kActivateDev, 1, 1), sim::charon::kNoDrive);
 
     const std::string shown = tavsim({"show", u.m.dir()}).out;
     const size_t row3 = shown.find("\n3    /dev/");
-    const std::string bay3 = shown.substr(row3, shown.find('\n', row3 + 1) - row3);
-    EXPECT_NE(bay3.find(" off    on     absent "), std::string::npos) << shown;
+    EXPECT_NE(shown.substr(row3, shown.find('\n', row3 + 1) - row3).find(" off    on     absent "), std::string::npos) << shown;
     const std::string charon = tavsim({"charon", u.m.dir()}).out;
     EXPECT_NE(charon.find("host0/bus1  active  found    absent"), std::string::npos) << charon;
 
     // A new drive in the bay without power stays away until power and a rescan.
     ASSERT_EQ(u.module().pull(3), "");
     ASSERT_EQ(u.module().insert(3, ""), "");
-    EXPECT_EQ(Bays::statError(kDisc3), ENOENT);
     u.power(6, 0x0a, 0x0a);
     EXPECT_EQ(Bays::statError(kDisc3), ENOENT);
     EXPECT_EQ(u.charon(sim::charon::kActivateDev, 1, 1), 0);
     EXPECT_EQ(Bays::statError(kDisc3), 0);
-    EXPECT_EQ(u.serialOf(kDisc3), sim::Module(u.m.dir()).manifest().driveInBay(3)->serial);
+    EXPECT_TRUE(u.foundWithSerial(3));
     EXPECT_EQ(u.dspLog().find("hazard"), std::string::npos) << u.dspLog();
 }
 
 TEST(BayLink, PowerCutUnderAnAttachedInterfaceIsAHazardAndTheDriveForgetsItsSettings)
 {
     Bays u;
-    for (const char* disc : {kDisc1, kDisc3}) {
-        EXPECT_EQ(setFeature(disc, sim::kFeatureWriteCacheOff, 0), 0);
-        EXPECT_EQ(setFeature(disc, sim::kFeatureTransferMode, 0x42), 0);
-    }
+    u.module().updateManifest([](sim::Manifest& m) {
+        for (int bay : {1, 3}) {
+            m.driveInBay(bay)->writeCache = false;
+            m.driveInBay(bay)->transferMode = 0x42;
+        }
+        return true;
+    });
     const int open3 = plat::open(kDisc3, O_RDONLY);
     // Bays 3 and 4 down under the kernel: the read just after the command's
     // two seconds finds the drive gone, with nothing else asking the DSP.
     u.power(4, 0x05, 0x05, 2);
-    EXPECT_EQ(Bays::readError(open3), EIO);
-    unsigned char args[4] = {sim::kAtaFlushCache, 0, 0, 0};
-    EXPECT_EQ(plat::ioctl(open3, HDIO_DRIVE_CMD, args), -1);
-    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(Bays::ioError(open3), EIO);
     plat::close(open3);
     EXPECT_EQ(Bays::statError(kDisc3), 0);  // still found: no rescan yet
     const std::string log = u.dspLog();
-    EXPECT_NE(log.find("1136073602 hazard: bay 3 lost power while interface 1 is attached\n"), std::string::npos) << log;
-    EXPECT_NE(log.find("1136073602 hazard: bay 4 lost power while interface 1 is attached\n"), std::string::npos) << log;
+    for (const char* line : {"1136073602 hazard: bay 3 lost power while interface 1 is attached\n",
+                             "1136073602 hazard: bay 4 lost power while interface 1 is attached\n"})
+        EXPECT_NE(log.find(line), std::string::npos) << log;
+    const sim::Manifest m = u.module().manifest();
+    EXPECT_EQ(std::make_pair(m.driveInBay(3)->writeCache, m.driveInBay(3)->transferMode), std::make_pair(true, -1));
+    EXPECT_EQ(std::make_pair(m.driveInBay(1)->writeCache, m.driveInBay(1)->transferMode), std::make_pair(false, 0x42));
 
-    sim::Manifest m = u.module().manifest();
-    EXPECT_TRUE(m.driveInBay(3)->writeCache);
-    EXPECT_EQ(m.driveInBay(3)->transferMode, -1);
-    EXPECT_FALSE(m.driveInBay(1)->writeCache);  // bay 1 kept its power
-    EXPECT_EQ(m.driveInBay(1)->transferMode, 0x42);
-
-    // The critical switch open: the cut is the one asked for.
+    // Cuts asked for by the critical switch, or of a device the kernel no
+    // longer has, are no hazard.
     sim::dspSetSwitch(u.module(), 1, true, true);
     u.power(4, 0x04, 0x04);
-    sim::dspState(u.module());  // the firmware's due work runs when the DSP is next asked
-    EXPECT_TRUE(u.module().manifest().driveInBay(1)->writeCache);
-    // A bay whose device the kernel no longer has is no hazard either.
     EXPECT_EQ(u.charon(sim::charon::kDeactivateDev, 0, 1), 0);
     u.power(4, 0x00, 0x00);
-    EXPECT_FALSE(sim::dspState(u.module()).bays[1].powered);
+    EXPECT_FALSE(sim::dspState(u.module()).bays[1].powered);  // the due work runs when the DSP is asked
+    EXPECT_TRUE(u.module().manifest().driveInBay(1)->writeCache);
     EXPECT_EQ(u.dspLog().rfind("hazard"), log.rfind("hazard")) << u.dspLog();
 }
 
 TEST(BayLink, PlatformThreeHasOneDriveOnEachChannel)
 {
     Bays u(3);
-    constexpr const char* kSecond = "/dev/ide/host0/bus1/target0/lun0/disc";
     EXPECT_EQ(u.charon(sim::charon::kDeactivateIf, 1), 0);
-    EXPECT_EQ(Bays::statError(kSecond), ENOENT);
+    EXPECT_EQ(Bays::statError(kDisc4), ENOENT);  // bay 2: bus 1, target 0
     EXPECT_EQ(Bays::statError(kDisc1), 0);
     EXPECT_EQ(u.charon(sim::charon::kActivateIf, 1), 0);
-    EXPECT_EQ(Bays::statError(kSecond), 0);
-    // Nothing sits on target 1 of either channel.
-    EXPECT_EQ(u.charon(sim::charon::kActivateDev, 0, 1), sim::charon::kNoDrive);
+    EXPECT_TRUE(u.foundWithSerial(2));
+    EXPECT_EQ(u.charon(sim::charon::kActivateDev, 0, 1), sim::charon::kNoDrive);  // no drive on target 1
     EXPECT_EQ(sim::charonState(u.module()).interfaces[1].devices, std::vector<bool>({true, false}));
-    EXPECT_EQ(u.serialOf(kSecond), sim::Module(u.m.dir()).manifest().driveInBay(2)->serial);
 }
