@@ -64,16 +64,22 @@ std::string recordLine(const dsp::RecordBytes& bytes)
            spaced(r.status, 8) + " buff " + hexText(std::string(r.buff, shown));
 }
 
-// Runs `visit` on the unit under the module's lock, brought up to the virtual
-// clock; saves it when it changed and logs `log`'s lines. False when the
-// module has no chassis controller.
-using Visit = std::function<void(DspUnit&, dsp::Firmware&, std::vector<std::string>& log)>;
+// A drive the kernel still has on an attached interface is cut from under
+// it: a hazard, unless the bay's critical switch stands open (the cut then
+// is one the hardware was asked for). Logged at the time the cut was due.
+void logHazards(Module& module, const std::vector<dsp::PowerLoss>& losses)
+{
+    for (const dsp::PowerLoss& l : losses) {
+        if (l.criticalOpen) continue;
+        if (const std::optional<unsigned> interface = attachedInterface(module, l.bay))
+            module.appendState(kLogName, std::to_string(l.atUs / 1000000) + " hazard: bay " + std::to_string(l.bay) +
+                                             " lost power while interface " + std::to_string(*interface) +
+                                             " is attached");
+    }
+}
 
-// What a power loss does beyond the unit: the drive forgets its settings,
-// and a drive the kernel still has on an attached interface is cut from
-// under it, a hazard, unless the bay's critical switch stands open (the cut
-// then is one the hardware was asked for).
-void applyPowerLosses(Module& module, const std::vector<dsp::PowerLoss>& losses)
+// A drive that lost power forgets its settings.
+void forgetSettings(Module& module, const std::vector<dsp::PowerLoss>& losses)
 {
     if (losses.empty()) return;
     module.updateManifest([&](Manifest& m) {
@@ -86,19 +92,17 @@ void applyPowerLosses(Module& module, const std::vector<dsp::PowerLoss>& losses)
             }
         return changed;
     });
-    for (const dsp::PowerLoss& l : losses) {
-        if (l.criticalOpen) continue;
-        if (const std::optional<unsigned> interface = attachedInterface(module, l.bay))
-            module.appendState(kLogName, std::to_string(l.atUs / 1000000) + " hazard: bay " + std::to_string(l.bay) +
-                                             " lost power while interface " + std::to_string(*interface) +
-                                             " is attached");
-    }
 }
 
-// The power losses are applied after the unit is saved, under the same
-// lock, so that whatever they read sees the DSP caught up; the hot-swap
-// driver's state is only read here, never visited, so the lock order is
-// the DSP first, then the driver.
+using Visit = std::function<void(DspUnit&, dsp::Firmware&, std::vector<std::string>& log)>;
+
+// Runs `visit` on the unit under the module's lock, brought up to the virtual
+// clock; saves it when it changed and logs `log`'s lines. False when the
+// module has no chassis controller. A power loss's hazard is logged before
+// the visit's lines (it was due before them); the drive forgets its settings
+// after the unit is saved, under the same lock. The hot-swap driver's state
+// is only read here, never visited: the lock order is the DSP first, then
+// the driver.
 bool visitDsp(Module& module, const Visit& visit)
 {
     Module::Lock lock(module);
@@ -124,15 +128,16 @@ bool visitDsp(Module& module, const Visit& visit)
         firmware.catchUp();
         std::vector<std::string> log;
         visit(unit, firmware, log);
+        losses = firmware.powerLosses();
+        logHazards(module, losses);
         const std::string stamp = std::to_string(now / 1000000) + " ";
         for (const std::string& line : log) module.appendState(kLogName, stamp + line);
-        losses = firmware.powerLosses();
         std::string after = unit.format();
         if (after == before) return false;
         text = after;
         return true;
     });
-    applyPowerLosses(module, losses);
+    forgetSettings(module, losses);
     return present;
 }
 
