@@ -1,5 +1,7 @@
 #include "block.h"
 
+#include "bay_link.h"
+
 #include <algorithm>
 #include <climits>
 #include <fcntl.h>
@@ -75,7 +77,7 @@ void BlockDevice::close(DeviceContext&, OpenNode& n)
 bool BlockDevice::gone(DeviceContext& ctx, const OpenNode& n)
 {
     struct ::stat st;
-    return ctx.module.host().stat(n.node.image, &st) != 0 || st.st_ino != n.ino;
+    return ctx.module.host().stat(n.node.image, &st) != 0 || st.st_ino != n.ino || !bayAnswers(ctx.module, n.node.bay);
 }
 
 ssize_t BlockDevice::read(DeviceContext& ctx, OpenNode& n, void* buf, size_t count, uint64_t at, bool advance)

@@ -1,7 +1,9 @@
 // Block devices of the drive bays: the whole disk is its image file, each
 // partition a window of it at the offsets the kernel found in the table.
 // Reads and writes stop at a window's end (a write there gives ENOSPC), seeks
-// stay within it, and a drive pulled out of its bay fails every call with EIO.
+// stay within it, and a drive pulled out of its bay, one the kernel no longer
+// has (its interface detached, or absent at the last rescan) and one whose
+// bay has no power fail every call with EIO (bay_link.h).
 //
 // The kernel refuses to read a disk's table again (BLKRRPART gives EBUSY)
 // while a partition of it is open, by any process, or mounted. Each open of
@@ -26,7 +28,8 @@ public:
     int stat(DeviceContext& ctx, const std::string& vpath, const DeviceNode& node, struct ::stat* st) override;
 
 protected:
-    // The drive was pulled or swapped since the node was opened.
+    // The drive was pulled or swapped since the node was opened, or does not
+    // answer the kernel now.
     static bool gone(DeviceContext& ctx, const OpenNode& n);
     // Requests of the drive's own bus (ATA, SCSI); EINVAL when it has none.
     virtual int driveIoctl(DeviceContext& ctx, OpenNode& n, unsigned long request, void* arg);

@@ -7,6 +7,7 @@
 #include <sys/sysmacros.h>
 
 #include "create.h"
+#include "dsp.h"
 #include "md.h"
 
 static int giDebug_charon = 0;
@@ -87,22 +88,62 @@ void requirePresent(bool present)
     if (!present) throw std::runtime_error("the module has no hot-swap driver (" + std::string(kCharonNode) + ")");
 }
 
-// What the driver does with a request that carries a record.
-int answer(CharonState& s, unsigned long request, const charon::Record& r)
+// A device the driver can probe: the bay whose node lies on it, and whether
+// a drive there answers (the bay holds one and has power).
+struct Probe {
+    int bay;
+    unsigned interface, unit;
+    bool answers;
+};
+
+// The DSP is brought up to the virtual clock first: power work already due
+// happens before the request, and is judged against the driver as it stood.
+std::vector<Probe> probes(Module& module)
+{
+    const DspState dsp = dspState(module);
+    Manifest m = module.manifest();
+    std::vector<Probe> out;
+    for (const Bay& b : m.bays) {
+        Probe p{b.number, 0, 0, false};
+        if (!ideUnit(b.device, p.interface, p.unit)) continue;
+        // A module without a chassis controller, or a bay it lacks, has power.
+        const bool powered = b.number < 1 || static_cast<size_t>(b.number) > dsp.bays.size() ||
+                             dsp.bays[static_cast<size_t>(b.number - 1)].powered;
+        p.answers = m.driveInBay(b.number) && powered;
+        out.push_back(p);
+    }
+    return out;
+}
+
+// What the driver does with a request that carries a record. An attach
+// rescans: each device is found iff a drive answers the probe, and the bays
+// probed go to `rescanned`.
+int answer(CharonState& s, unsigned long request, const charon::Record& r, const std::vector<Probe>& probes,
+           std::vector<Probe>& rescanned)
 {
     using namespace charon;
     const bool whole = request == kActivateIf || request == kDeactivateIf;
     if (r.uInterface >= s.interfaces.size()) return kNoSuchUnit;
     CharonInterface& i = s.interfaces[r.uInterface];
+    auto probed = [&](size_t unit) {
+        bool found = false;
+        for (const Probe& p : probes)
+            if (p.interface == r.uInterface && p.unit == unit) {
+                found = p.answers;
+                rescanned.push_back(p);
+            }
+        return found;
+    };
     if (whole) {
         if (r.uDevice != kWholeInterface) return kNotWhole;
         if (request == kDeactivateIf) {
             if (!i.active) return kAlreadyDown;
             i.active = false;
-        } else {
-            i.active = true;
+            for (size_t d = 0; d < i.devices.size(); ++d) i.devices[d] = false;
+            return kDone;
         }
-        for (size_t d = 0; d < i.devices.size(); ++d) i.devices[d] = i.active;
+        i.active = true;
+        for (size_t d = 0; d < i.devices.size(); ++d) i.devices[d] = probed(d);
         return kDone;
     }
     if (r.uDevice >= i.devices.size()) return kNoSuchUnit;
@@ -112,8 +153,8 @@ int answer(CharonState& s, unsigned long request, const charon::Record& r)
         return kDone;
     }
     if (!i.active) return kInterfaceDown;
-    i.devices[r.uDevice] = true;
-    return kDone;
+    i.devices[r.uDevice] = probed(r.uDevice);
+    return i.devices[r.uDevice] ? kDone : kNoDrive;
 }
 
 } // namespace
@@ -191,6 +232,9 @@ int CharonDevice::ioctl(DeviceContext& ctx, OpenNode&, unsigned long request, vo
         ctx.module.appendState(kLogName, stamp + head + " refused: EFAULT");
         return fail(EFAULT);
     }
+    Module::Lock lock(ctx.module);
+    const std::vector<Probe> probing = charon::takesRecord(request) ? probes(ctx.module) : std::vector<Probe>{};
+    std::vector<Probe> rescanned;
     const bool present = visitCharon(ctx.module, [&](CharonState& s, std::vector<std::string>& log) {
         if (!charon::takesRecord(request)) {
             s.debug = request == charon::kDebugOn;
@@ -209,13 +253,19 @@ int CharonDevice::ioctl(DeviceContext& ctx, OpenNode&, unsigned long request, vo
             if (j->times > 0 && --j->times == 0) s.injections.erase(j);
             line += std::to_string(code) + " injected";
         } else {
-            code = answer(s, request, r);
+            code = answer(s, request, r, probing, rescanned);
             line += std::to_string(code);
         }
         r.iReturnCode = code;
         std::memcpy(arg, &r, sizeof r);
         log.push_back(line);
     });
+    // As on insert: a found drive shows its table and identity as they are
+    // now, one that did not answer shows none.
+    for (const Probe& p : rescanned) {
+        ctx.module.rereadPartitions(p.bay, p.answers);
+        ctx.module.discover(p.bay, p.answers);
+    }
     return present ? 0 : fail(EIO);
 }
 

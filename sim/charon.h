@@ -7,6 +7,17 @@
 //                 writes give EINVAL; the requests are those below, any
 //                 other is ENOTTY.
 //
+// Each interface (0 "host0/bus0", 1 "host0/bus1") is attached or detached,
+// and each device on it (by target) found or not: found means the kernel
+// has the drive, and its nodes exist (bay_link.h). A detach (161) takes the
+// interface and all its devices away; 209 one device. An attach (160)
+// rescans: a device is found iff its bay holds a drive and the DSP has the
+// bay powered (a module without a DSP counts as powered), and every bay of
+// the interface has its table and identity read again as on insert, none
+// for a drive that did not answer. 208 rescans one device of an attached
+// interface, kNoDrive when no drive answers. The DSP is caught up to the
+// virtual clock before every request.
+//
 // The requests that carry a Record answer in its iReturnCode; the ioctl
 // itself gives 0. A code injected for the request and interface is answered
 // instead, and the request does nothing. Every request and its record go to
@@ -44,10 +55,10 @@ static_assert(offsetof(Record, iReturnCode) == 8);
 
 constexpr unsigned long kDebugOn = 21;
 constexpr unsigned long kDebugOff = 22;
-constexpr unsigned long kActivateIf = 160;     // attach and rescan: every device of it is found again
+constexpr unsigned long kActivateIf = 160;     // attach and rescan its devices
 constexpr unsigned long kDeactivateIf = 161;   // detach, with every device of it
-constexpr unsigned long kActivateDev = 208;
-constexpr unsigned long kDeactivateDev = 209;
+constexpr unsigned long kActivateDev = 208;    // rescan one device of an attached interface
+constexpr unsigned long kDeactivateDev = 209;  // take one device away
 
 // uDevice of the interface requests: 28 bits set. Any other value there is
 // refused with kNotWhole, so that a caller sending 32 bits is caught.
@@ -58,6 +69,7 @@ constexpr int kDone = 0;
 constexpr int kAlreadyDown = -3;       // detaching what is detached already
 constexpr int kNoSuchUnit = -ENODEV;   // an interface or device that does not exist
 constexpr int kInterfaceDown = -ENXIO; // attaching a device of a detached interface
+constexpr int kNoDrive = -EIO;         // attaching a device that no drive answers for
 constexpr int kNotWhole = -EINVAL;     // an interface request whose uDevice is not kWholeInterface
 
 // "activate-if", ...; null for a request the driver does not know.

@@ -3,7 +3,8 @@
 // injected for coming requests. One record a line, numbers in decimal:
 //
 //   debug 0|1
-//   interface 0 active|detached DEVICE0 DEVICE1   each device active|detached
+//   interface 0 active|detached DEVICE0 DEVICE1   each device active (the
+//                                                 kernel has found it) or detached
 //   interface 1 active|detached DEVICE0 DEVICE1
 //   inject INTERFACE REQUEST CODE TIMES           TIMES -1: without end
 //

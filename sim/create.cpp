@@ -139,6 +139,15 @@ bool deviceNumbers(const std::string& device, int scsiIndex, Bay& bay)
     return false;
 }
 
+bool ideUnit(const std::string& device, unsigned& interface, unsigned& unit)
+{
+    DeviceAddress a;
+    if (!parseDeviceAddress(device, "ide", a) || a.host != 0 || a.lun != 0) return false;
+    interface = a.bus;
+    unit = a.target;
+    return true;
+}
+
 std::vector<int> scsiProbeOrder(const std::vector<std::string>& devices)
 {
     std::vector<std::pair<DeviceAddress, size_t>> scsi;

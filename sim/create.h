@@ -53,6 +53,11 @@ bool hasLayoutRow(int platform);
 // `scsiIndex` (0 to 255). False for a name of no known kind.
 bool deviceNumbers(const std::string& device, int scsiIndex, Bay& bay);
 
+// The IDE interface (the bus of host 0) and the device on it (the target)
+// of a whole-disk node "/dev/ide/host0/busB/targetT/lun0/disc"; false for
+// any other name.
+bool ideUnit(const std::string& device, unsigned& interface, unsigned& unit);
+
 // The sd index of each SCSI node among `devices`, -1 for the others: the
 // kernel names disks in the order it probes them, by host, channel (bus),
 // target and lun, whatever the bay order.

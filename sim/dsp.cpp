@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <sys/sysmacros.h>
 
+#include "bay_link.h"
 #include "create.h"
 #include "dsp_firmware.h"
 #include "dsp_state.h"
@@ -63,14 +64,50 @@ std::string recordLine(const dsp::RecordBytes& bytes)
            spaced(r.status, 8) + " buff " + hexText(std::string(r.buff, shown));
 }
 
-// Runs `visit` on the unit under the module's lock, brought up to the virtual
-// clock; saves it when it changed and logs `log`'s lines. False when the
-// module has no chassis controller.
+// A drive the kernel still has on an attached interface is cut from under
+// it: a hazard, unless the bay's critical switch stands open (the cut then
+// is one the hardware was asked for). Logged at the time the cut was due.
+void logHazards(Module& module, const std::vector<dsp::PowerLoss>& losses)
+{
+    for (const dsp::PowerLoss& l : losses) {
+        if (l.criticalOpen) continue;
+        if (const std::optional<unsigned> interface = attachedInterface(module, l.bay))
+            module.appendState(kLogName, std::to_string(l.atUs / 1000000) + " hazard: bay " + std::to_string(l.bay) +
+                                             " lost power while interface " + std::to_string(*interface) +
+                                             " is attached");
+    }
+}
+
+// A drive that lost power forgets its settings.
+void forgetSettings(Module& module, const std::vector<dsp::PowerLoss>& losses)
+{
+    if (losses.empty()) return;
+    module.updateManifest([&](Manifest& m) {
+        bool changed = false;
+        for (const dsp::PowerLoss& l : losses)
+            if (Drive* d = m.driveInBay(l.bay); d && (!d->writeCache || d->transferMode != -1)) {
+                d->writeCache = true;  // the drive's default
+                d->transferMode = -1;
+                changed = true;
+            }
+        return changed;
+    });
+}
+
 using Visit = std::function<void(DspUnit&, dsp::Firmware&, std::vector<std::string>& log)>;
 
+// Runs `visit` on the unit under the module's lock, brought up to the virtual
+// clock; saves it when it changed and logs `log`'s lines. False when the
+// module has no chassis controller. A power loss's hazard is logged before
+// the visit's lines (it was due before them); the drive forgets its settings
+// after the unit is saved, under the same lock. The hot-swap driver's state
+// is only read here, never visited: the lock order is the DSP first, then
+// the driver.
 bool visitDsp(Module& module, const Visit& visit)
 {
+    Module::Lock lock(module);
     bool present = true;
+    std::vector<dsp::PowerLoss> losses;
     module.updateState(kStateName, [&](std::string& text) {
         if (!module.host().exists(Module::stateFile(kStateName))) {
             present = false;
@@ -91,6 +128,8 @@ bool visitDsp(Module& module, const Visit& visit)
         firmware.catchUp();
         std::vector<std::string> log;
         visit(unit, firmware, log);
+        losses = firmware.powerLosses();
+        logHazards(module, losses);
         const std::string stamp = std::to_string(now / 1000000) + " ";
         for (const std::string& line : log) module.appendState(kLogName, stamp + line);
         std::string after = unit.format();
@@ -98,6 +137,7 @@ bool visitDsp(Module& module, const Visit& visit)
         text = after;
         return true;
     });
+    forgetSettings(module, losses);
     return present;
 }
 

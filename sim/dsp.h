@@ -14,6 +14,14 @@
 // handed up is logged in "sim/dsp.log":
 //   "TIME command HEX (WHAT)", "TIME record type T (NAME) ... buff HEX",
 //   "TIME config ...", "TIME bay N lock|critical open|closed", "TIME refused ...".
+//
+// Bay power reaches the drives (bay_link.h): a drive whose bay has no power
+// answers nothing. When the firmware takes the power of a bay holding a
+// drive, the drive forgets what a real one forgets (its write cache goes back
+// to on, its transfer mode is cleared, in the manifest), and if the hot-swap
+// driver still has that drive found on an attached interface and the bay's
+// critical switch is closed, the cut is logged, at the time it was due:
+//   "TIME hazard: bay N lost power while interface I is attached".
 #pragma once
 
 #include <cstdint>

@@ -307,6 +307,8 @@ void Firmware::run(const DspEvent& e)
 {
     if (e.bay) {
         DspBay& b = unit_.state.bays.at(static_cast<size_t>(e.bay - 1));
+        if (b.powered && !e.power && occupied_[static_cast<size_t>(e.bay - 1)])
+            losses_.push_back({e.bay, e.dueUs, b.criticalOpen});
         b.powered = e.power;
         b.clamped = e.clamp;
     }

@@ -49,6 +49,13 @@ std::string describeCommand(const uint8_t* command);
 // "echo", "drive status", ...
 const char* typeName(int type);
 
+// A bay holding a drive whose power went off, as the firmware applied it.
+struct PowerLoss {
+    int bay = 0;
+    uint64_t atUs = 0;           // when the event was due
+    bool criticalOpen = false;   // the bay's critical switch at that moment
+};
+
 class Firmware {
 public:
     // `occupied`: which bays hold a drive.
@@ -62,6 +69,8 @@ public:
     bool switchMoved(int bay, bool critical, bool open);
     // A record that the driver hands up as it stands.
     void inject(const RecordBytes& record);
+    // The power losses of the work run so far, in order.
+    const std::vector<PowerLoss>& powerLosses() const { return losses_; }
 
 private:
     uint64_t seconds(uint64_t s) const { return s * 1000000; }
@@ -75,6 +84,7 @@ private:
     DspUnit& unit_;
     std::vector<bool> occupied_;
     uint64_t now_;
+    std::vector<PowerLoss> losses_;
 };
 
 } // namespace sim::dsp

@@ -1,5 +1,6 @@
 #include "module.h"
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -94,6 +95,12 @@ bool Module::changed(const std::string& rel, Stamp& stamp)
 bool Module::stateChanged(const std::string& name, Stamp& stamp) { return changed(stateFile(name), stamp); }
 
 namespace {
+std::atomic<uint64_t> writesOfState{0};
+} // namespace
+
+uint64_t Module::stateWrites() { return writesOfState.load(std::memory_order_acquire); }
+
+namespace {
 
 // `dir` when it can be a module's directory.
 const std::string& usableDir(const std::string& dir)
@@ -140,6 +147,7 @@ void Module::writeManifest(const Manifest& m)
 {
     Lock lock(*this);
     root_.writeFileAtomic(stateFile("manifest"), m.format());
+    writesOfState.fetch_add(1, std::memory_order_release);
     manifestStamp_.size = -2;
 }
 
@@ -218,12 +226,12 @@ std::vector<Window> Module::windows(int bay)
     return t.windows;
 }
 
-std::vector<Window> Module::rereadPartitions(int bay)
+std::vector<Window> Module::rereadPartitions(int bay, bool answering)
 {
     Manifest m = manifest();
     const Bay* b = m.bay(bay);
     std::vector<Window> found;
-    if (b && m.driveInBay(bay)) {
+    if (answering && b && m.driveInBay(bay)) {
         int fd = root_.open(b->device, O_RDONLY);
         struct stat st;
         if (fd >= 0 && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
@@ -241,12 +249,12 @@ std::vector<Window> Module::rereadPartitions(int bay)
     return found;
 }
 
-void Module::discover(int bay)
+void Module::discover(int bay, bool answering)
 {
     Manifest m = manifest();
     const Drive* d = m.driveInBay(bay);
     std::string text;
-    if (d && d->kind == "ata") {
+    if (answering && d && d->kind == "ata") {
         static const char hex[] = "0123456789abcdef";
         IdentifyBlock id = identifyData(*d, IdentifyForm::KernelFixed);
         for (size_t i = 0; i < id.size(); ++i) {
@@ -309,6 +317,7 @@ void Module::writeState(const std::string& name, const std::string& text)
 {
     Lock lock(*this);
     root_.writeFileAtomic(stateFile(name), text);
+    writesOfState.fetch_add(1, std::memory_order_release);
 }
 
 bool Module::updateState(const std::string& name, const std::function<bool(std::string&)>& change)
@@ -316,7 +325,9 @@ bool Module::updateState(const std::string& name, const std::function<bool(std::
     Lock lock(*this);
     std::string text = readState(name);
     if (!change(text)) return false;
-    return root_.writeFileAtomic(stateFile(name), text);
+    const bool written = root_.writeFileAtomic(stateFile(name), text);
+    writesOfState.fetch_add(1, std::memory_order_release);
+    return written;
 }
 
 void Module::appendState(const std::string& name, const std::string& line)

@@ -21,12 +21,15 @@
 //   sim/dsp            the chassis controller: bays, sensors, behaviours, the
 //                      driver's configuration, the firmware's scheduled work, the
 //                      frames on the line and the records not yet handed up (dsp_state.h)
-//   sim/charon         the hot-swap driver: debug flag, interfaces and devices
-//                      active or detached, injected codes (charon_state.h)
+//   sim/charon         the hot-swap driver: debug flag, interfaces attached or
+//                      detached, devices found by the last rescan or not,
+//                      injected codes (charon_state.h)
 //   sim/charon.log     every request to /dev/charon and its record:
 //                      "TIME request R (NAME) uInterface=I uDevice=0xD iReturnCode=C -> CODE"
 //   sim/dsp.log        every DSP command as it arrived and every record handed up:
-//                      "TIME command HEX (WHAT)", "TIME record type T (NAME) ..."
+//                      "TIME command HEX (WHAT)", "TIME record type T (NAME) ...",
+//                      and power cut from under the kernel:
+//                      "TIME hazard: bay N lost power while interface I is attached"
 //   sim/hpacucli/ctrlN the HP array controller of slot N: "Label: Value" lines as
 //                      its tool shows them; absent, no controller (hp_cli.h)
 //   sim/nvram0/        the NVRAM card: "card" (identity, geometry, EEPROM, bad
@@ -116,19 +119,33 @@
 //   The temperature limit is kept and reported, never acted on.
 // - The driver's other requests (0, 2, 3, 5, 6) are EINVAL: the system makes
 //   none of them. Its records wait without a bound on their number.
-// - Power and clamp are the DSP's alone: a bay it has off still holds a drive
-//   that answers I/O, and a drive pulled or inserted moves no switch. Drive
-//   presence is the manifest's, and coupling the two belongs with the
-//   hot-swap model; a bay without a drive reports no power.
+// - A drive pulled or inserted moves no switch and no power: drive presence
+//   is the manifest's, and a bay without a drive reports no power. Power
+//   reaches the drives (a bay without it answers nothing) but no model draws
+//   current: the supply's voltages do not move with the bays powered.
+// - Only the firmware's power work makes a drive forget its settings; a
+//   bay's power changed through tavsim dsp set does not.
 // - A module made without bays (platform 2 with --no-drives) stands for drives
 //   of a family not simulated: every bay of its DSP holds a drive.
 //
-// The hot-swap driver (charon.h) leaves out, for now:
-// - Any effect of a detach beyond its own state: the drive nodes of a
-//   detached interface still answer I/O, a rescan does not look at the bays
-//   (every device of an interface comes back, a drive in its bay or not),
-//   and bay power stays the DSP's. Coupling them belongs with the bus power
-//   operations that use the driver, which come with them.
+// The hot-swap driver (charon.h) and the bays' power (bay_link.h): a device
+// is found or not as the last rescan left it, and a drive's nodes exist only
+// while the kernel has its device found on an attached interface (open and
+// stat give ENOENT, descriptors already open EIO); a drive whose bay the DSP
+// has not powered answers nothing (EIO on I/O and drive requests). They leave
+// out:
+// - Hot-plug without a rescan: a drive inserted into a bay whose device the
+//   kernel has found answers at once (it stands for a drive swapped behind
+//   the kernel's back, as the module always had it), and one pulled leaves
+//   the device found with no drive; only a rescan (160, 208) changes what is
+//   found. A drive in a powered bay of an absent device waits for one.
+// - A rescan probes at once: there is no spin-up time, and no timeout on a
+//   drive that is slow to answer; the callers' own sleeps stand for it.
+// - A device taken away (161, 209) keeps its table in sim/tables: nothing
+//   reads it until the device is found again, and the rescan reads it anew.
+// - md members on a drive that stops answering are not failed for it: md
+//   keeps no data, and fails a member only when its drive leaves the bay
+//   (above) or the system asks.
 // - The debug flag is kept and shown, and changes no output.
 // - CHARON_INFO_STRUCT is used by no request of the system, and so by none
 //   of the model.
@@ -166,6 +183,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -224,11 +242,13 @@ public:
     std::optional<DeviceNode> device(const std::string& vpath, bool& present);
 
     std::vector<Window> windows(int bay);
-    // The kernel's re-read of a bay's table: reads the image, stores and returns.
-    std::vector<Window> rereadPartitions(int bay);
+    // The kernel's re-read of a bay's table: reads the image, stores and
+    // returns. A drive that does not answer (`answering` false) has none.
+    std::vector<Window> rereadPartitions(int bay, bool answering = true);
     // The kernel finds the drive of a bay: its identify data is read and kept
-    // until the drive is found again (ATA drives; "" for others or none).
-    void discover(int bay);
+    // until the drive is found again (ATA drives; "" for others, none, or a
+    // drive that does not answer).
+    void discover(int bay, bool answering = true);
     std::string discoveredIdentity(int bay);
 
     timeval now();
@@ -249,6 +269,13 @@ public:
         ino_t ino = 0;
     };
     bool stateChanged(const std::string& name, Stamp& stamp);
+    // Counts the state files this process has written, any module: a view
+    // cached on stamps is also stale when this moved, since two writes within
+    // one tick of the file system's clock can leave a stamp as it was.
+    static uint64_t stateWrites();
+
+    // The hot-swap view of the bays kept for this module (bay_link.h).
+    std::shared_ptr<struct BayLinkCache>& bayLinkCache() { return bayLink_; }
 
     // Drive handling; each gives "" or the reason it could not.
     std::string pull(int bay);
@@ -287,6 +314,7 @@ private:
         std::vector<Window> windows;
     };
     std::vector<TableCache> tables_;
+    std::shared_ptr<BayLinkCache> bayLink_;
 };
 
 } // namespace sim

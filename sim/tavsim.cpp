@@ -52,6 +52,8 @@ const char kShowHelp[] =
     "then a table of the bays, one of the drives on the shelf and one of the armed\n"
     "faults, each under a header line. A field that holds blanks is quoted, but for the last\n"
     "column, which is free text. Sizes are 1024-based, as lsblk gives them.\n"
+    "POWER and CLAMP are the chassis controller's; KERNEL is the hot-swap\n"
+    "driver's: found or absent on an attached interface, or detached.\n"
     "State files that cannot be read are reported on standard error with their\n"
     "file and line; what could be read is shown.\n"
     "\n"
@@ -175,8 +177,10 @@ const std::vector<Command> kCommands = {
      "request log: TIME /dev/mdN REQUEST [ARGS] -> 0|ERRNO. With --dsp, the chassis\n"
      "controller's log: every command as it arrived (TIME command HEX (WHAT)),\n"
      "every record handed up (TIME record type T (NAME) length L change C pwrDwn P\n"
-     "version V status S... buff HEX), the driver's configuration, switches moved\n"
-     "and what was refused. With --charon, the hot-swap driver's log: every request\n"
+     "version V status S... buff HEX), the driver's configuration, switches moved,\n"
+     "what was refused, and TIME hazard: bay N lost power while interface I is\n"
+     "attached, when a drive the kernel still had lost power other than by its\n"
+     "critical switch. With --charon, the hot-swap driver's log: every request\n"
      "and its record (TIME request R (NAME) uInterface=I uDevice=0xD\n"
      "iReturnCode=C -> CODE [injected]) and what was refused.\n",
      runLog},

@@ -13,6 +13,12 @@ namespace sim::cli {
 namespace {
 
 std::string attachment(bool active) { return active ? "active" : "detached"; }
+// A device is found or absent as the last rescan left it, while its
+// interface is attached.
+std::string deviceText(bool interfaceActive, bool found)
+{
+    return !interfaceActive ? "detached" : found ? "found" : "absent";
+}
 std::string channel(size_t i) { return "host0/bus" + std::to_string(i); }
 
 std::string requestText(unsigned long request)
@@ -30,8 +36,9 @@ void printState(const CharonState& s)
     for (unsigned d = 0; d < kCharonDevicesPerInterface; ++d) headers.push_back("DEVICE" + std::to_string(d));
     Table t(headers);
     for (size_t i = 0; i < s.interfaces.size(); ++i) {
-        std::vector<std::string> row = {std::to_string(i), channel(i), attachment(s.interfaces[i].active)};
-        for (bool d : s.interfaces[i].devices) row.push_back(attachment(d));
+        const bool active = s.interfaces[i].active;
+        std::vector<std::string> row = {std::to_string(i), channel(i), attachment(active)};
+        for (bool d : s.interfaces[i].devices) row.push_back(deviceText(active, d));
         t.add(row);
     }
     t.print(std::cout);
@@ -61,7 +68,7 @@ void writeJson(const CharonState& s)
         j.key("devices").beginArray();
         for (size_t d = 0; d < s.interfaces[i].devices.size(); ++d) {
             j.beginObject();
-            j.key("device").unsignedNumber(d).key("active").boolean(s.interfaces[i].devices[d]);
+            j.key("device").unsignedNumber(d).key("found").boolean(s.interfaces[i].active && s.interfaces[i].devices[d]);
             j.endObject();
         }
         j.endArray();
@@ -113,8 +120,9 @@ int inject(const Call& call, Module& module, const std::vector<std::string>& a)
 
 const char kCharonHelp[] =
     "Prints the hot-swap driver (/dev/charon): its debug flag, each IDE interface\n"
-    "(0 is host0/bus0, 1 host0/bus1) and each device on it (by target), active\n"
-    "or detached, and the return codes injected.\n"
+    "(0 is host0/bus0, 1 host0/bus1), active or detached, and each device on it\n"
+    "(by target): found or absent as the last rescan left it, or detached with\n"
+    "its interface; and the return codes injected.\n"
     "\n"
     "  --json               the same as one JSON document\n"
     "\n"
@@ -128,10 +136,12 @@ const char kCharonHelp[] =
     "\n"
     "The driver's own answers: 0 done; -3 a detach of what is detached already;\n"
     "-19 an interface or device that does not exist; -6 an attach of a device\n"
-    "whose interface is detached; -22 an interface request whose device is not\n"
-    "0xfffffff. An attach of an interface rescans it: every device of it comes\n"
-    "back. A request the driver does not know fails with ENOTTY. Every request\n"
-    "and its record go to sim/charon.log.\n";
+    "whose interface is detached; -5 an attach of a device that no drive answers\n"
+    "for; -22 an interface request whose device is not 0xfffffff. A detach takes\n"
+    "the drives' nodes away. An attach of an interface rescans it: a device is\n"
+    "found iff its bay holds a drive that the DSP has powered, and its table and\n"
+    "identity are read again. A request the driver does not know fails with\n"
+    "ENOTTY. Every request and its record go to sim/charon.log.\n";
 
 int runCharon(const Call& call)
 {

@@ -4,6 +4,7 @@
 #include <optional>
 #include <iostream>
 
+#include "charon.h"
 #include "clock.h"
 #include "create.h"
 #include "dsp.h"
@@ -32,6 +33,12 @@ struct BayView {
     std::vector<Window> windows;
     BayVerdict verdict;          // the drive manager's verdict and the drive's own stamps
     std::optional<DspBay> dsp;   // the chassis controller's bay, if there is one
+    struct Interface {
+        unsigned number = 0;
+        bool attached = false;
+        bool found = false;      // the kernel has the bay's device
+    };
+    std::optional<Interface> interface;  // the hot-swap driver's, for an IDE unit
 };
 
 // What show prints, read once.
@@ -69,13 +76,20 @@ ModuleView readModule(Module& module)
     v.clock = module.now();
     std::vector<BayVerdict> verdicts = bayVerdicts(module.dir());
     const DspState dsp = dspState(module);
+    const std::optional<CharonState> charon =
+        charonPresent(module) ? std::optional<CharonState>(charonState(module)) : std::nullopt;
     for (const Bay& b : v.manifest.bays) {
         const Drive* d = v.manifest.driveInBay(b.number);
         BayView bay{b, d ? std::optional<Drive>(*d) : std::nullopt,
-                    d ? module.windows(b.number) : std::vector<Window>{}, {}, std::nullopt};
+                    d ? module.windows(b.number) : std::vector<Window>{}, {}, std::nullopt, std::nullopt};
         for (const BayVerdict& verdict : verdicts)
             if (verdict.bay == b.number) bay.verdict = verdict;
         if (b.number >= 1 && static_cast<size_t>(b.number) <= dsp.bays.size()) bay.dsp = dsp.bays[static_cast<size_t>(b.number - 1)];
+        unsigned interface = 0, unit = 0;
+        if (charon && ideUnit(b.device, interface, unit) && interface < charon->interfaces.size()) {
+            const CharonInterface& i = charon->interfaces[interface];
+            bay.interface = BayView::Interface{interface, i.active, i.active && unit < i.devices.size() && i.devices[unit]};
+        }
         v.bays.push_back(bay);
     }
     v.faults = parseFaults(module.readState("faults"));
@@ -110,6 +124,14 @@ std::string stamp(const std::optional<int64_t>& t) { return t ? std::to_string(*
 // Power as the chassis controller reports it: a bay without a drive has none.
 bool reportsPower(const BayView& v) { return v.dsp && v.dsp->powered && v.drive; }
 
+// The bay's device as the hot-swap driver has it: "found" or "absent" on an
+// attached interface, "detached" with its interface.
+std::string kernelText(const BayView& v)
+{
+    if (!v.interface) return "";
+    return !v.interface->attached ? "detached" : v.interface->found ? "found" : "absent";
+}
+
 const std::vector<BayColumn>& bayColumns()
 {
     auto drive = [](std::function<std::string(const Drive&)> f) {
@@ -129,6 +151,7 @@ const std::vector<BayColumn>& bayColumns()
         {"DISMOUNTED", [](const BayView& v) { return stamp(v.verdict.dismount); }},
         {"POWER", [](const BayView& v) { return v.dsp ? std::string(reportsPower(v) ? "on" : "off") : std::string(); }},
         {"CLAMP", [](const BayView& v) { return v.dsp ? std::string(v.dsp->clamped ? "on" : "off") : std::string(); }},
+        {"KERNEL", kernelText},
         {"MODEL", [](const BayView& v) { return v.drive ? v.drive->model : std::string("(empty)"); }},
     };
     return columns;
@@ -254,6 +277,15 @@ void writeJson(const ModuleView& v)
         j.key("clamp");
         if (b.dsp) j.boolean(b.dsp->clamped);
         else j.null();
+        j.key("interface");
+        if (b.interface) {
+            j.beginObject();
+            j.key("number").unsignedNumber(b.interface->number).key("attached").boolean(b.interface->attached);
+            j.key("found").boolean(b.interface->found);
+            j.endObject();
+        } else {
+            j.null();
+        }
         j.endObject();
     }
     j.endArray();

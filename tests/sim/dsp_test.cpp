@@ -551,7 +551,7 @@ TEST(Dsp, TavsimShowsSetsAndMovesSwitches)
     EXPECT_EQ(c.status, 0);
     EXPECT_NE(c.out.find("\"temperature\": -7"), std::string::npos);
     EXPECT_NE(c.out.find("\"late_seconds\": 4"), std::string::npos);
-    EXPECT_NE(tavsim({"show", d}).out.find(" POWER  CLAMP  MODEL"), std::string::npos);
+    EXPECT_NE(tavsim({"show", d}).out.find(" POWER  CLAMP  KERNEL  MODEL"), std::string::npos);
 
     const std::vector<std::pair<std::vector<std::string>, std::string>> refusals = {
         {{"dsp", d, "set", "temp", "9", "30"}, "tavsim dsp: bay 9: the chassis controller has bays 1 to 4\n"},

@@ -1,8 +1,13 @@
 // The pieces of the module that drive hot-swap tests lean on: one bay
 // partitioned alone, the OS mirror script taking a drive's members out and
-// back, and a drive as a new one of the product arrives.
+// back, a drive as a new one of the product arrives, and the bays' drives
+// as the hot-swap driver and the chassis controller's power leave them.
+#include <cstring>
 #include <fcntl.h>
+#include <fstream>
+#include <linux/hdreg.h>
 #include <memory>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,6 +15,9 @@
 #include "driveutils/tavdrivemgr.h"
 #include "platform/platform.h"
 #include "sim_fixture.h"
+#include "sim/ata.h"
+#include "sim/charon.h"
+#include "sim/dsp.h"
 #include "sim/md_kernel.h"
 #include "sim/module.h"
 #include "sim/product_drive.h"
@@ -273,4 +281,169 @@ TEST(NewProductDrive, ArrivesPartitionedAndSignedWithNoOwnerSoItsVerdictIsNew)
     Captured shelf = tavsim({"insert", d, "4", serial, "--new-product"});
     EXPECT_EQ(shelf.status, 2);
     EXPECT_EQ(shelf.err.find("tavsim insert: --new-product puts a new drive, not one of the shelf"), 0u) << shelf.err;
+}
+
+namespace {
+
+constexpr const char* kDisc4 = "/dev/ide/host0/bus1/target0/lun0/disc";
+constexpr uint32_t kWhole = sim::charon::kWholeInterface;
+
+std::string part1(const std::string& disc) { return disc.substr(0, disc.size() - 4) + "part1"; }
+
+// A module whose hot-swap driver and chassis controller are reached through
+// the platform. Power masks are the four-bay unit's wire bits: bay 1 0x01,
+// 2 0x04, 3 0x08, 4 0x02.
+struct Bays {
+    TempModule m;
+    sim::SimPlatform platform;
+    plat::ScopedPlatform scope;
+    int charonFd, dspFd;
+
+    explicit Bays(int id = 1)
+        : m(id), platform(m.dir()), scope(platform), charonFd(plat::open(sim::kCharonNode, O_RDONLY)),
+          dspFd(plat::open(sim::kDspNode, O_RDWR))
+    {
+    }
+    sim::Module& module() { return platform.module(); }
+    int charon(unsigned long request, uint32_t interface, uint32_t device = kWhole)
+    {
+        sim::charon::Record r{interface, device, 0};
+        EXPECT_EQ(plat::ioctl(charonFd, request, &r), 0);
+        return r.iReturnCode;
+    }
+    // A power command (4 down, 6 up), then `wait` seconds.
+    void power(int command, int powerMask, int clampMask, unsigned wait = 3)
+    {
+        const uint8_t cmd[10] = {static_cast<uint8_t>(command), static_cast<uint8_t>(powerMask),
+                                 static_cast<uint8_t>(clampMask)};
+        EXPECT_EQ(plat::write(dspFd, cmd, sizeof cmd), 10);
+        plat::sleep(wait);
+    }
+    // 0, or the errno of a stat of the node, of a read or of a drive request.
+    static int statError(const std::string& node)
+    {
+        struct ::stat st;
+        return plat::stat(node.c_str(), &st) == 0 ? 0 : errno;
+    }
+    static int ioError(int fd)
+    {
+        char buf[512];
+        if (plat::pread(fd, buf, sizeof buf, 0) != sizeof buf) return errno;
+        unsigned char flush[4] = {sim::kAtaFlushCache, 0, 0, 0};
+        return plat::ioctl(fd, HDIO_DRIVE_CMD, flush) == 0 ? 0 : errno;
+    }
+    // The kernel found the bay's drive, with this serial number.
+    bool foundWithSerial(int bay)
+    {
+        const sim::Drive* d = module().manifest().driveInBay(bay);
+        return d && module().discoveredIdentity(bay).find(d->serial) != std::string::npos;
+    }
+    std::string dspLog() { return module().readState("dsp.log"); }
+};
+
+} // namespace
+
+TEST(BayLink, DetachTakesTheNodesAwayAndAttachRescansWithTheTableReadAgain)
+{
+    Bays u;
+    ASSERT_EQ(tavsim({"partition", u.m.dir()}).status, 0);
+    const std::string part1Of3 = part1(kDisc3);
+    const int open3 = plat::open(kDisc3, O_RDWR);
+
+    EXPECT_EQ(u.charon(sim::charon::kDeactivateIf, 1), 0);
+    for (const std::string& node : {std::string(kDisc3), std::string(kDisc4), part1Of3})
+        EXPECT_EQ(Bays::statError(node), ENOENT) << node;
+    EXPECT_EQ(Bays::statError(kDisc1), 0);  // the other interface stays
+    EXPECT_EQ(Bays::ioError(open3), EIO);
+
+    // The table changes while the kernel does not look; the rescan reads it.
+    std::fstream image(u.m.map(kDisc3), std::ios::in | std::ios::out | std::ios::binary);
+    image.seekp(446).write(std::string(64, '\0').data(), 64).flush();
+    EXPECT_EQ(u.charon(sim::charon::kActivateIf, 1), 0);
+    EXPECT_EQ(Bays::statError(kDisc3), 0);
+    EXPECT_EQ(Bays::statError(part1Of3), ENOENT);
+    EXPECT_EQ(Bays::statError(part1(kDisc4)), 0);
+    plat::close(open3);
+
+    EXPECT_EQ(u.charon(sim::charon::kDeactivateDev, 1, 0), 0);  // one device alone
+    EXPECT_EQ(Bays::statError(kDisc4), ENOENT);
+    EXPECT_EQ(Bays::statError(kDisc3), 0);
+}
+
+TEST(BayLink, ABayWithoutPowerIsAbsentAfterTheRescanAndANewDriveWaitsForPowerAndAttach)
+{
+    Bays u;
+    // The right order: detach, both down, the partner up, attach.
+    EXPECT_EQ(u.charon(sim::charon::kDeactivateIf, 1), 0);
+    u.power(4, 0x05, 0x05);
+    u.power(6, 0x02, 0x02);
+    EXPECT_EQ(u.charon(sim::charon::kActivateIf, 1), 0);
+    EXPECT_EQ(Bays::statError(kDisc3), ENOENT);
+    EXPECT_TRUE(u.foundWithSerial(4));
+    EXPECT_EQ(u.module().discoveredIdentity(3), "");
+    EXPECT_EQ(u.charon(sim::charon::kActivateDev, 1, 1), sim::charon::kNoDrive);
+
+    const std::string shown = tavsim({"show", u.m.dir()}).out;
+    const size_t row3 = shown.find("\n3    /dev/");
+    EXPECT_NE(shown.substr(row3, shown.find('\n', row3 + 1) - row3).find(" off    on     absent "), std::string::npos) << shown;
+    const std::string charon = tavsim({"charon", u.m.dir()}).out;
+    EXPECT_NE(charon.find("host0/bus1  active  found    absent"), std::string::npos) << charon;
+
+    // A new drive in the bay without power stays away until power and a rescan.
+    ASSERT_EQ(u.module().pull(3), "");
+    ASSERT_EQ(u.module().insert(3, ""), "");
+    u.power(6, 0x0a, 0x0a);
+    EXPECT_EQ(Bays::statError(kDisc3), ENOENT);
+    EXPECT_EQ(u.charon(sim::charon::kActivateDev, 1, 1), 0);
+    EXPECT_EQ(Bays::statError(kDisc3), 0);
+    EXPECT_TRUE(u.foundWithSerial(3));
+    EXPECT_EQ(u.dspLog().find("hazard"), std::string::npos) << u.dspLog();
+}
+
+TEST(BayLink, PowerCutUnderAnAttachedInterfaceIsAHazardAndTheDriveForgetsItsSettings)
+{
+    Bays u;
+    u.module().updateManifest([](sim::Manifest& m) {
+        for (int bay : {1, 3}) {
+            m.driveInBay(bay)->writeCache = false;
+            m.driveInBay(bay)->transferMode = 0x42;
+        }
+        return true;
+    });
+    const int open3 = plat::open(kDisc3, O_RDONLY);
+    // Bays 3 and 4 down under the kernel: the read just after the command's
+    // two seconds finds the drive gone, with nothing else asking the DSP.
+    u.power(4, 0x05, 0x05, 2);
+    EXPECT_EQ(Bays::ioError(open3), EIO);
+    plat::close(open3);
+    EXPECT_EQ(Bays::statError(kDisc3), 0);  // still found: no rescan yet
+    const std::string log = u.dspLog();
+    for (const char* line : {"1136073602 hazard: bay 3 lost power while interface 1 is attached\n",
+                             "1136073602 hazard: bay 4 lost power while interface 1 is attached\n"})
+        EXPECT_NE(log.find(line), std::string::npos) << log;
+    const sim::Manifest m = u.module().manifest();
+    EXPECT_EQ(std::make_pair(m.driveInBay(3)->writeCache, m.driveInBay(3)->transferMode), std::make_pair(true, -1));
+    EXPECT_EQ(std::make_pair(m.driveInBay(1)->writeCache, m.driveInBay(1)->transferMode), std::make_pair(false, 0x42));
+
+    // Cuts asked for by the critical switch, or of a device the kernel no
+    // longer has, are no hazard.
+    sim::dspSetSwitch(u.module(), 1, true, true);
+    u.power(4, 0x04, 0x04);
+    EXPECT_EQ(u.charon(sim::charon::kDeactivateDev, 0, 1), 0);
+    u.power(4, 0x00, 0x00);
+    EXPECT_FALSE(sim::dspState(u.module()).bays[1].powered);  // the due work runs when the DSP is asked
+    EXPECT_TRUE(u.module().manifest().driveInBay(1)->writeCache);
+    EXPECT_EQ(u.dspLog().rfind("hazard"), log.rfind("hazard")) << u.dspLog();
+}
+
+TEST(BayLink, PlatformThreeHasOneDriveOnEachChannel)
+{
+    Bays u(3);
+    EXPECT_EQ(u.charon(sim::charon::kDeactivateIf, 1), 0);
+    EXPECT_EQ(Bays::statError(kDisc4), ENOENT);  // bay 2: bus 1, target 0
+    EXPECT_EQ(Bays::statError(kDisc1), 0);
+    EXPECT_EQ(u.charon(sim::charon::kActivateIf, 1), 0);
+    EXPECT_TRUE(u.foundWithSerial(2));
+    EXPECT_EQ(u.charon(sim::charon::kActivateDev, 0, 1), sim::charon::kNoDrive);  // no drive on target 1
+    EXPECT_EQ(sim::charonState(u.module()).interfaces[1].devices, std::vector<bool>({true, false}));
 }
