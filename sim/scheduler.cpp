@@ -7,6 +7,7 @@
 #include <dirent.h>
 #include <cstdlib>
 #include <fcntl.h>
+#include <sys/syscall.h>
 #include <map>
 #include <new>
 #include <unistd.h>
@@ -51,6 +52,26 @@ bool asleepInKernel(pid_t tid)
     if (!end || end[1] != ' ') return true;
     char state = end[2];
     return state == 'S' || state == 'T' || state == 't' || state == 'Z' || state == 'X';
+}
+
+// The thread sleeps in a wait for a child process: a daemon, a command. It
+// waits on the host, and its child runs on the host's clock, so the virtual
+// clock need not wait for it.
+bool waitingForChild(pid_t tid)
+{
+    char path[64];
+    std::snprintf(path, sizeof path, "/proc/self/task/%d/syscall", static_cast<int>(tid));
+    int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    char text[64];
+    ssize_t got = ::read(fd, text, sizeof text - 1);
+    ::close(fd);
+    if (got <= 0) return false;
+    text[got] = '\0';
+    // "NR ARGS..." while in a system call; "running" or "-1 ..." otherwise.
+    char* end = nullptr;
+    const long nr = std::strtol(text, &end, 10);
+    return end != text && (nr == SYS_wait4 || nr == SYS_waitid) && asleepInKernel(tid);
 }
 
 // The threads of this process, from its /proc stat; 0 when it cannot be read.
@@ -157,9 +178,12 @@ struct Scheduler::Core {
         return next;
     }
 
+    // A thread outside may call at any moment, so the clock moves slowly
+    // for it; one that waits for a child process does not hold it back.
     bool anyOutside() const
     {
-        return std::any_of(slots.begin(), slots.end(), [](const auto& p) { return p->state == State::Outside; });
+        return std::any_of(slots.begin(), slots.end(),
+                           [](const auto& p) { return p->state == State::Outside && !waitingForChild(p->tid); });
     }
 
     // A thread of the process that is not waiting here and that the kernel

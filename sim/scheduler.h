@@ -19,7 +19,9 @@
 // waiting for a core on a loaded machine) keeps its turn, so a slow machine
 // changes no order. While a thread is outside, the clock moves one step per
 // grace period at most, only while every thread outside is asleep, and, when
-// pacing is on (a person at the console), no faster than real time. A thread
+// pacing is on (a person at the console), no faster than real time; a thread
+// asleep in a wait for a child process (a daemon it supervises) waits on the
+// host and does not slow the clock. A thread
 // that holds the turn for kSlice calls while others ask for it gives it up in
 // between, so that a thread that never waits cannot starve the others. A
 // thread that ends leaves. Waiting threads look again every grace period, for

@@ -277,7 +277,7 @@ TEST_F(Link, ABaysLockOpenedTakesItsDriveDown)
     tavGlobalDebugLevel = 10;
     testing::internal::CaptureStderr();
     sim::dspSetSwitch(*control_, 2, false, true);
-    plat::sleep(3);
+    plat::sleep(40);  // the report, the bus's detach, power-down, partner power-up and spin-up
     std::string log = testing::internal::GetCapturedStderr();
     EXPECT_NE(log.find("Notify clients of status change in drives 2 \n"), std::string::npos) << log;
     EXPECT_NE(log.find("Drive 2 is going down\n"), std::string::npos);

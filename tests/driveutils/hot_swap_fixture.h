@@ -10,6 +10,7 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <optional>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -49,7 +50,7 @@ enum class Shelf { NewProduct, PartitionedOnly, Foreign, Damaged, Blank };
 // partitioned, the shelf drives prepared in bay 3 while it is free, then the
 // four drives signed, the data array and OS mirrors made and the daemons
 // installed. Gives the shelf drives' serial numbers.
-inline std::map<Shelf, std::string> buildModule(const std::string& dir, int platform)
+inline std::map<Shelf, std::string> buildModule(const std::string& dir, int platform, bool withShelf = true)
 {
     std::map<Shelf, std::string> shelf;
     sim::CreateOptions options;
@@ -66,7 +67,9 @@ inline std::map<Shelf, std::string> buildModule(const std::string& dir, int plat
 
     const std::string own3 = control.manifest().driveInBay(3)->serial;
     EXPECT_EQ(control.pull(3), "");
-    for (Shelf kind : {Shelf::NewProduct, Shelf::PartitionedOnly, Shelf::Foreign, Shelf::Damaged, Shelf::Blank}) {
+    std::vector<Shelf> kinds{Shelf::NewProduct, Shelf::PartitionedOnly, Shelf::Foreign, Shelf::Damaged, Shelf::Blank};
+    if (!withShelf) kinds.clear();
+    for (Shelf kind : kinds) {
         EXPECT_EQ(control.insert(3, ""), "");
         const std::string serial = control.manifest().driveInBay(3)->serial;
         const std::string image = dir + control.manifest().bay(3)->device;
@@ -134,6 +137,10 @@ public:
             std::this_thread::yield();
         plat::sleep(2);  // the link's first status
         started_ = started_ && TavDspDiskStatus::statusIsReady();
+        // The threads that stay: this one, the link's, the store's supervisor.
+        // Those of the start-up (the mount-time thread) end first.
+        waitFor([] { return !TavDriveMgr::checkRebuild.load(); });
+        plat::sleep(5);
         base_ = platform_->scheduler().threads();
     }
 
@@ -170,11 +177,18 @@ public:
         }
         return done();
     }
-    // Until every thread the system started has ended: a drive's power-down
-    // and the mount-time thread.
-    bool waitIdle()
+    // Until every thread the system started has ended (a drive's power-down,
+    // the mount-time thread) with the store as `store` says: the store's
+    // supervising thread is one of those that stay while it runs.
+    // Without `store`, the store may be either way. Without `mountTimes`
+    // the mount-time thread may go on polling a rebuild.
+    bool waitIdle(std::optional<bool> store = true, bool mountTimes = true)
     {
-        return waitFor([&] { return platform_->scheduler().threads() <= base_ && !TavDriveMgr::checkRebuild.load(); });
+        return waitFor([&] {
+            const bool running = storeRunning(), polling = TavDriveMgr::checkRebuild.load();
+            const size_t stay = base_ - (running ? 0 : 1) + (!mountTimes && polling ? 1 : 0);
+            return (!store || running == *store) && platform_->scheduler().threads() <= stay && (!mountTimes || !polling);
+        });
     }
 
     bool storeRunning()
@@ -183,7 +197,8 @@ public:
         return ondraIf.getRun(state, 0) == 0 && state == "TRUE";
     }
 
-    // The lines of a log of the simulation, each split in its time and its text.
+    // The lines of a log of the simulation whose text starts with `keep`,
+    // each split in its time and its text.
     struct Line {
         long long time;
         std::string text;
@@ -195,7 +210,7 @@ public:
         std::string line;
         while (std::getline(in, line)) {
             const size_t space = line.find(' ');
-            if (space == std::string::npos || line.find(keep) == std::string::npos) continue;
+            if (space == std::string::npos || line.compare(space + 1, keep.size(), keep) != 0) continue;
             out.push_back({std::atoll(line.c_str()), line.substr(space + 1)});
         }
         return out;
