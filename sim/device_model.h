@@ -47,6 +47,7 @@ struct OpenNode {
 struct DeviceContext {
     Module& module;
     bool powerCut;            // writes are lost: report success, change nothing
+    bool bench = false;       // drives reached on the bench: the kernel's view and bay power are not asked
 };
 
 class DeviceModel {

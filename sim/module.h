@@ -132,8 +132,10 @@
 // is found or not as the last rescan left it, and a drive's nodes exist only
 // while the kernel has its device found on an attached interface (open and
 // stat give ENOENT, descriptors already open EIO); a drive whose bay the DSP
-// has not powered answers nothing (EIO on I/O and drive requests). They leave
-// out:
+// has not powered answers nothing (EIO on I/O and drive requests). `tavsim
+// partition` and `tavsim insert --new-product` reach a drive as on a bench,
+// outside the module: whatever its bay's power and the kernel's view, so that
+// a replacement is made ready before it is powered. They leave out:
 // - Hot-plug without a rescan: a drive inserted into a bay whose device the
 //   kernel has found answers at once (it stands for a drive swapped behind
 //   the kernel's back, as the module always had it), and one pulled leaves

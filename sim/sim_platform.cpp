@@ -332,7 +332,7 @@ SimPlatform::Target SimPlatform::target(const Resolved& r)
     if ((t.model = registry_.prefixModel(r.vpath))) return t;
     t.node = module_.device(r.vpath, t.present);
     // Devfs keeps no node of a device the kernel has not found.
-    if (t.node && t.present && !bayFound(module_, t.node->bay)) t.present = false;
+    if (t.node && t.present && !bench_ && !bayFound(module_, t.node->bay)) t.present = false;
     if (t.node) t.model = registry_.majorModel(t.node->character, t.node->major);
     return t;
 }

@@ -37,6 +37,11 @@ public:
     // The turns of this process's threads and their virtual time (scheduler.h).
     Scheduler& scheduler() { return sched_; }
 
+    // The drives as a technician reaches them on a bench, out of the
+    // module: every drive in a bay answers, whatever the kernel has found
+    // and whatever power its bay has (tavsim partition, insert --new-product).
+    void setBench(bool on) { bench_ = on; }
+
     // Faults: armed here they are also saved in the module's file.
     void arm(const Fault& fault);
     void clearFaults();
@@ -175,7 +180,7 @@ private:
     bool refuse(const char* path, const char* why);
     Target target(const Resolved& r);
     const HostDir& procDir();
-    DeviceContext context() { return DeviceContext{module_, powerCut_}; }
+    DeviceContext context() { return DeviceContext{module_, powerCut_, bench_}; }
     Handle* handle(int fd);
     // The model's mapping that holds `addr`, and its base; null for others.
     Mapping* mappingAt(const volatile void* addr, uintptr_t& base);
@@ -210,6 +215,7 @@ private:
     Module::Stamp faultStamp_;
     std::map<std::pair<Op, std::string>, uint64_t> counts_;
     bool powerCut_ = false;
+    bool bench_ = false;
     std::string syslogIdent_;
     int syslogFacility_ = 8;  // LOG_USER, the C library's default
     // Last: it goes first, before the state its clock reads.

@@ -148,7 +148,10 @@ std::string partitionBay(Module& module, int bay)
     const Drive* d = m.driveInBay(bay);
     if (!b || !d) return "bay " + std::to_string(bay) + ": empty; no drive to partition";
     if (std::string p = sizeProblem(module, *b, *d); !p.empty()) return p;
+    // The drive is partitioned as on a bench: a replacement is made ready
+    // out of the module's power and the kernel's view.
     SimPlatform platform(module.dir());
+    platform.setBench(true);
     return build(platform, *b);
 }
 
