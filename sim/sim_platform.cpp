@@ -77,7 +77,9 @@ void resumeAllInParent()
 void resetAllInChild()
 {
     for (SimPlatform* p : livePlatforms()) p->forkChild();
-    new (&liveMutex()) std::mutex;
+    // A plain lock taken by the forking thread in the prepare handler: the
+    // child, that thread, gives it back, as the parent does.
+    liveMutex().unlock();
 }
 
 } // namespace
@@ -103,7 +105,9 @@ void SimPlatform::forkParent()
 
 void SimPlatform::forkChild()
 {
-    // Held in the parent by a thread that the child does not have: made anew.
+    // Taken by the forking thread in the prepare handler; a recursive lock
+    // checks its owner's thread id, which the child's thread does not have,
+    // so it is made anew.
     new (&mu_) std::recursive_mutex;
     sched_.forkChild();
 }
