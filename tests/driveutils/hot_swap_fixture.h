@@ -108,6 +108,10 @@ inline std::map<Shelf, std::string> buildModule(const std::string& dir, int plat
     return shelf;
 }
 
+// The scope of the system's platform, reachable to the end of the process
+// for the leak check too: a plain pointer, which nothing destroys at exit.
+inline plat::ScopedPlatform* gKeptScope = nullptr;
+
 // The system on a module, in this process: the drive manager, the store,
 // and the chassis controller's link. The link's threads never end, so the
 // platform is left to the end of the process and the scheduler parked when
@@ -118,6 +122,7 @@ public:
     {
         platform_ = new sim::SimPlatform(dir);
         scope_ = new plat::ScopedPlatform(*platform_);
+        gKeptScope = scope_;
         for (int type = 0; type < 3; ++type) setDataPath(kDataDirs[type], type);
         sim::resetDriveManager();
         TavDriveMgr::init();
