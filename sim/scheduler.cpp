@@ -32,21 +32,29 @@ struct Slot {
     pid_t tid = ::gettid();              // the thread, as the kernel knows it
 };
 
+// A file of one of this process's threads under /proc, as text; false when
+// the thread is gone or the file cannot be read.
+bool readTaskFile(pid_t tid, const char* name, char* text, size_t size)
+{
+    char path[64];
+    std::snprintf(path, sizeof path, "/proc/self/task/%d/%s", static_cast<int>(tid), name);
+    int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    ssize_t got = ::read(fd, text, size - 1);
+    ::close(fd);
+    if (got <= 0) return false;
+    text[got] = '\0';
+    return true;
+}
+
 // True when the kernel has the thread asleep (on a lock, a pipe, a timer) or
 // stopped, rather than running or ready to run: a thread that is only slow
 // or waiting for a core keeps its turn and holds the clock. A thread that is
 // gone counts as asleep. Reads the process's own /proc, nothing of the module.
 bool asleepInKernel(pid_t tid)
 {
-    char path[64];
-    std::snprintf(path, sizeof path, "/proc/self/task/%d/stat", static_cast<int>(tid));
-    int fd = ::open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return true;
     char text[512];
-    ssize_t got = ::read(fd, text, sizeof text - 1);
-    ::close(fd);
-    if (got <= 0) return true;
-    text[got] = '\0';
+    if (!readTaskFile(tid, "stat", text, sizeof text)) return true;
     // "TID (NAME) STATE ...": the name may hold anything, so look after its last ')'.
     const char* end = std::strrchr(text, ')');
     if (!end || end[1] != ' ') return true;
@@ -59,15 +67,8 @@ bool asleepInKernel(pid_t tid)
 // clock need not wait for it.
 bool waitingForChild(pid_t tid)
 {
-    char path[64];
-    std::snprintf(path, sizeof path, "/proc/self/task/%d/syscall", static_cast<int>(tid));
-    int fd = ::open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
     char text[64];
-    ssize_t got = ::read(fd, text, sizeof text - 1);
-    ::close(fd);
-    if (got <= 0) return false;
-    text[got] = '\0';
+    if (!readTaskFile(tid, "syscall", text, sizeof text)) return false;
     // "NR ARGS..." while in a system call; "running" or "-1 ..." otherwise.
     char* end = nullptr;
     const long nr = std::strtol(text, &end, 10);

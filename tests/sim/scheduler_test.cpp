@@ -132,6 +132,33 @@ TEST(Scheduler, AThreadBlockedOutsideThePlatformDoesNotFreezeTheClock)
     spinner.join();
 }
 
+// A thread waiting for a real child process (a supervised daemon) is outside
+// the platform, but waits on the host: the others' clock runs at full speed.
+TEST(Scheduler, AThreadWaitingForAChildProcessDoesNotSlowTheClock)
+{
+    TempModule m;
+    sim::SimPlatform p(m.dir());
+    p.time(nullptr);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::sleep(3);
+        ::_exit(0);
+    }
+    ASSERT_GT(child, 0);
+    std::thread waiter([&] {
+        p.time(nullptr);  // counted, then blocked outside in the wait
+        int status = 0;
+        ::waitpid(child, &status, 0);
+    });
+    // One grace period a step would take 10 s: the child would be gone.
+    const long long start = seconds(p);
+    for (int i = 0; i < 500; ++i) p.sleep(1);
+    EXPECT_EQ(seconds(p), start + 500);
+    EXPECT_EQ(::kill(child, 0), 0) << "the child, which lives 3 s, still runs";
+    ::kill(child, SIGKILL);
+    waiter.join();
+}
+
 // A thread busy with its own work (or only short of a core) is not blocked:
 // it keeps its turn and the clock waits for it, however long it takes.
 TEST(Scheduler, ABusyThreadKeepsItsTurnAndTheClock)
