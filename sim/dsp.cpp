@@ -229,6 +229,10 @@ struct DspDevice::View {
 // clock may leave the file's time, size and even inode number as they were.
 const DspDevice::View* DspDevice::view(Module& module)
 {
+    // While the file's generation stands, the view needs no read at all.
+    const uint64_t generation = module.generation(Module::stateFile(kStateName));
+    if (view_ && generation != Module::kNoGeneration && generation == viewGeneration_) return view_.get();
+    viewGeneration_ = generation;
     std::string text = module.readState(kStateName);
     if (view_ && text == viewText_ && (!text.empty() || !view_->present)) return view_.get();
     auto v = std::make_shared<View>();
