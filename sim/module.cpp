@@ -288,7 +288,7 @@ std::optional<DeviceNode> Module::device(const std::string& vpath, bool& present
         }
         const Drive* drive = m.driveInBay(bay.number);
         struct stat st;
-        if (!drive || root_.stat(node.image, &st) != 0 || !S_ISREG(st.st_mode)) return node;
+        if (!drive || !imageStat(node.image, st) || !S_ISREG(st.st_mode)) return node;
         uint64_t diskBytes = static_cast<uint64_t>(st.st_size);
         if (node.partition <= 0) {
             node.size = diskBytes;
@@ -304,6 +304,20 @@ std::optional<DeviceNode> Module::device(const std::string& vpath, bool& present
         return node;
     }
     return std::nullopt;
+}
+
+// Images are moved and made only with a write of the manifest (pull, insert,
+// swap): while its generation stands, an image's stat stands too.
+bool Module::imageStat(const std::string& image, struct stat& st)
+{
+    const uint64_t generation = this->generation(stateFile("manifest"));
+    ImageStat& kept = images_[image];
+    if (generation == kNoGeneration || generation != kept.generation) {
+        kept.found = root_.stat(image, &kept.st) == 0;
+        kept.generation = generation;
+    }
+    st = kept.st;
+    return kept.found;
 }
 
 std::vector<Window> Module::windows(int bay)

@@ -328,6 +328,7 @@ public:
 
 private:
     bool changed(const std::string& rel, Stamp& stamp);
+    bool imageStat(const std::string& image, struct stat& st);
 
     HostDir root_;
     uint64_t* mapGenerations();
@@ -341,6 +342,12 @@ private:
         std::vector<Window> windows;
     };
     std::vector<TableCache> tables_;
+    struct ImageStat {
+        uint64_t generation = kNoGeneration;
+        bool found = false;
+        struct stat st {};
+    };
+    std::map<std::string, ImageStat> images_;
     std::shared_ptr<BayLinkCache> bayLink_;
     struct LogFile {
         int fd = -1;
