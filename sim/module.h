@@ -299,6 +299,8 @@ public:
     std::shared_ptr<struct BayLinkCache>& bayLinkCache() { return bayLink_; }
     // The md kernel's state kept for this module (md_kernel.h).
     std::shared_ptr<struct MdCache>& mdCache() { return md_; }
+    // The chassis controller's unit kept for this module (dsp.cpp).
+    std::shared_ptr<struct DspCache>& dspCache() { return dsp_; }
 
     // Drive handling; each gives "" or the reason it could not.
     std::string pull(int bay);
@@ -357,6 +359,7 @@ private:
     std::map<std::string, LogFile> logs_;
     std::mutex logsMutex_;
     std::shared_ptr<MdCache> md_;
+    std::shared_ptr<DspCache> dsp_;
 };
 
 } // namespace sim
