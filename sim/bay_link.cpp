@@ -71,7 +71,9 @@ BayLinkCache& view(Module& module)
     const uint64_t writes = Module::stateWrites();
     const bool charonChanged = module.stateChanged("charon", c.charon);
     const bool dspChanged = module.stateChanged("dsp", c.dsp);
-    if (charonChanged || dspChanged || writes != c.writes) {
+    // With generations the stamps are sure; without, any write of ours counts.
+    const bool sure = module.generation(Module::stateFile("dsp")) != Module::kNoGeneration;
+    if (charonChanged || dspChanged || (!sure && writes != c.writes)) {
         // Counted before the files are read: a write meanwhile shows next time.
         c.writes = writes;
         rebuild(module, c);

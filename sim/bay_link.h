@@ -6,7 +6,7 @@
 //
 // Every block read and write asks, so the answers come from a view kept per
 // Module and parsed again only when "sim/charon" or "sim/dsp" changed (their
-// stamps, or a write of state by this process). Power work of the DSP that is
+// generations, or stamps and a write of state by this process). Power work of the DSP that is
 // already due on the virtual clock is caught up first, so that a read right
 // after a power-down has completed sees the drive gone.
 #pragma once

@@ -74,11 +74,17 @@ void BlockDevice::close(DeviceContext&, OpenNode& n)
     n.lockFd = -1;
 }
 
-bool BlockDevice::gone(DeviceContext& ctx, const OpenNode& n)
+// Images move only with a write of the manifest (pull, insert, swap): while
+// its generation stands, the image found in place is still there.
+bool BlockDevice::gone(DeviceContext& ctx, OpenNode& n)
 {
-    struct ::stat st;
-    return ctx.module.host().stat(n.node.image, &st) != 0 || st.st_ino != n.ino ||
-           (!ctx.bench && !bayAnswers(ctx.module, n.node.bay));
+    const uint64_t generation = ctx.module.generation(Module::stateFile("manifest"));
+    if (generation == Module::kNoGeneration || generation != n.imageChecked) {
+        struct ::stat st;
+        if (ctx.module.host().stat(n.node.image, &st) != 0 || st.st_ino != n.ino) return true;
+        n.imageChecked = generation;
+    }
+    return !ctx.bench && !bayAnswers(ctx.module, n.node.bay);
 }
 
 ssize_t BlockDevice::read(DeviceContext& ctx, OpenNode& n, void* buf, size_t count, uint64_t at, bool advance)

@@ -30,7 +30,7 @@ public:
 protected:
     // The drive was pulled or swapped since the node was opened, or does not
     // answer the kernel now.
-    static bool gone(DeviceContext& ctx, const OpenNode& n);
+    static bool gone(DeviceContext& ctx, OpenNode& n);
     // Requests of the drive's own bus (ATA, SCSI); EINVAL when it has none.
     virtual int driveIoctl(DeviceContext& ctx, OpenNode& n, unsigned long request, void* arg);
 

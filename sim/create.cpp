@@ -245,6 +245,7 @@ std::string createModule(const std::string& dir, const CreateOptions& options)
             std::string err = g(module, m);
             if (!err.empty()) return err;
         }
+        module.stateWritten();  // the files above were written around Module
     } catch (const std::exception& e) {
         return e.what();
     }

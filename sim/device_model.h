@@ -41,6 +41,7 @@ struct OpenNode {
     uint64_t pos = 0;
     ino_t ino = 0;
     int accmode = 0;
+    uint64_t imageChecked = ~uint64_t{0};  // the manifest's generation when the image was last found in place
 };
 
 // What a model may use of the platform around it.

@@ -96,6 +96,21 @@ void forgetSettings(Module& module, const std::vector<dsp::PowerLoss>& losses)
 
 using Visit = std::function<void(DspUnit&, dsp::Firmware&, std::vector<std::string>& log)>;
 
+} // namespace
+
+// The unit as last read or written, kept per Module so that a visit reads and
+// parses the file only after its generation moved.
+struct DspCache {
+    uint64_t generation = Module::kNoGeneration;
+    bool present = false;
+    bool readable = false;
+    std::string why;
+    DspUnit unit;
+    std::string before;  // the unit's text as the file has it
+};
+
+namespace {
+
 // Runs `visit` on the unit under the module's lock, brought up to the virtual
 // clock; saves it when it changed and logs `log`'s lines. False when the
 // module has no chassis controller. A power loss's hazard is logged before
@@ -106,39 +121,44 @@ using Visit = std::function<void(DspUnit&, dsp::Firmware&, std::vector<std::stri
 bool visitDsp(Module& module, const Visit& visit)
 {
     Module::Lock lock(module);
-    bool present = true;
-    std::vector<dsp::PowerLoss> losses;
-    module.updateState(kStateName, [&](std::string& text) {
-        if (!module.host().exists(Module::stateFile(kStateName))) {
-            present = false;
-            return false;
-        }
-        const Manifest m = module.manifest();
-        DspUnit unit;
-        std::string why;
-        if (!DspUnit::parse(text, unit, why)) {
-            thread_local std::string reported;
-            if (why != reported) TAV_LOG(0, "tavsim: %s; the chassis controller starts afresh\n", why.c_str());
-            reported = why;
-            unit = freshDspUnit(bayCount(m), occupancy(m, static_cast<size_t>(bayCount(m))));
-        }
-        const std::string before = unit.format();
-        const uint64_t now = nowUs(module);
-        dsp::Firmware firmware(unit, occupancy(m, unit.state.bays.size()), now);
-        firmware.catchUp();
-        std::vector<std::string> log;
-        visit(unit, firmware, log);
-        losses = firmware.powerLosses();
-        logHazards(module, losses);
-        const std::string stamp = std::to_string(now / 1000000) + " ";
-        for (const std::string& line : log) module.appendState(kLogName, stamp + line);
-        std::string after = unit.format();
-        if (after == before) return false;
-        text = after;
-        return true;
-    });
+    std::shared_ptr<DspCache>& slot = module.dspCache();
+    if (!slot) slot = std::make_shared<DspCache>();
+    DspCache& c = *slot;
+    const uint64_t generation = module.generation(Module::stateFile(kStateName));
+    if (generation == Module::kNoGeneration || generation != c.generation) {
+        c.generation = generation;
+        const std::string text = module.readState(kStateName);
+        c.present = module.host().exists(Module::stateFile(kStateName));
+        c.unit = DspUnit{};
+        c.readable = c.present && DspUnit::parse(text, c.unit, c.why);
+        if (c.readable) c.before = c.unit.format();
+    }
+    if (!c.present) return false;
+    const Manifest m = module.manifest();
+    DspUnit unit = c.unit;
+    if (!c.readable) {
+        thread_local std::string reported;
+        if (c.why != reported) TAV_LOG(0, "tavsim: %s; the chassis controller starts afresh\n", c.why.c_str());
+        reported = c.why;
+        unit = freshDspUnit(bayCount(m), occupancy(m, static_cast<size_t>(bayCount(m))));
+    }
+    const std::string before = c.readable ? c.before : unit.format();
+    const uint64_t now = nowUs(module);
+    dsp::Firmware firmware(unit, occupancy(m, unit.state.bays.size()), now);
+    firmware.catchUp();
+    std::vector<std::string> log;
+    visit(unit, firmware, log);
+    const std::vector<dsp::PowerLoss> losses = firmware.powerLosses();
+    logHazards(module, losses);
+    const std::string stamp = std::to_string(now / 1000000) + " ";
+    for (const std::string& line : log) module.appendState(kLogName, stamp + line);
+    std::string after = unit.format();
+    if (after != before) {
+        module.writeState(kStateName, after);
+        c.generation = Module::kNoGeneration;  // read back once: the write may have failed
+    }
     forgetSettings(module, losses);
-    return present;
+    return true;
 }
 
 void requirePresent(bool present)
@@ -229,6 +249,10 @@ struct DspDevice::View {
 // clock may leave the file's time, size and even inode number as they were.
 const DspDevice::View* DspDevice::view(Module& module)
 {
+    // While the file's generation stands, the view needs no read at all.
+    const uint64_t generation = module.generation(Module::stateFile(kStateName));
+    if (view_ && generation != Module::kNoGeneration && generation == viewGeneration_) return view_.get();
+    viewGeneration_ = generation;
     std::string text = module.readState(kStateName);
     if (view_ && text == viewText_ && (!text.empty() || !view_->present)) return view_.get();
     auto v = std::make_shared<View>();

@@ -122,6 +122,7 @@ private:
     const View* view(Module& module);
 
     std::string viewText_;
+    uint64_t viewGeneration_ = Module::kNoGeneration;  // of sim/dsp when viewText_ was read
     std::shared_ptr<View> view_;
 };
 

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <linux/openat2.h>
 #include <stdexcept>
 #include <sys/syscall.h>
@@ -126,14 +127,28 @@ HostDir::HostDir(const std::string& dir)
     ino_ = mine.st_ino;
 }
 
+namespace {
+std::atomic<uint64_t> gDescriptorEpoch{1};
+} // namespace
+
+void HostDir::descriptorsChanged() { gDescriptorEpoch.fetch_add(1, std::memory_order_acq_rel); }
+
+uint64_t HostDir::descriptorEpoch() { return gDescriptorEpoch.load(std::memory_order_acquire); }
+
 int HostDir::dirFd() const
 {
+    const uint64_t epoch = descriptorEpoch();
+    if (checked_.load(std::memory_order_acquire) == epoch) return fd_;
     struct ::stat st;
-    if (::fstat(fd_, &st) == 0 && st.st_dev == dev_ && st.st_ino == ino_) return fd_;
+    if (::fstat(fd_, &st) == 0 && st.st_dev == dev_ && st.st_ino == ino_) {
+        checked_.store(epoch, std::memory_order_release);
+        return fd_;
+    }
     // Closed, or its number now belongs to another file, which is not ours to close.
     int fd = ::open(path_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
     if (fd >= 0 && ::fstat(fd, &st) == 0 && st.st_dev == dev_ && st.st_ino == ino_) {
         fd_ = fd;
+        checked_.store(epoch, std::memory_order_release);
         return fd_;
     }
     if (fd >= 0) ::close(fd);
@@ -155,7 +170,7 @@ int HostDir::refuse(const std::string& rel, const char* why) const
 }
 
 // An O_PATH descriptor of `rel` itself (a link is not followed, and refused).
-int HostDir::pathFd(const std::string& rel, bool mustBeDir) const
+int HostDir::pathFd(const std::string& rel, bool mustBeDir, struct ::stat* out) const
 {
     int fd = openBeneath(dirFd(), rel, O_PATH | O_NOFOLLOW | (mustBeDir ? O_DIRECTORY : 0), 0);
     if (fd < 0) {
@@ -168,6 +183,7 @@ int HostDir::pathFd(const std::string& rel, bool mustBeDir) const
         ::close(fd);
         return refuse(rel, "a link inside the module");
     }
+    if (out) *out = st;  // the callers' own checks need no second fstat
     return fd;
 }
 
@@ -187,7 +203,8 @@ int HostDir::open(const std::string& relIn, int flags, mode_t mode) const
 {
     const std::string rel = relative(relIn);
     for (int attempt = 0; attempt < 8; ++attempt) {
-        int pfd = pathFd(rel, false);
+        struct ::stat st;
+        int pfd = pathFd(rel, false, &st);
         if (pfd < 0) {
             if (errno != ENOENT || !(flags & O_CREAT)) return -1;
             // A new file: made beneath the directory, so it is ours alone.
@@ -202,11 +219,6 @@ int HostDir::open(const std::string& relIn, int flags, mode_t mode) const
         if ((flags & O_CREAT) && (flags & O_EXCL)) {
             ::close(pfd);
             errno = EEXIST;
-            return -1;
-        }
-        struct ::stat st;
-        if (::fstat(pfd, &st) != 0) {
-            ::close(pfd);
             return -1;
         }
         if (!S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
@@ -238,11 +250,10 @@ int HostDir::open(const std::string& relIn, int flags, mode_t mode) const
 
 int HostDir::stat(const std::string& rel, struct ::stat* st) const
 {
-    int fd = pathFd(relative(rel), false);
+    int fd = pathFd(relative(rel), false, st);
     if (fd < 0) return -1;
-    int rc = ::fstat(fd, st);
     ::close(fd);
-    return rc;
+    return 0;
 }
 
 bool HostDir::exists(const std::string& rel) const
@@ -364,8 +375,6 @@ bool HostDir::readFile(const std::string& rel, std::string& out) const
     }
 }
 
-namespace {
-
 bool writeAll(int fd, const std::string& text)
 {
     size_t done = 0;
@@ -378,18 +387,33 @@ bool writeAll(int fd, const std::string& text)
     return true;
 }
 
-} // namespace
-
+// The new file is made beside the old and traded places with it by one
+// exchange, so that the name always holds a whole file. An exchange does not
+// make the file system write the new file's data out at once, as a rename
+// over an existing file does (ext4's auto_da_alloc), which is most of the
+// cost of a state write; a rename is left for a new name and anything but a
+// regular file.
 bool HostDir::writeFileAtomic(const std::string& rel, const std::string& text) const
 {
-    std::string tmp = relative(rel) + uniqueSuffix();
-    int fd = open(tmp, O_WRONLY | O_CREAT | O_EXCL, 0644);
-    if (fd < 0) return false;
-    bool ok = writeAll(fd, text);
-    ::close(fd);
-    if (ok && rename(tmp, rel) == 0) return true;
-    unlink(tmp);
-    return false;
+    std::string leaf;
+    const int parent = parentFd(rel, leaf);
+    if (parent < 0) return false;
+    const std::string tmp = leaf + uniqueSuffix();
+    // A name of our own making in a directory checked above: no link to follow.
+    const int fd = openBeneath(parent, tmp, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0644);
+    const bool written = fd >= 0 && writeAll(fd, text);
+    if (fd >= 0) ::close(fd);
+    bool exchanged = false, placed = false;
+    if (written) {
+        struct ::stat st;
+        exchanged = ::fstatat(parent, leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode) &&
+                    ::syscall(SYS_renameat2, parent, tmp.c_str(), parent, leaf.c_str(), RENAME_EXCHANGE) == 0;
+        placed = exchanged || ::renameat(parent, tmp.c_str(), parent, leaf.c_str()) == 0;
+    }
+    // The old file after an exchange, or the new one that could not be put in place.
+    if (fd >= 0 && (exchanged || !placed)) ::unlinkat(parent, tmp.c_str(), 0);
+    ::close(parent);
+    return placed;
 }
 
 bool HostDir::appendFile(const std::string& rel, const std::string& text) const

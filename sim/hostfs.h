@@ -11,6 +11,8 @@
 // Refusals fail with EACCES and a log line "tavsim: refused PATH: WHY".
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <dirent.h>
 #include <string>
 #include <sys/stat.h>
@@ -26,6 +28,13 @@ public:
     ~HostDir();
     HostDir(const HostDir&) = delete;
     HostDir& operator=(const HostDir&) = delete;
+
+    // The program under test may have closed or replaced descriptors it did
+    // not open (a child closing all but the standard three): every HostDir
+    // checks its own descriptor again before the next use. Until then none
+    // is checked, which spares a syscall on every access.
+    static void descriptorsChanged();
+    static uint64_t descriptorEpoch();
 
     // The directory as it was resolved when opened (for messages only).
     const std::string& path() const { return path_; }
@@ -50,7 +59,8 @@ public:
     bool appendFile(const std::string& rel, const std::string& text) const;
 
 private:
-    int pathFd(const std::string& rel, bool mustBeDir) const;
+    // `out`, when given, gets the file's stat.
+    int pathFd(const std::string& rel, bool mustBeDir, struct ::stat* out = nullptr) const;
     int parentFd(const std::string& rel, std::string& leaf) const;
     int refuse(const std::string& rel, const char* why) const;
 
@@ -59,10 +69,14 @@ private:
     int dirFd() const;
 
     mutable int fd_ = -1;
+    mutable std::atomic<uint64_t> checked_{0};  // descriptorEpoch() when fd_ was last found ours
     std::string path_;
     dev_t dev_ = 0;
     ino_t ino_ = 0;
 };
+
+// Writes all of `text` to `fd`; false on an error or a write of nothing.
+bool writeAll(int fd, const std::string& text);
 
 // True when `dir` resolves to the host's root directory.
 bool isHostRoot(const std::string& dir);

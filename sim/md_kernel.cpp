@@ -440,27 +440,44 @@ void MdKernel::forgetAll() { state_.arrays.clear(); }
 
 // ---- visits ----
 
+// The state as last read or written, kept per Module so that a request that
+// changes nothing reads and parses no file.
+struct MdCache {
+    Module::Stamp stamp;
+    bool valid = false;
+    bool readable = false;
+    std::string why;
+    MdState state;
+    std::string before;  // the text that stands for `state` on disk
+};
+
 void visitMd(Module& module, const std::function<void(MdKernel&)>& visit)
 {
-    module.updateState("md", [&](std::string& text) {
-        MdState state;
-        std::string why;
-        const bool readable = MdState::parse(text, state, why);
+    Module::Lock lock(module);
+    std::shared_ptr<MdCache>& slot = module.mdCache();
+    if (!slot) slot = std::make_shared<MdCache>();
+    MdCache& c = *slot;
+    if (module.stateChanged("md", c.stamp) || !c.valid || module.generation(Module::stateFile("md")) == Module::kNoGeneration) {
+        const std::string text = module.readState("md");
+        c.state = MdState{};
+        c.readable = MdState::parse(text, c.state, c.why);
         // A file that cannot be read stays as it is until the kernel changes.
-        const std::string before = readable ? text : state.format();
-        if (!readable) {
-            thread_local std::string reported;
-            if (why != reported) TAV_LOG(0, "tavsim: %s; the kernel knows no md arrays\n", why.c_str());
-            reported = why;
-        }
-        MdKernel kernel(module, state);
-        kernel.catchUp();
-        visit(kernel);
-        std::string after = state.format();
-        if (after == before) return false;
-        text = after;
-        return true;
-    });
+        c.before = c.readable ? text : c.state.format();
+        c.valid = true;
+    }
+    if (!c.readable) {
+        thread_local std::string reported;
+        if (c.why != reported) TAV_LOG(0, "tavsim: %s; the kernel knows no md arrays\n", c.why.c_str());
+        reported = c.why;
+    }
+    MdState state = c.state;
+    MdKernel kernel(module, state);
+    kernel.catchUp();
+    visit(kernel);
+    std::string after = state.format();
+    if (after == c.before) return;
+    module.writeState("md", after);
+    c.valid = false;  // read back once: the write may have failed
 }
 
 MdState mdState(Module& module)

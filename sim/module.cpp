@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <map>
 #include <mutex>
@@ -36,11 +37,18 @@ std::string fileSafe(const std::string& text)
 } // namespace
 
 // One lock per module directory and process: threads take the mutex, the
-// process holds the flock while any of its threads is inside.
+// process holds the flock while any of its threads is inside. The lock file
+// stays open between holds, unlocked, and is opened anew only in another
+// process (a child shares its parent's open file, and so its flock) or when
+// the descriptor is no longer the lock file (closed behind our back, or the
+// file gone with its directory).
 struct Module::Lock::Shared {
     std::recursive_mutex mutex;
     int depth = 0;
     int fd = -1;
+    pid_t pid = 0;
+    dev_t dev = 0;
+    ino_t ino = 0;
 };
 
 namespace {
@@ -55,13 +63,29 @@ Module::Lock::Shared* sharedLock(const std::string& dir)
     return slot;
 }
 
+void openLockFile(Module& m, Module::Lock::Shared& s)
+{
+    struct stat st;
+    if (s.fd >= 0 && s.pid == ::getpid()) {
+        const bool ours = ::fstat(s.fd, &st) == 0 && st.st_dev == s.dev && st.st_ino == s.ino;
+        if (ours && st.st_nlink > 0) return;
+        if (ours) ::close(s.fd);
+    }
+    s.fd = m.host().open(Module::stateFile("lock"), O_RDWR | O_CREAT, 0644);
+    s.pid = ::getpid();
+    if (s.fd >= 0 && ::fstat(s.fd, &st) == 0) {
+        s.dev = st.st_dev;
+        s.ino = st.st_ino;
+    }
+}
+
 } // namespace
 
 Module::Lock::Lock(Module& m) : shared_(sharedLock(m.dir()))
 {
     shared_->mutex.lock();
     if (shared_->depth++ > 0) return;
-    shared_->fd = m.host().open(stateFile("lock"), O_RDWR | O_CREAT, 0644);
+    openLockFile(m, *shared_);
     if (shared_->fd >= 0)
         while (::flock(shared_->fd, LOCK_EX) != 0 && errno == EINTR) {
         }
@@ -69,15 +93,16 @@ Module::Lock::Lock(Module& m) : shared_(sharedLock(m.dir()))
 
 Module::Lock::~Lock()
 {
-    if (--shared_->depth == 0 && shared_->fd >= 0) {
-        ::close(shared_->fd);
-        shared_->fd = -1;
-    }
+    if (--shared_->depth == 0 && shared_->fd >= 0) ::flock(shared_->fd, LOCK_UN);
     shared_->mutex.unlock();
 }
 
 bool Module::changed(const std::string& rel, Stamp& stamp)
 {
+    // Read before the file, so that a write meanwhile shows next time.
+    const uint64_t generation = this->generation(rel);
+    if (generation != kNoGeneration && generation == stamp.generation) return false;
+    stamp.generation = generation;
     struct stat st;
     if (root_.stat(rel, &st) != 0) {
         bool was = stamp.size != -1;
@@ -99,6 +124,67 @@ std::atomic<uint64_t> writesOfState{0};
 } // namespace
 
 uint64_t Module::stateWrites() { return writesOfState.load(std::memory_order_acquire); }
+
+namespace {
+
+constexpr size_t kGenerations = 64;
+
+size_t generationSlot(const std::string& rel)
+{
+    uint32_t h = 2166136261u;
+    for (unsigned char c : rel) h = (h ^ c) * 16777619u;
+    return h % kGenerations;
+}
+
+} // namespace
+
+// Words of a file mapped shared: a load is all a view pays to learn that its
+// file did not change, in this process or another. A counter per file (or a
+// few) keeps the clock, which moves all the time, from staling other views.
+uint64_t* Module::mapGenerations()
+{
+    if (generations_) return generations_;
+    const int fd = root_.open(stateFile("generation"), O_RDWR | O_CREAT, 0644);
+    if (fd < 0) return nullptr;
+    const off_t bytes = kGenerations * sizeof(uint64_t);
+    struct stat st;
+    void* map = MAP_FAILED;
+    if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && (st.st_size >= bytes || ::ftruncate(fd, bytes) == 0))
+        map = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    ::close(fd);
+    if (map != MAP_FAILED) generations_ = static_cast<uint64_t*>(map);
+    return generations_;
+}
+
+uint64_t Module::generation(const std::string& rel)
+{
+    uint64_t* g = mapGenerations();
+    return g ? __atomic_load_n(&g[generationSlot(rel)], __ATOMIC_ACQUIRE) : kNoGeneration;
+}
+
+// After the file is in place: a view that sees the new generation reads it.
+void Module::stateWritten(const std::string& rel)
+{
+    writesOfState.fetch_add(1, std::memory_order_release);
+    if (uint64_t* g = mapGenerations()) __atomic_fetch_add(&g[generationSlot(rel)], 1, __ATOMIC_RELEASE);
+}
+
+void Module::stateWritten()
+{
+    writesOfState.fetch_add(1, std::memory_order_release);
+    if (uint64_t* g = mapGenerations())
+        for (size_t i = 0; i < kGenerations; ++i) __atomic_fetch_add(&g[i], 1, __ATOMIC_RELEASE);
+}
+
+Module::~Module()
+{
+    for (auto& [name, log] : logs_) {
+        struct stat st;
+        // Only a descriptor that is still the log's own is closed.
+        if (log.fd >= 0 && ::fstat(log.fd, &st) == 0 && st.st_dev == log.dev && st.st_ino == log.ino) ::close(log.fd);
+    }
+    if (generations_) ::munmap(generations_, kGenerations * sizeof(uint64_t));
+}
 
 namespace {
 
@@ -146,15 +232,23 @@ Manifest Module::manifest()
 void Module::writeManifest(const Manifest& m)
 {
     Lock lock(*this);
-    root_.writeFileAtomic(stateFile("manifest"), m.format());
-    writesOfState.fetch_add(1, std::memory_order_release);
+    const std::string text = m.format();
+    const bool written = root_.writeFileAtomic(stateFile("manifest"), text);
+    stateWritten(stateFile("manifest"));
     manifestStamp_.size = -2;
+    // The lock is held, so the file is the text just written: the view is
+    // parsed from it, as a read would, and the stamp taken without a read.
+    if (written && changed(stateFile("manifest"), manifestStamp_)) {
+        manifest_ = Manifest::parse(text);
+        tables_.clear();
+    }
 }
 
 bool Module::updateManifest(const std::function<bool(Manifest&)>& change)
 {
     Lock lock(*this);
-    manifestStamp_.size = -2;
+    // Under the lock the generation tells for sure; stamps alone may not.
+    if (generation(stateFile("manifest")) == kNoGeneration) manifestStamp_.size = -2;
     Manifest m = manifest();
     if (!change(m)) return false;
     writeManifest(m);
@@ -194,7 +288,7 @@ std::optional<DeviceNode> Module::device(const std::string& vpath, bool& present
         }
         const Drive* drive = m.driveInBay(bay.number);
         struct stat st;
-        if (!drive || root_.stat(node.image, &st) != 0 || !S_ISREG(st.st_mode)) return node;
+        if (!drive || !imageStat(node.image, st) || !S_ISREG(st.st_mode)) return node;
         uint64_t diskBytes = static_cast<uint64_t>(st.st_size);
         if (node.partition <= 0) {
             node.size = diskBytes;
@@ -210,6 +304,20 @@ std::optional<DeviceNode> Module::device(const std::string& vpath, bool& present
         return node;
     }
     return std::nullopt;
+}
+
+// Images are moved and made only with a write of the manifest (pull, insert,
+// swap): while its generation stands, an image's stat stands too.
+bool Module::imageStat(const std::string& image, struct stat& st)
+{
+    const uint64_t generation = this->generation(stateFile("manifest"));
+    ImageStat& kept = images_[image];
+    if (generation == kNoGeneration || generation != kept.generation) {
+        kept.found = root_.stat(image, &kept.st) == 0;
+        kept.generation = generation;
+    }
+    st = kept.st;
+    return kept.found;
 }
 
 std::vector<Window> Module::windows(int bay)
@@ -246,6 +354,7 @@ std::vector<Window> Module::rereadPartitions(int bay, bool answering)
     Lock lock(*this);
     root_.makeDirs(stateFile("tables"));
     root_.writeFileAtomic(stateFile("tables/bay" + std::to_string(bay)), formatWindows(found));
+    stateWritten(stateFile("tables/bay" + std::to_string(bay)));
     return found;
 }
 
@@ -266,6 +375,7 @@ void Module::discover(int bay, bool answering)
     Lock lock(*this);
     root_.makeDirs(stateFile("identify"));
     root_.writeFileAtomic(stateFile("identify/bay" + std::to_string(bay)), text);
+    stateWritten(stateFile("identify/bay" + std::to_string(bay)));
 }
 
 std::string Module::discoveredIdentity(int bay)
@@ -288,10 +398,14 @@ std::string Module::discoveredIdentity(int bay)
 
 timeval Module::now()
 {
+    if (!changed(stateFile("clock"), clockStamp_)) return clock_;
     std::string text;
     timeval tv{kClockStart, 0};
     // A clock that cannot be read counts from the start; tavsim reports it.
     if (root_.readFile(stateFile("clock"), text)) parseClock(text, tv);
+    // Stamps alone can miss a change within one tick of the file system's clock.
+    if (generation(stateFile("clock")) == kNoGeneration) clockStamp_.size = -2;
+    clock_ = tv;
     return tv;
 }
 
@@ -304,6 +418,7 @@ void Module::advance(uint64_t microseconds)
     char text[64];
     std::snprintf(text, sizeof text, "%lld %llu\n", secs, static_cast<unsigned long long>(us % 1000000));
     root_.writeFileAtomic(stateFile("clock"), text);
+    stateWritten(stateFile("clock"));
 }
 
 std::string Module::readState(const std::string& name)
@@ -317,7 +432,7 @@ void Module::writeState(const std::string& name, const std::string& text)
 {
     Lock lock(*this);
     root_.writeFileAtomic(stateFile(name), text);
-    writesOfState.fetch_add(1, std::memory_order_release);
+    stateWritten(stateFile(name));
 }
 
 bool Module::updateState(const std::string& name, const std::function<bool(std::string&)>& change)
@@ -326,13 +441,28 @@ bool Module::updateState(const std::string& name, const std::function<bool(std::
     std::string text = readState(name);
     if (!change(text)) return false;
     const bool written = root_.writeFileAtomic(stateFile(name), text);
-    writesOfState.fetch_add(1, std::memory_order_release);
+    stateWritten(stateFile(name));
     return written;
 }
 
+// Logs stay open for appending, so that a line costs a check and a write.
+// One replaced or removed (no link left), linked again (more than one), or a
+// descriptor no longer the log's (closed behind our back) is opened again,
+// through the sealed open that refuses what it must.
 void Module::appendState(const std::string& name, const std::string& line)
 {
-    root_.appendFile(stateFile(name), line + "\n");
+    std::lock_guard<std::mutex> guard(logsMutex_);
+    LogFile& log = logs_[name];
+    struct stat st;
+    const bool same = log.fd >= 0 && ::fstat(log.fd, &st) == 0 && st.st_dev == log.dev && st.st_ino == log.ino;
+    if (!same || st.st_nlink != 1) {
+        if (same) ::close(log.fd);
+        log.fd = root_.open(stateFile(name), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        if (log.fd < 0 || ::fstat(log.fd, &st) != 0) return;
+        log.dev = st.st_dev;
+        log.ino = st.st_ino;
+    }
+    writeAll(log.fd, line + "\n");
 }
 
 void Module::logCommand(const std::string& kind, int status, bool known, const std::string& command)

@@ -50,6 +50,9 @@
 //   sim/null           what the system wrote to "/dev/null" through freopen or
 //                      daemon (reading it gives end of file at once)
 //   sim/lock           taken (flock) around every read-modify-write of a state file
+//   sim/generation     counters, mapped shared, that every write of a state file
+//                      through Module moves on, one for each few files: views see
+//                      at no cost that their file did not change
 //
 // The module's three daemons (daemons.h, tavsim daemons), which the system's
 // supervisor runs as real processes:
@@ -185,7 +188,9 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -222,6 +227,9 @@ class Module {
 public:
     // `dir` must hold a module (sim/manifest); throws NotAModule otherwise.
     explicit Module(const std::string& dir);
+    ~Module();
+    Module(const Module&) = delete;
+    Module& operator=(const Module&) = delete;
     // A module being made: `dir` must exist; no manifest is needed yet.
     struct Creating {};
     Module(const std::string& dir, Creating);
@@ -260,15 +268,18 @@ public:
     void logAta(const std::string& device, const std::string& what);
     std::string readState(const std::string& name);
     void writeState(const std::string& name, const std::string& text);
+    // For logs: no view is kept of them, so the generation stays.
     void appendState(const std::string& name, const std::string& line);
     // Read-modify-write of a state file under the module's lock; `change`
     // returns false to leave the file as it is.
     bool updateState(const std::string& name, const std::function<bool(std::string&)>& change);
     // True once when the state file changed since the last call with `stamp`.
+    // While the file's generation stands still, no file is looked at.
     struct Stamp {
         struct timespec mtime {};
         off_t size = -2;
         ino_t ino = 0;
+        uint64_t generation = kNoGeneration;
     };
     bool stateChanged(const std::string& name, Stamp& stamp);
     // Counts the state files this process has written, any module: a view
@@ -276,8 +287,22 @@ public:
     // one tick of the file system's clock can leave a stamp as it was.
     static uint64_t stateWrites();
 
+    // The generation of a file (`rel` to the directory), shared by every
+    // process: it moves on after each write of the file through Module, and
+    // of some others (files share a few counters). kNoGeneration when it
+    // cannot be kept (no sim/ yet), and then views check their files' stamps.
+    static constexpr uint64_t kNoGeneration = ~uint64_t{0};
+    uint64_t generation(const std::string& rel);
+    void stateWritten(const std::string& rel);
+    // Every generation moves on, after state files were written another way.
+    void stateWritten();
+
     // The hot-swap view of the bays kept for this module (bay_link.h).
     std::shared_ptr<struct BayLinkCache>& bayLinkCache() { return bayLink_; }
+    // The md kernel's state kept for this module (md_kernel.h).
+    std::shared_ptr<struct MdCache>& mdCache() { return md_; }
+    // The chassis controller's unit kept for this module (dsp.cpp).
+    std::shared_ptr<struct DspCache>& dspCache() { return dsp_; }
 
     // Drive handling; each gives "" or the reason it could not.
     std::string pull(int bay);
@@ -307,16 +332,36 @@ public:
 
 private:
     bool changed(const std::string& rel, Stamp& stamp);
+    bool imageStat(const std::string& image, struct stat& st);
 
     HostDir root_;
+    uint64_t* mapGenerations();
+    uint64_t* generations_ = nullptr;  // sim/generation, mapped shared
     Stamp manifestStamp_;
+    Stamp clockStamp_;
+    timeval clock_{};
     Manifest manifest_;
     struct TableCache {
         Stamp stamp;
         std::vector<Window> windows;
     };
     std::vector<TableCache> tables_;
+    struct ImageStat {
+        uint64_t generation = kNoGeneration;
+        bool found = false;
+        struct stat st {};
+    };
+    std::map<std::string, ImageStat> images_;
     std::shared_ptr<BayLinkCache> bayLink_;
+    struct LogFile {
+        int fd = -1;
+        dev_t dev = 0;
+        ino_t ino = 0;
+    };
+    std::map<std::string, LogFile> logs_;
+    std::mutex logsMutex_;
+    std::shared_ptr<MdCache> md_;
+    std::shared_ptr<DspCache> dsp_;
 };
 
 } // namespace sim

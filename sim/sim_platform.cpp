@@ -392,10 +392,13 @@ int SimPlatform::open(const char* path, int flags, mode_t mode)
 int SimPlatform::close(int fd)
 {
     Call call(*this);
-    if (Handle* h = handle(fd); h && h->model) {
+    Handle* h = handle(fd);
+    if (h && h->model) {
         DeviceContext ctx = context();
         h->model->close(ctx, *h);
     }
+    // Not one we handed out: it may be one of the simulation's own.
+    if (!h) HostDir::descriptorsChanged();
     handles_.erase(fd);
     return ::close(fd);
 }
@@ -979,6 +982,7 @@ int SimPlatform::daemon(int nochdir, int noclose)
             if (null < 0) return -1;
             ::dup2(null, fd);
             ::close(null);
+            HostDir::descriptorsChanged();
         }
     }
     return 0;
@@ -1015,6 +1019,7 @@ FILE* SimPlatform::freopen(const char* path, const char* mode, FILE* stream)
     ::fflush(stream);
     int rc = ::dup2(fd, target);
     ::close(fd);
+    HostDir::descriptorsChanged();
     if (rc < 0) return nullptr;
     ::clearerr(stream);
     return stream;

@@ -301,7 +301,12 @@ int runFault(const Call& call)
         report(count == 0 ? "no fault was armed" : "cleared " + std::to_string(count) + (count == 1 ? " fault" : " faults"));
         return kDone;
     }
-    module->appendState("faults", fault.format());
+    // A change of state, not a log line: views of the faults must see it.
+    module->updateState("faults", [&](std::string& text) {
+        if (!text.empty() && text.back() != '\n') text += '\n';
+        text += fault.format() + "\n";
+        return true;
+    });
     report("armed fault " + fault.format());
     return kDone;
 }

@@ -16,6 +16,7 @@
 
 #include "hwlib/iosched.h"
 #include "sim/ata.h"
+#include "sim/md_kernel.h"
 #include "tavutils/tavdrivesig.h"
 #include "sim_fixture.h"
 
@@ -218,6 +219,74 @@ TEST(Sharing, TwoProcessesLoseNoServiceMountOrFault)
     EXPECT_EQ(countLines(module.readState("services"), "svc"), 600);
     EXPECT_EQ(countLines(module.readState("mounts"), "src"), 600);
     EXPECT_EQ(countLines(module.readState("faults"), "read /tmp/f"), 200);
+}
+
+// Changes come quicker than the file system's clock ticks: each must still
+// be seen by a view kept elsewhere, in this process or another.
+TEST(Sharing, ViewsKeptElsewhereSeeEveryChangeAtOnce)
+{
+    TempModule m;
+    sim::Module writer(m.dir()), reader(m.dir());
+    const timeval start = reader.now();
+    reader.manifest();
+    sim::mdState(reader);
+    for (int i = 1; i <= 5; ++i) {
+        writer.advance(1);
+        EXPECT_EQ(reader.now().tv_usec, start.tv_usec + i);
+        writer.updateManifest([&](sim::Manifest& mm) {
+            mm.driveInBay(1)->transferMode = 0x40 + i;
+            return true;
+        });
+        EXPECT_EQ(reader.manifest().driveInBay(1)->transferMode, 0x40 + i);
+        sim::visitMd(writer, [&](sim::MdKernel& k) { k.setSpeedLimit(true, 1000 * i); });
+        EXPECT_EQ(sim::mdState(reader).speedMax, 1000 * i);
+    }
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        sim::Module child(m.dir());
+        child.advance(1000000);
+        sim::visitMd(child, [](sim::MdKernel& k) { k.setSpeedLimit(false, 77); });
+        ::_exit(0);
+    }
+    ::waitpid(pid, nullptr, 0);
+    EXPECT_EQ(reader.now().tv_sec, start.tv_sec + 1);
+    EXPECT_EQ(sim::mdState(reader).speedMin, 77);
+}
+
+TEST(Sharing, ALogReplacedOrRemovedIsWrittenWhereItNowIs)
+{
+    TempModule m;
+    sim::Module module(m.dir());
+    module.appendState("md.log", "one");
+    module.writeState("md.log", "");
+    module.appendState("md.log", "two");
+    EXPECT_EQ(module.readState("md.log"), "two\n");
+    fs::remove(m.host("sim/md.log"));
+    module.appendState("md.log", "three");
+    EXPECT_EQ(module.readState("md.log"), "three\n");
+}
+
+TEST(Seal, StateWritesReplaceLinksNotTheirTargetsAndLeaveNoTemporaries)
+{
+    TempModule m;
+    Decoy decoy(m);
+    sim::Module module(m.dir());
+    fs::create_symlink(decoy.path("file"), m.host("sim/linked"));
+    EXPECT_TRUE(module.host().writeFileAtomic("sim/linked", "mine\n"));
+    EXPECT_FALSE(fs::is_symlink(m.host("sim/linked")));
+    EXPECT_EQ(module.readState("linked"), "mine\n");
+    fs::create_directory(m.host("sim/dir"));
+    EXPECT_FALSE(module.host().writeFileAtomic("sim/dir", "x"));
+    EXPECT_TRUE(fs::is_directory(m.host("sim/dir")));
+    // A log kept open and then linked out is not written again.
+    module.appendState("ata.log", "first");
+    fs::create_hard_link(m.host("sim/ata.log"), decoy.path("ata.log"));
+    module.appendState("ata.log", "second");
+    EXPECT_EQ(m.get("/sim/ata.log").find("second"), std::string::npos);
+    fs::remove(decoy.path("ata.log"));
+    for (const auto& entry : fs::directory_iterator(m.host("sim")))
+        EXPECT_EQ(entry.path().string().find(".tmp"), std::string::npos) << entry.path();
+    EXPECT_TRUE(decoy.unchanged());
 }
 
 TEST(Sharing, AFaultArmedElsewhereHitsARunningProgramAndOthersStay)
