@@ -335,7 +335,8 @@ struct Bays {
     // The kernel found the bay's drive, with this serial number.
     bool foundWithSerial(int bay)
     {
-        const sim::Drive* d = module().manifest().driveInBay(bay);
+        const sim::Manifest m = module().manifest();
+        const sim::Drive* d = m.driveInBay(bay);
         return d && module().discoveredIdentity(bay).find(d->serial) != std::string::npos;
     }
     std::string dspLog() { return module().readState("dsp.log"); }
