@@ -464,10 +464,9 @@ void Scheduler::forkParent() { core_->m.unlock(); }
 void Scheduler::forkChild()
 {
     Core& c = *core_;
-    // The lock was taken by the forking thread in forkPrepare, and the child
-    // is that thread: it gives it back. The condition may have been copied
-    // with waiters the child does not have: it is built again.
-    c.m.unlock();
+    // The lock and the condition were copied in whatever state the other
+    // threads left them: build them again rather than unlock.
+    new (&c.m) std::mutex;
     new (&c.cv) std::condition_variable;
     Entry* e = tls.find(&c);
     Slot* own = e ? e->slot : nullptr;

@@ -77,9 +77,7 @@ void resumeAllInParent()
 void resetAllInChild()
 {
     for (SimPlatform* p : livePlatforms()) p->forkChild();
-    // A plain lock taken by the forking thread in the prepare handler: the
-    // child, that thread, gives it back, as the parent does.
-    liveMutex().unlock();
+    new (&liveMutex()) std::mutex;
 }
 
 } // namespace

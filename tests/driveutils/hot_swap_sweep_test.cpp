@@ -214,8 +214,8 @@ struct Slice {
 
 void PrintTo(const Slice& slice, std::ostream* out) { *out << slice.name(); }
 
-// Sanitizer builds run every TAV_SWEEP_STRIDE-th point of each slice, the
-// first included, to stay within the suite's time.
+// The AddressSanitizer build runs every TAV_SWEEP_STRIDE-th point of each
+// slice, the first included, to stay within the suite's time.
 #ifndef TAV_SWEEP_STRIDE
 #define TAV_SWEEP_STRIDE 1
 #endif
@@ -254,6 +254,13 @@ class HotSwapSweep : public testing::TestWithParam<Slice> {};
 
 TEST_P(HotSwapSweep, EveryFaultLeavesTheModuleInServiceOrSaysWhy)
 {
+#ifdef TAV_SWEEP_SKIPPED
+    // Each run is a child that forks again (the store's supervisor). The
+    // thread checker keeps the fork lock of the simulation, which a child
+    // makes anew, as still held, and reports a double lock in the grandchild.
+    // The scenarios run under it in this process instead.
+    GTEST_SKIP() << "not under the thread checker";
+#endif
     std::string why;
     bool hazard = false, attached = false;
     const Report clean = runCycle(Injection{}, why, hazard, attached);
