@@ -81,12 +81,6 @@ BayLinkCache& view(Module& module)
     return c;
 }
 
-uint64_t nowUs(Module& module)
-{
-    const timeval tv = module.now();
-    return static_cast<uint64_t>(tv.tv_sec) * 1000000 + static_cast<uint64_t>(tv.tv_usec);
-}
-
 bool at(const std::vector<bool>& v, int bay) { return bay <= 0 || static_cast<size_t>(bay) >= v.size() || v[static_cast<size_t>(bay)]; }
 
 // The view with the DSP's power work that is due run: the DSP's visit runs
@@ -94,7 +88,7 @@ bool at(const std::vector<bool>& v, int bay) { return bay <= 0 || static_cast<si
 const BayLinkCache& current(Module& module)
 {
     const BayLinkCache* c = &view(module);
-    if (c->powerDueUs && *c->powerDueUs <= nowUs(module)) {
+    if (c->powerDueUs && *c->powerDueUs <= module.nowUs()) {
         dspState(module);
         c = &view(module);
     }

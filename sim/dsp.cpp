@@ -23,12 +23,6 @@ namespace {
 const char kStateName[] = "dsp";
 const char kLogName[] = "dsp.log";
 
-uint64_t nowUs(Module& module)
-{
-    const timeval tv = module.now();
-    return static_cast<uint64_t>(tv.tv_sec) * 1000000 + static_cast<uint64_t>(tv.tv_usec);
-}
-
 int bayCount(const Manifest& m) { return m.platform == 2 ? 8 : 4; }
 
 // A module made without bays stands for drives of a family not simulated:
@@ -143,7 +137,7 @@ bool visitDsp(Module& module, const Visit& visit)
         unit = freshDspUnit(bayCount(m), occupancy(m, static_cast<size_t>(bayCount(m))));
     }
     const std::string before = c.readable ? c.before : unit.format();
-    const uint64_t now = nowUs(module);
+    const uint64_t now = module.nowUs();
     dsp::Firmware firmware(unit, occupancy(m, unit.state.bays.size()), now);
     firmware.catchUp();
     std::vector<std::string> log;
@@ -372,14 +366,14 @@ bool DspDevice::readReady(DeviceContext& ctx, OpenNode&)
     const View* v = view(ctx.module);
     if (!v->present) return true;  // the read fails
     if (!v->unit.line.empty()) return true;
-    return !v->unit.events.empty() && v->unit.events.front().dueUs <= nowUs(ctx.module);
+    return !v->unit.events.empty() && v->unit.events.front().dueUs <= ctx.module.nowUs();
 }
 
 std::optional<uint64_t> DspDevice::nextEvent(DeviceContext& ctx)
 {
     const View* v = view(ctx.module);
     if (!v->present || v->unit.events.empty()) return std::nullopt;
-    const uint64_t now = nowUs(ctx.module);
+    const uint64_t now = ctx.module.nowUs();
     for (const DspEvent& e : v->unit.events)
         if (e.dueUs > now) return e.dueUs;
     return std::nullopt;

@@ -396,6 +396,12 @@ std::string Module::discoveredIdentity(int bay)
     return bytes.size() == sizeof(IdentifyBlock) ? bytes : "";
 }
 
+uint64_t Module::nowUs()
+{
+    const timeval tv = now();
+    return static_cast<uint64_t>(tv.tv_sec) * 1000000 + static_cast<uint64_t>(tv.tv_usec);
+}
+
 timeval Module::now()
 {
     if (!changed(stateFile("clock"), clockStamp_)) return clock_;

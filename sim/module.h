@@ -262,6 +262,8 @@ public:
     std::string discoveredIdentity(int bay);
 
     timeval now();
+    // The same in microseconds.
+    uint64_t nowUs();
     void advance(uint64_t microseconds);
 
     void logCommand(const std::string& kind, int status, bool known, const std::string& command);

@@ -1071,8 +1071,7 @@ int SimPlatform::gettimeofday(struct timeval* tv)
 uint64_t SimPlatform::nowMicros()
 {
     std::lock_guard<std::recursive_mutex> guard(mu_);
-    timeval tv = module_.now();
-    return static_cast<uint64_t>(tv.tv_sec) * 1000000 + static_cast<uint64_t>(tv.tv_usec);
+    return module_.nowUs();
 }
 
 std::optional<uint64_t> SimPlatform::nextDeviceEvent()

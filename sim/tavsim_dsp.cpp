@@ -393,9 +393,8 @@ int runDsp(const Call& call)
     if (setting) return set(call, *module, std::vector<std::string>(w.positional.begin() + 2, w.positional.end()));
     const DspState s = dspState(*module);
     const DspPending p = dspPending(*module);
-    const timeval now = module->now();
     if (w.has("--json")) writeJson(s, p, m);
-    else printState(*module, s, p, m, static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_usec));
+    else printState(*module, s, p, m, module->nowUs());
     return kDone;
 }
 

@@ -111,12 +111,18 @@ bool rebuilding(int drive)
     return disk && disk->checkRaidStatus() == TavRaidDevice::REBUILDING;
 }
 
+// Into the RAID when it was active, into the OS mirror when its check was 0.
+void putBack(int drive, int active, int check)
+{
+    if (active) TavDriveMgr::addToRaid(drive);
+    if (check == 0) TavDriveMgr::addToOS(drive);
+}
+
 } // namespace
 
 void restoreState(int drive, int active, int check, bool restart)
 {
-    if (active) TavDriveMgr::addToRaid(drive);
-    if (check == 0) TavDriveMgr::addToOS(drive);
+    putBack(drive, active, check);
     if (restart && TavDriveMgr::raidRunning()) {
         TavString buffer;
         ondraIf.processStart(buffer, kDaemonState, kStore);
@@ -215,10 +221,8 @@ int TavIdeBus::powerDownSteps(int drive, bool force)
     } catch (IdeBusException e) {
         TavDspDiskStatus::userSpaceSetPower(drive - 1, self.power);
         TavDspDiskStatus::userSpaceSetPower(partner - 1, other.power);
-        if (self.active) TavDriveMgr::addToRaid(drive);
-        if (self.check == 0) TavDriveMgr::addToOS(drive);
-        if (other.active) TavDriveMgr::addToRaid(partner);
-        if (other.check == 0) TavDriveMgr::addToOS(partner);
+        putBack(drive, self.active, self.check);
+        putBack(partner, other.active, other.check);
         TavDriveMgr::updateMountTimeAfterRebuild();
         return e.code;
     }
