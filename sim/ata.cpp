@@ -143,7 +143,6 @@ int driveCommand(Drive& drive, unsigned char* args, std::string& note)
         break;
     case kAtaFlushCache:
     case kAtaFlushCacheExt:
-        ++drive.flushes;
         note = "flush-cache";
         break;
     default:

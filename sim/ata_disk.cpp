@@ -48,13 +48,15 @@ int AtaDisk::driveIoctl(DeviceContext& ctx, OpenNode& n, unsigned long request, 
         auto* args = static_cast<unsigned char*>(arg);
         std::string note;
         int rc = 0;
-        if (args[0] == kAtaIdentify) {
-            Drive copy = *drive;
-            unsigned char block[516];
-            std::memcpy(block, args, 4);
-            rc = driveCommand(copy, block, note);
+        // A first run on a copy: identify and flush change nothing the
+        // manifest keeps, and are answered without writing it.
+        Drive copy = *drive;
+        unsigned char block[516];
+        std::memcpy(block, args, 4);
+        rc = driveCommand(copy, block, note);
+        if (rc != 0 || (copy.writeCache == drive->writeCache && copy.transferMode == drive->transferMode)) {
             // The data comes back only for a sector count of at least one.
-            std::memcpy(args, block, args[3] ? sizeof block : 4);
+            std::memcpy(args, block, args[0] == kAtaIdentify && args[3] ? sizeof block : 4);
         } else {
             ctx.module.updateManifest([&](Manifest& mm) {
                 Drive* d = mm.driveInBay(n.node.bay);

@@ -181,7 +181,8 @@ bool parseDrive(const std::vector<std::string>& w, Drive& d, std::string& why, s
             if (value == "-1") d.transferMode = -1;
             else if (driveNumber(key, value, 0xff, n, bad)) d.transferMode = static_cast<int>(n);
         } else if (key == "flushes") {
-            if (driveNumber(key, value, 0xffffffffULL, n, bad)) d.flushes = static_cast<unsigned>(n);
+            // Modules of older versions counted flushes here; the count is
+            // sim/ata.log's now.
         } else {
             bad = "unknown field " + w[i];
         }
@@ -300,8 +301,7 @@ std::string Manifest::format() const
         if (!d.vendor.empty()) out << " vendor=" << percentEncode(d.vendor);
         char udma[16];
         snprintf(udma, sizeof udma, "0x%04x", d.udma);
-        out << " udma=" << udma << " wcache=" << (d.writeCache ? 1 : 0) << " xfer=" << d.transferMode
-            << " flushes=" << d.flushes << "\n";
+        out << " udma=" << udma << " wcache=" << (d.writeCache ? 1 : 0) << " xfer=" << d.transferMode << "\n";
     }
     return out.str();
 }

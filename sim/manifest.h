@@ -39,7 +39,6 @@ struct Drive {
     uint16_t udma = 0x203f;    // identify word 88
     bool writeCache = true;
     int transferMode = -1;     // last set-features transfer mode, -1 none
-    unsigned flushes = 0;
     int line = 0;              // of sim/manifest when read from it, else 0
 };
 

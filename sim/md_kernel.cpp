@@ -474,6 +474,7 @@ void visitMd(Module& module, const std::function<void(MdKernel&)>& visit)
     MdKernel kernel(module, state);
     kernel.catchUp();
     visit(kernel);
+    if (c.readable && state == c.state) return;  // most requests only read
     std::string after = state.format();
     if (after == c.before) return;
     module.writeState("md", after);

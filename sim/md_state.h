@@ -44,6 +44,8 @@ struct MdSuperInfo {
     int layout = 0;
     int chunkSize = 0;
     uint32_t ctime = 0;
+
+    bool operator==(const MdSuperInfo&) const = default;
 };
 
 struct MdMember {
@@ -58,6 +60,8 @@ struct MdMember {
     MemberState state = MemberState::Spare;
     uint64_t componentKiB = 0;
     std::optional<MdSuperInfo> super;
+
+    bool operator==(const MdMember&) const = default;
 };
 
 // Recovery onto one spare, in KiB; `carry` holds the KiB·µs below one KiB
@@ -70,6 +74,8 @@ struct MdRecovery {
     uint64_t totalKiB = 0;
     uint64_t carry = 0;
     uint64_t sinceUs = 0;    // virtual time `doneKiB` holds for
+
+    bool operator==(const MdRecovery&) const = default;
 };
 
 struct MdCounts {
@@ -98,6 +104,7 @@ struct MdArray {
 
     // SET_ARRAY_INFO refuses an array that has info, members or runs.
     bool exists() const { return running || hasInfo || !members.empty(); }
+    bool operator==(const MdArray&) const = default;
     MdMember* member(int slot);
     const MdMember* member(int slot) const;
     MdMember* memberByDevice(unsigned major, unsigned minor);
@@ -133,6 +140,7 @@ struct MdState {
     // text is not a state in full.
     static bool parse(const std::string& text, MdState& out, std::string& why);
     std::string format() const;
+    bool operator==(const MdState&) const = default;
 };
 
 // The word of a member state in the state file and in tavsim ("in-sync", ...).

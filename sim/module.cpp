@@ -543,7 +543,6 @@ std::string Module::insert(int bay, const std::string& serial)
             fresh.bay = 0;
             fresh.writeCache = true;
             fresh.transferMode = -1;
-            fresh.flushes = 0;
             if (fresh.sectors == 0) fresh.sectors = 156301488;
             if (fresh.model.empty()) fresh.model = "SIM-ATA 80G";
             root_.makeDirs(stateFile("shelf"));

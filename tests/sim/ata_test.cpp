@@ -66,7 +66,9 @@ TEST(Ata, SetFeaturesAndFlushAreRecordedForTheNextProcess)
     sim::Drive d = driveInBay(p, 3);
     EXPECT_FALSE(d.writeCache);
     EXPECT_EQ(d.transferMode, 0x44);
-    EXPECT_EQ(d.flushes, 1u);
+    const std::string ata = p.module().readState("ata.log");
+    EXPECT_EQ(ata.find(" flush-cache"), ata.rfind(" flush-cache"));
+    EXPECT_NE(ata.find(std::string(kDisc3) + " flush-cache"), std::string::npos);
     EXPECT_TRUE(driveInBay(p, 1).writeCache) << "other drives keep theirs";
     int fd = p.open(kDisc3, O_RDONLY, 0);
     unsigned char id[512];
