@@ -313,7 +313,8 @@ constexpr int kSpinupsMax = 16;
 constexpr int kStaggerMin = 0;
 constexpr int kStaggerMax = 60;
 
-// The task schedule: seven days of five 16-bit words.
+// The task schedule: seven days of five 16-bit words. The task items are
+// the days' windows of it, read and written through the whole schedule.
 constexpr unsigned kTaskScheduleSize = 70;
 
 // ---------------------------------------------------------------------------
@@ -345,9 +346,6 @@ enum class Item : uint8_t {
     RebuildRate,
     VerifyRate,
     SelftestFlags,
-    RebuildTaskItem,
-    VerifyTaskItem,
-    SelftestTaskItem,
     TaskSchedule,
     RebuildScheduleState,
     VerifyScheduleState,
@@ -477,9 +475,6 @@ constexpr FamilyTable make9000()
     set(Item::MediaScan, at(kTableSettings, 9, 1));
     set(Item::Shutdown, at(kTableSettings, 10, 1));
     set(Item::SelftestFlags, at(kTableTasks, 1, 2));  // 16-bit flag word
-    set(Item::RebuildTaskItem, at(kTableTasks, 2, 1));
-    set(Item::VerifyTaskItem, at(kTableTasks, 3, 1));
-    set(Item::SelftestTaskItem, at(kTableTasks, 4, 1));
     set(Item::TaskSchedule, at(kTableTasks, 5, kTaskScheduleSize));
     set(Item::RebuildScheduleState, at(kTableTasks, 6, 1));
     set(Item::VerifyScheduleState, at(kTableTasks, 7, 1));
