@@ -172,9 +172,6 @@ const std::vector<KeyInfo>& keys()
         {"rebuild-rate", "rebuild rate, 1 to 5"},
         {"verify-rate", "verify rate, 1 to 5"},
         {"selftest-flags", "self-test flags"},
-        {"rebuild-task-item", "rebuild task item"},
-        {"verify-task-item", "verify task item"},
-        {"selftest-task-item", "self-test task item"},
         {"schedule", "the task schedule, 70 bytes in hex"},
         {"rebuild-schedule", "rebuild schedule enabled, 0 or 1"},
         {"verify-schedule", "verify schedule enabled, 0 or 1"},
@@ -452,9 +449,10 @@ void TwView::settle()
     for (int index : due)
         update(index, [&](Controller& c) {
             if (c.num("test-in-progress") == 1 && static_cast<uint64_t>(c.num("test-ends")) <= now) {
+                const int64_t ended = c.num("test-ends");
                 c.setNum("test-in-progress", 0);
                 c.values.erase("test-ends");
-                c.set("last-test-date", dateText(static_cast<int64_t>(now / 1000000)));
+                c.set("last-test-date", dateText(ended / 1000000));
             }
             if (!c.lockHolder.empty() && c.lockExpires <= now) {
                 c.lockHolder.clear();
@@ -515,9 +513,6 @@ Controller freshController(int index, int family, int host, int ports)
         c.setNum("rebuild-rate", 3);
         c.setNum("verify-rate", 3);
         c.setNum("selftest-flags", 3);
-        c.setNum("rebuild-task-item", 1);
-        c.setNum("verify-task-item", 1);
-        c.setNum("selftest-task-item", 1);
         c.set("schedule", std::string(140, '0'));
         c.setNum("rebuild-schedule", 0);
         c.setNum("verify-schedule", 0);
@@ -543,8 +538,8 @@ Controller freshController(int index, int family, int host, int ports)
         c.set("bbu-boot-code", "BBB 1.00.00.002");
         c.set("bbu-pcb", "Rev 2");
         c.set("bbu-factory", "cells=4 maker-lot=0612");
-        c.set("diagnostic-log", "diagnostics: all tests passed");
     }
+    c.set("diagnostic-log", "diagnostics: all tests passed");
     c.setNum("mediascan", 1);
     c.setNum("shutdown", 0);
     c.set("controller-log", "controller started");
