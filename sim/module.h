@@ -203,6 +203,10 @@
 
 namespace sim {
 
+namespace tw {
+class TwView;
+}
+
 // A device node of a bay: the whole disk, a partition window, or the SCSI
 // generic node. Offsets and sizes in bytes.
 struct DeviceNode {
@@ -305,6 +309,8 @@ public:
     std::shared_ptr<struct MdCache>& mdCache() { return md_; }
     // The chassis controller's unit kept for this module (dsp.cpp).
     std::shared_ptr<struct DspCache>& dspCache() { return dsp_; }
+    // The tw controllers' state kept for this module (tw_state.h).
+    std::shared_ptr<tw::TwView>& twCache() { return tw_; }
 
     // Drive handling; each gives "" or the reason it could not.
     std::string pull(int bay);
@@ -364,6 +370,7 @@ private:
     std::mutex logsMutex_;
     std::shared_ptr<MdCache> md_;
     std::shared_ptr<DspCache> dsp_;
+    std::shared_ptr<tw::TwView> tw_;
 };
 
 } // namespace sim

@@ -99,13 +99,15 @@ int runCreate(const Call& call)
 {
     const std::vector<Option> known = {{"--platform", "ID"}, {"--serial", "S"},          {"--sectors", "N"},
                                        {"--any-size", nullptr}, {"--feature", "SECTION:KEY=VALUE"},
-                                       {"--no-drives", nullptr}};
+                                       {"--no-drives", nullptr}, {"--units", "LAYOUT"},  {"--spares", "N"},
+                                       {"--no-proc-scsi", nullptr}};
     Words w;
     if (int s = splitWords(call, known, false, w)) return s;
     if (int s = expectPositional(call, w, 1, 1)) return s;
     const std::string& dir = w.positional[0];
     CreateOptions options;
     options.identityOnly = w.has("--no-drives");
+    options.procScsi = !w.has("--no-proc-scsi");
     std::optional<std::string> platformWord, serialWord, sectorsWord;
     for (const auto& [name, value] : w.options) {
         std::optional<std::string>* once = name == "--platform" ? &platformWord
@@ -123,6 +125,11 @@ int runCreate(const Call& call)
         } else if (name == "--serial") {
             if (std::string p = serialProblem(value); !p.empty()) return badUsage(call, p);
             options.moduleSerial = value;
+        } else if (name == "--units") {
+            options.units = value;
+        } else if (name == "--spares") {
+            if (!decimal("--spares", value, 0, 11, n, why)) return badUsage(call, why);
+            options.spares = static_cast<int>(n);
         } else if (name == "--feature") {
             FeatureSetting f;
             if (!parseFeature(value, f, why)) return badUsage(call, "--feature: " + why);

@@ -292,8 +292,456 @@ int tw_get_error_information2(tw_api_error_type* error, int language, const char
 
 } // extern "C"
 
-// Twctl moves these two into the ordered block of the API's globals below.
+// The controller functions and the globals follow.
+
+#include "tw_api/tw_api_cil.h"
+#include "tw_api/tw_api_cont_7000.h"
+#include "tw_api/tw_api_cont_9000.h"
+#include "tw_api/tw_api_osil.h"
+
+namespace {
+
+// A null pointer where the call writes or reads its data: "Invalid
+// configuration".
+int null_argument()
+{
+    tw_api_set_error(TW_ERROR_FLAG_API, 33, 0, 0, 0, nullptr);
+    return -1;
+}
+
+} // namespace
+
+int tw_get_controller_id_list(tw_id_list_type* controller_id_list)
+{
+    if (!controller_id_list) return null_argument();
+    return controller.get_controller_id_list(controller_id_list);
+}
+
+int tw_get_model(tw_id_type controller_id, char* model)
+{
+    if (!model) return null_argument();
+    return controller.get_model(controller_id, model);
+}
+
+int tw_get_serial_number(tw_id_type controller_id, char* serial_number)
+{
+    if (!serial_number) return null_argument();
+    return controller.get_serial_number(controller_id, serial_number);
+}
+
+int tw_get_pcb_revision(tw_id_type controller_id, char* pcb_revision)
+{
+    if (!pcb_revision) return null_argument();
+    return controller.get_pcb_revision(controller_id, pcb_revision);
+}
+
+int tw_get_a_chip_version(tw_id_type controller_id, char* version)
+{
+    if (!version) return null_argument();
+    return controller.get_a_chip_version(controller_id, version);
+}
+
+int tw_get_p_chip_version(tw_id_type controller_id, char* version)
+{
+    if (!version) return null_argument();
+    return controller.get_p_chip_version(controller_id, version);
+}
+
+int tw_get_firmware_version(tw_id_type controller_id, char* version)
+{
+    if (!version) return null_argument();
+    return controller.get_firmware_version(controller_id, version);
+}
+
+int tw_get_bios_version(tw_id_type controller_id, char* version)
+{
+    if (!version) return null_argument();
+    return controller.get_bios_version(controller_id, version);
+}
+
+int tw_get_monitor_version(tw_id_type controller_id, char* version)
+{
+    if (!version) return null_argument();
+    return controller.get_monitor_version(controller_id, version);
+}
+
+int tw_get_driver_version(tw_id_type controller_id, char* version)
+{
+    if (!version) return null_argument();
+    return controller.get_driver_version(controller_id, version);
+}
+
+int tw_get_number_of_ports(tw_id_type controller_id, int* ports)
+{
+    if (!ports) return null_argument();
+    return controller.get_number_of_ports(controller_id, ports);
+}
+
+int tw_get_number_of_drives(tw_id_type controller_id, int* drives)
+{
+    if (!drives) return null_argument();
+    return controller.get_number_of_drives(controller_id, drives);
+}
+
+int tw_get_number_of_units(tw_id_type controller_id, int* units)
+{
+    if (!units) return null_argument();
+    return controller.get_number_of_units(controller_id, units);
+}
+
+int tw_get_controller_log(tw_id_type controller_id, unsigned char* buffer, int* length)
+{
+    if (!buffer || !length) return null_argument();
+    return controller.get_controller_log(controller_id, buffer, length);
+}
+
+int tw_get_diagnostic_log(tw_id_type controller_id, unsigned char* buffer, int* length)
+{
+    if (!buffer || !length) return null_argument();
+    return controller.get_diagnostic_log(controller_id, buffer, length);
+}
+
+int tw_get_avmode(tw_id_type controller_id, int* avmode)
+{
+    if (!avmode) return null_argument();
+    return controller.get_avmode(controller_id, avmode);
+}
+
+int tw_get_boot_unit(tw_id_type controller_id, tw_id_type* unit_id)
+{
+    if (!unit_id) return null_argument();
+    return controller.get_boot_unit(controller_id, unit_id);
+}
+
+int tw_get_cache_policy(tw_id_type controller_id, int* policy)
+{
+    if (!policy) return null_argument();
+    return controller.get_cache_policy(controller_id, policy);
+}
+
+int tw_get_jbod_policy(tw_id_type controller_id, int* policy)
+{
+    if (!policy) return null_argument();
+    return controller.get_jbod_policy(controller_id, policy);
+}
+
+int tw_get_background_rebuild_rate(tw_id_type controller_id, int* rate)
+{
+    if (!rate) return null_argument();
+    return controller.get_background_rebuild_rate(controller_id, rate);
+}
+
+int tw_set_background_rebuild_rate(tw_id_type controller_id, int rate)
+{
+    return controller.set_background_rebuild_rate(controller_id, rate);
+}
+
+int tw_get_background_verify_rate(tw_id_type controller_id, int* rate)
+{
+    if (!rate) return null_argument();
+    return controller.get_background_verify_rate(controller_id, rate);
+}
+
+int tw_set_background_verify_rate(tw_id_type controller_id, int rate)
+{
+    return controller.set_background_verify_rate(controller_id, rate);
+}
+
+int tw_get_selftest_flags(tw_id_type controller_id, int* flags)
+{
+    if (!flags) return null_argument();
+    return controller.get_selftest_flags(controller_id, flags);
+}
+
+int tw_set_selftest_flags(tw_id_type controller_id, int flags)
+{
+    return controller.set_selftest_flags(controller_id, flags);
+}
+
+int tw_get_rebuild_task_item(tw_id_type controller_id, int day, tw_task_window_type* item)
+{
+    if (!item) return null_argument();
+    return controller.get_rebuild_task_item(controller_id, day, item);
+}
+
+int tw_set_rebuild_task_item(tw_id_type controller_id, int day, tw_task_window_type item)
+{
+    return controller.set_rebuild_task_item(controller_id, day, item);
+}
+
+int tw_get_verify_task_item(tw_id_type controller_id, int day, tw_task_window_type* item)
+{
+    if (!item) return null_argument();
+    return controller.get_verify_task_item(controller_id, day, item);
+}
+
+int tw_set_verify_task_item(tw_id_type controller_id, int day, tw_task_window_type item)
+{
+    return controller.set_verify_task_item(controller_id, day, item);
+}
+
+int tw_get_selftest_task_item(tw_id_type controller_id, int day, int* start_time)
+{
+    if (!start_time) return null_argument();
+    return controller.get_selftest_task_item(controller_id, day, start_time);
+}
+
+int tw_set_selftest_task_item(tw_id_type controller_id, int day, int start_time)
+{
+    return controller.set_selftest_task_item(controller_id, day, start_time);
+}
+
+int tw_get_task_schedule(tw_id_type controller_id, tw_task_schedule_type* schedule)
+{
+    if (!schedule) return null_argument();
+    return controller.get_task_schedule(controller_id, schedule);
+}
+
+int tw_set_task_schedule(tw_id_type controller_id, const tw_task_schedule_type* schedule)
+{
+    if (!schedule) return null_argument();
+    return controller.set_task_schedule(controller_id, schedule);
+}
+
+int tw_get_rebuild_schedule_state(tw_id_type controller_id, int* state)
+{
+    if (!state) return null_argument();
+    return controller.get_rebuild_schedule_state(controller_id, state);
+}
+
+int tw_get_verify_schedule_state(tw_id_type controller_id, int* state)
+{
+    if (!state) return null_argument();
+    return controller.get_verify_schedule_state(controller_id, state);
+}
+
+int tw_enable_rebuild_task_schedule(tw_id_type controller_id)
+{
+    return controller.enable_rebuild_task_schedule(controller_id);
+}
+
+int tw_disable_rebuild_task_schedule(tw_id_type controller_id)
+{
+    return controller.disable_rebuild_task_schedule(controller_id);
+}
+
+int tw_enable_verify_task_schedule(tw_id_type controller_id)
+{
+    return controller.enable_verify_task_schedule(controller_id);
+}
+
+int tw_disable_verify_task_schedule(tw_id_type controller_id)
+{
+    return controller.disable_verify_task_schedule(controller_id);
+}
+
+int tw_get_spinups_allowed(tw_id_type controller_id, int* spinups)
+{
+    if (!spinups) return null_argument();
+    return controller.get_spinups_allowed(controller_id, spinups);
+}
+
+int tw_set_spinups_allowed(tw_id_type controller_id, int spinups)
+{
+    return controller.set_spinups_allowed(controller_id, spinups);
+}
+
+int tw_get_stagger_time(tw_id_type controller_id, int* stagger_time)
+{
+    if (!stagger_time) return null_argument();
+    return controller.get_stagger_time(controller_id, stagger_time);
+}
+
+int tw_set_stagger_time(tw_id_type controller_id, int stagger_time)
+{
+    return controller.set_stagger_time(controller_id, stagger_time);
+}
+
+int tw_enable_avmode(tw_id_type controller_id)
+{
+    return controller.enable_avmode(controller_id);
+}
+
+int tw_disable_avmode(tw_id_type controller_id)
+{
+    return controller.disable_avmode(controller_id);
+}
+
+int tw_enable_jbod_online(tw_id_type controller_id)
+{
+    return controller.enable_jbod_online(controller_id);
+}
+
+int tw_disable_jbod_online(tw_id_type controller_id)
+{
+    return controller.disable_jbod_online(controller_id);
+}
+
+int tw_set_boot_unit(tw_id_type unit_id)
+{
+    return controller.set_boot_unit(unit_id);
+}
+
+int tw_disable_cache_on_unit_degrade(tw_id_type controller_id)
+{
+    return controller.disable_cache_on_unit_degrade(controller_id);
+}
+
+int tw_use_unit_cache_states(tw_id_type controller_id)
+{
+    return controller.use_unit_cache_states(controller_id);
+}
+
+int tw_shutdown(tw_id_type controller_id)
+{
+    return controller.shutdown(controller_id);
+}
+
+int tw_pause_mediascan(tw_id_type controller_id)
+{
+    return controller.pause_mediascan(controller_id);
+}
+
+int tw_resume_mediascan(tw_id_type controller_id)
+{
+    return controller.resume_mediascan(controller_id);
+}
+
+int tw_bbu_is_present(tw_id_type controller_id, int* present)
+{
+    if (!present) return null_argument();
+    return controller.bbu_is_present(controller_id, present);
+}
+
+int tw_bbu_battery_is_present(tw_id_type controller_id, int* present)
+{
+    if (!present) return null_argument();
+    return controller.bbu_battery_is_present(controller_id, present);
+}
+
+int tw_bbu_battery_test_in_progress(tw_id_type controller_id, int* in_progress)
+{
+    if (!in_progress) return null_argument();
+    return controller.bbu_battery_test_in_progress(controller_id, in_progress);
+}
+
+int tw_bbu_battery_charge_in_progress(tw_id_type controller_id, int* in_progress)
+{
+    if (!in_progress) return null_argument();
+    return controller.bbu_battery_charge_in_progress(controller_id, in_progress);
+}
+
+int tw_bbu_enable(tw_id_type controller_id)
+{
+    return controller.bbu_enable(controller_id);
+}
+
+int tw_bbu_disable(tw_id_type controller_id)
+{
+    return controller.bbu_disable(controller_id);
+}
+
+int tw_bbu_initialize_battery(tw_id_type controller_id)
+{
+    return controller.bbu_initialize_battery(controller_id);
+}
+
+int tw_bbu_test_battery(tw_id_type controller_id)
+{
+    return controller.bbu_test_battery(controller_id);
+}
+
+int tw_get_bbu_status(tw_id_type controller_id, int* status)
+{
+    if (!status) return null_argument();
+    return controller.get_bbu_status(controller_id, status);
+}
+
+int tw_get_bbu_status_summary(tw_id_type controller_id, int* summary)
+{
+    if (!summary) return null_argument();
+    return controller.get_bbu_status_summary(controller_id, summary);
+}
+
+int tw_get_bbu_online_state(tw_id_type controller_id, int* state)
+{
+    if (!state) return null_argument();
+    return controller.get_bbu_online_state(controller_id, state);
+}
+
+int tw_get_bbu_battery_voltage_status(tw_id_type controller_id, int* status)
+{
+    if (!status) return null_argument();
+    return controller.get_bbu_battery_voltage_status(controller_id, status);
+}
+
+int tw_get_bbu_battery_temperature_status(tw_id_type controller_id, int* status)
+{
+    if (!status) return null_argument();
+    return controller.get_bbu_battery_temperature_status(controller_id, status);
+}
+
+int tw_get_bbu_battery_capacity(tw_id_type controller_id, int* capacity)
+{
+    if (!capacity) return null_argument();
+    return controller.get_bbu_battery_capacity(controller_id, capacity);
+}
+
+int tw_get_bbu_battery_charge_voltage(tw_id_type controller_id, int* voltage)
+{
+    if (!voltage) return null_argument();
+    return controller.get_bbu_battery_charge_voltage(controller_id, voltage);
+}
+
+int tw_get_bbu_battery_installation_date(tw_id_type controller_id, char* date)
+{
+    if (!date) return null_argument();
+    return controller.get_bbu_battery_installation_date(controller_id, date);
+}
+
+int tw_get_bbu_last_battery_test_date(tw_id_type controller_id, char* date)
+{
+    if (!date) return null_argument();
+    return controller.get_bbu_last_battery_test_date(controller_id, date);
+}
+
+int tw_get_bbu_serial_number(tw_id_type controller_id, char* serial_number)
+{
+    if (!serial_number) return null_argument();
+    return controller.get_bbu_serial_number(controller_id, serial_number);
+}
+
+int tw_get_bbu_firmware_version(tw_id_type controller_id, char* version)
+{
+    if (!version) return null_argument();
+    return controller.get_bbu_firmware_version(controller_id, version);
+}
+
+int tw_get_bbu_boot_code_version(tw_id_type controller_id, char* version)
+{
+    if (!version) return null_argument();
+    return controller.get_bbu_boot_code_version(controller_id, version);
+}
+
+int tw_get_bbu_pcb_revision(tw_id_type controller_id, char* pcb_revision)
+{
+    if (!pcb_revision) return null_argument();
+    return controller.get_bbu_pcb_revision(controller_id, pcb_revision);
+}
+
+int tw_get_bbu_factory_data(tw_id_type controller_id, char* factory_data)
+{
+    if (!factory_data) return null_argument();
+    return controller.get_bbu_factory_data(controller_id, factory_data);
+}
+
+// The globals, built at load time in this order: the Linux form first (its
+// construction makes the nodes and finds the controllers), the layers on it,
+// the families, the messages, and the error record.
+linux_os os;
+osil osil_instance;
+cil controller;
+controller_7000 c7000;
+controller_9000 c9000;
 tw_message msg;
 tw_api_error_type tw_api_error;
-
-// The controller functions and the globals follow.
