@@ -123,6 +123,8 @@ int TwDriver::open(DeviceContext& ctx, OpenNode& n, int)
     return ::memfd_create(family_ == 7000 ? "twe" : "twa", MFD_CLOEXEC);
 }
 
+void TwDriver::close(DeviceContext& ctx, OpenNode&) { flushLog(ctx.module); }
+
 ssize_t TwDriver::read(DeviceContext&, OpenNode&, void*, size_t, uint64_t, bool) { return fail(EINVAL); }
 
 ssize_t TwDriver::write(DeviceContext&, OpenNode&, const void*, size_t, uint64_t, bool) { return fail(EINVAL); }

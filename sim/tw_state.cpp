@@ -561,6 +561,25 @@ Controller freshController(int index, int family, int host, int ports)
     return c;
 }
 
-void logCall(Module& module, const std::string& line) { module.appendState("3ware.log", line); }
+TwView::~TwView() { flushLog(); }
+
+void TwView::log(const std::string& line)
+{
+    pending_ += line;
+    pending_ += '\n';
+    if (pending_.size() >= 16384) flushLog();
+}
+
+void TwView::flushLog()
+{
+    if (pending_.empty()) return;
+    pending_.pop_back();  // appendState ends the last line
+    module_.appendState("3ware.log", pending_);
+    pending_.clear();
+}
+
+void logCall(Module& module, const std::string& line) { twView(module).log(line); }
+
+void flushLog(Module& module) { twView(module).flushLog(); }
 
 } // namespace sim::tw

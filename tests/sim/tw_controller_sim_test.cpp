@@ -334,6 +334,9 @@ TEST(TwDriver9000, ParameterReadsAnswerFromTheStateAndBadCommandsGetStatuses)
     EXPECT_EQ(plat::ioctl(t.fd, 264, b.data()), -1);
     EXPECT_EQ(errno, EINVAL) << "a length above the driver's maximum";
 
+    EXPECT_EQ(t.m.get("/sim/3ware.log"), "") << "the lines wait for the node's close";
+    plat::close(t.fd);
+    t.fd = -1;
     const std::string log = t.m.get("/sim/3ware.log");
     EXPECT_NE(log.find("1136073600.000000 /dev/twa0 264 get-param unit=4 table=0x8402 param=8 size=64 -> status 0\n"),
               std::string::npos)
