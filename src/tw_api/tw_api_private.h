@@ -11,6 +11,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "tw_api/tw_api.h"
+
 // ---------------------------------------------------------------------------
 // Firmware commands.
 
@@ -527,3 +529,128 @@ constexpr bool sizesFit7000()
 static_assert(sizesFit7000());
 
 }  // namespace twp
+
+// ---------------------------------------------------------------------------
+// The pattern both families share: an item is read or written whole through
+// the family's table; what differs between the families is the table and the
+// two parameter calls.
+
+// Cuts the leading and trailing spaces of a text, not the inner ones.
+void strip_spaces(char* text);
+// Writes `text` into `out` of `outSize` bytes, cut to fit, zero-filled behind.
+void copy_text(char* out, size_t outSize, const char* text);
+
+class controller_base {
+public:
+    virtual ~controller_base() = default;
+    controller_base(const controller_base&) = delete;
+    controller_base& operator=(const controller_base&) = delete;
+
+    // Controller information.
+    int get_model(tw_id_type id, char* model);
+    int get_serial_number(tw_id_type id, char* serial_number);
+    int get_pcb_revision(tw_id_type id, char* pcb_revision);
+    int get_a_chip_version(tw_id_type id, char* version);
+    int get_p_chip_version(tw_id_type id, char* version);
+    int get_firmware_version(tw_id_type id, char* version);
+    int get_bios_version(tw_id_type id, char* version);
+    int get_monitor_version(tw_id_type id, char* version);
+    virtual int get_driver_version(tw_id_type id, char* version) = 0;
+    int get_number_of_ports(tw_id_type id, int* ports);
+    int get_number_of_drives(tw_id_type id, int* drives);
+    int get_number_of_units(tw_id_type id, int* units);
+    int get_controller_log(tw_id_type id, unsigned char* buffer, int* length);
+    virtual int get_diagnostic_log(tw_id_type id, unsigned char* buffer, int* length);
+    int get_avmode(tw_id_type id, int* avmode);
+    int get_boot_unit(tw_id_type id, tw_id_type* unit_id);
+    int get_cache_policy(tw_id_type id, int* policy);
+    int get_jbod_policy(tw_id_type id, int* policy);
+
+    // Settings and tasks.
+    virtual int get_background_rebuild_rate(tw_id_type id, int* rate);
+    virtual int set_background_rebuild_rate(tw_id_type id, int rate);
+    virtual int get_background_verify_rate(tw_id_type id, int* rate);
+    virtual int set_background_verify_rate(tw_id_type id, int rate);
+    int get_selftest_flags(tw_id_type id, int* flags);
+    int set_selftest_flags(tw_id_type id, int flags);
+    int get_rebuild_task_item(tw_id_type id, int day, tw_task_window_type* item);
+    int set_rebuild_task_item(tw_id_type id, int day, tw_task_window_type item);
+    int get_verify_task_item(tw_id_type id, int day, tw_task_window_type* item);
+    int set_verify_task_item(tw_id_type id, int day, tw_task_window_type item);
+    int get_selftest_task_item(tw_id_type id, int day, int* start_time);
+    int set_selftest_task_item(tw_id_type id, int day, int start_time);
+    int get_task_schedule(tw_id_type id, tw_task_schedule_type* schedule);
+    int set_task_schedule(tw_id_type id, const tw_task_schedule_type* schedule);
+    int get_rebuild_schedule_state(tw_id_type id, int* state);
+    int get_verify_schedule_state(tw_id_type id, int* state);
+    int enable_rebuild_task_schedule(tw_id_type id);
+    int disable_rebuild_task_schedule(tw_id_type id);
+    int enable_verify_task_schedule(tw_id_type id);
+    int disable_verify_task_schedule(tw_id_type id);
+    int get_spinups_allowed(tw_id_type id, int* spinups);
+    int set_spinups_allowed(tw_id_type id, int spinups);
+    int get_stagger_time(tw_id_type id, int* stagger_time);
+    int set_stagger_time(tw_id_type id, int stagger_time);
+    int enable_avmode(tw_id_type id);
+    int disable_avmode(tw_id_type id);
+    int enable_jbod_online(tw_id_type id);
+    int disable_jbod_online(tw_id_type id);
+    int set_boot_unit(tw_id_type unit_id);
+    int disable_cache_on_unit_degrade(tw_id_type id);
+    int use_unit_cache_states(tw_id_type id);
+    int shutdown(tw_id_type id);
+    int pause_mediascan(tw_id_type id);
+    int resume_mediascan(tw_id_type id);
+
+    // Battery backup unit.
+    int bbu_is_present(tw_id_type id, int* present);
+    int bbu_battery_is_present(tw_id_type id, int* present);
+    int bbu_battery_test_in_progress(tw_id_type id, int* in_progress);
+    int bbu_battery_charge_in_progress(tw_id_type id, int* in_progress);
+    int bbu_enable(tw_id_type id);
+    int bbu_disable(tw_id_type id);
+    int bbu_initialize_battery(tw_id_type id);
+    int bbu_test_battery(tw_id_type id);
+    int get_bbu_status(tw_id_type id, int* status);
+    int get_bbu_status_summary(tw_id_type id, int* summary);
+    int get_bbu_online_state(tw_id_type id, int* state);
+    int get_bbu_battery_voltage_status(tw_id_type id, int* status);
+    int get_bbu_battery_temperature_status(tw_id_type id, int* status);
+    int get_bbu_battery_capacity(tw_id_type id, int* capacity);
+    int get_bbu_battery_charge_voltage(tw_id_type id, int* voltage);
+    int get_bbu_battery_installation_date(tw_id_type id, char* date);
+    int get_bbu_last_battery_test_date(tw_id_type id, char* date);
+    int get_bbu_serial_number(tw_id_type id, char* serial_number);
+    int get_bbu_firmware_version(tw_id_type id, char* version);
+    int get_bbu_boot_code_version(tw_id_type id, char* version);
+    int get_bbu_pcb_revision(tw_id_type id, char* pcb_revision);
+    int get_bbu_factory_data(tw_id_type id, char* factory_data);
+
+protected:
+    explicit controller_base(const twp::FamilyTable& table) : table_(table) {}
+
+    // One parameter of the family, read into `buffer` (p.size bytes) or
+    // written from `value` (p.size bytes).
+    virtual int read_param(tw_id_type id, const twp::Param& p, int unit, void* buffer) = 0;
+    virtual int write_param(tw_id_type id, const twp::Param& p, int unit, const void* value) = 0;
+
+    // The family has the item; if not, the error is cleared and set to API
+    // code 2, "Feature not supported".
+    bool supported(twp::Item item);
+    // A text item into `out` of `outSize` bytes, spaces stripped, terminated.
+    int get_text(tw_id_type id, twp::Item item, char* out, size_t outSize);
+    // A little-endian number of 1 to 4 bytes.
+    int get_number(tw_id_type id, twp::Item item, int* out);
+    int set_number(tw_id_type id, twp::Item item, int value);
+    // A number in [low, high], else `code` set and -1.
+    int set_checked(tw_id_type id, twp::Item item, int value, int low, int high, uint32_t code);
+    // A log item: as much as fits in *length, which then holds the count.
+    int get_log(tw_id_type id, twp::Item item, unsigned char* buffer, int* length);
+
+    const twp::FamilyTable& table_;
+
+private:
+    int get_schedule(tw_id_type id, tw_task_schedule_type* schedule);
+    int get_window(tw_id_type id, int day, bool rebuild, tw_task_window_type* item);
+    int set_window(tw_id_type id, int day, bool rebuild, tw_task_window_type item);
+};

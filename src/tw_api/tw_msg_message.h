@@ -1,0 +1,85 @@
+// The message texts of the controller API: built-in tables by source and
+// code, optional message files per language, and a small ring of formatted
+// results.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+// Message sources.
+enum : uint32_t {
+    TW_SOURCE_SOURCE = 1,
+    TW_SOURCE_SEVERITY = 2,
+    TW_SOURCE_CONTROLLER_9000 = 3,
+    TW_SOURCE_AEN_9000 = 4,
+    TW_SOURCE_DRIVER_9000 = 6,
+    TW_SOURCE_OS = 9,
+    TW_SOURCE_API = 11,
+    TW_SOURCE_TDM = 12,
+    TW_SOURCE_CLI = 13,
+    TW_SOURCE_CONTROLLER_7000 = 14,
+    TW_SOURCE_AEN_7000 = 15,
+    TW_SOURCE_DRIVER_7000 = 17,
+    TW_SOURCE_TDM_STATIC = 19,
+};
+
+// Codes with a built-in text that a controller or driver may report. The
+// 7000 send always records controller code 1.
+enum : uint32_t {
+    TW_CONTROLLER_7000_COMMAND_FAILED = 0x0001,
+    TW_CONTROLLER_7000_BAD_PARAMETER = 0x0002,
+    TW_CONTROLLER_7000_UNIT_MISSING = 0x0003,
+
+    TW_CONTROLLER_9000_BAD_OPCODE = 0x0101,
+    TW_CONTROLLER_9000_BAD_TABLE = 0x0102,
+    TW_CONTROLLER_9000_BAD_PARAMETER = 0x0103,
+    TW_CONTROLLER_9000_BAD_SIZE = 0x0104,
+    TW_CONTROLLER_9000_BAD_UNIT = 0x0105,
+    TW_CONTROLLER_9000_BUSY = 0x0106,
+    TW_CONTROLLER_9000_BAD_VALUE = 0x0107,
+    TW_CONTROLLER_9000_NO_BBU = 0x010A,
+
+    TW_DRIVER_9000_TIMEOUT = 0x1001,
+    TW_DRIVER_9000_LOCK_HELD = 0x1002,
+    TW_DRIVER_9000_BAD_LENGTH = 0x1005,
+    TW_DRIVER_9000_RESETTING = 0x1006,
+};
+
+struct tw_message_row {
+    uint32_t code;
+    const char* text;
+};
+
+// Texts longer than this in a message file are cut.
+constexpr size_t TW_MSG_LINE_SIZE = 512;
+
+class tw_message {
+public:
+    static constexpr int ring_size = 10;
+    static constexpr int language_count = 8;
+
+    tw_message();
+    ~tw_message();
+    tw_message(const tw_message&) = delete;
+    tw_message& operator=(const tw_message&) = delete;
+
+    // The text of a code, formatted with its source and code, or "" when
+    // there is none. The text stays good for 10 further lookups.
+    const char* lookup(uint32_t source, uint32_t code, const char* directory, int language);
+    // The built-in text of a code, unformatted; "" when the table has none.
+    const char* lookup_in_array(uint32_t source, uint32_t code);
+    // Copies the text of a message file into buffer (terminated, cut to its
+    // size) and gives 1, or gives 0 when the file has no non-empty text.
+    int lookup_in_file(char* buffer, size_t buffer_size, uint32_t source, uint32_t code,
+                       const char* directory, int language);
+
+private:
+    char* m_msg_buffer[ring_size];
+    int m_current_buffer;
+    // Taken by test-and-set: the well-defined form of a spin on a plain byte.
+    std::atomic<unsigned char> m_lookup_lock;
+};
+
+// The API's message object (defined with the other globals of the API).
+extern tw_message msg;
