@@ -222,6 +222,15 @@ const std::vector<Command> kCommands = {
      "driver-loaded=0 unloads the driver, controller-found=0 leaves it without\n"
      "its controller, compatibility=N changes the number the firmware gives.\n",
      runTw},
+    {"tw", "DIR FUNCTION [CONTROLLER [VALUE]]", "call one function of the controller API against the module",
+     "Calls one function of the controller API in this process, against the\n"
+     "module, after the API's state is made anew (its nodes made and its\n"
+     "controllers found, as at a program's start), and prints FUNCTION = RESULT,\n"
+     "the outputs (NAME: VALUE), and the error record: its flags and codes, then\n"
+     "the text tw_get_error_information gives. CONTROLLER is the controller's\n"
+     "number; setters take the VALUE to set. Exit status 0 when the function gave\n"
+     "0, 1 when it gave -1. The functions: @TWFUNCTIONS@.\n",
+     runTwCall},
     {"hp", "DIR [set LABEL=VALUE... | remove]", "the HP array controller of slot 0 as its tool shows it; set it",
      kHpHelp, runHp},
     {"console", "DIR [--debug LEVEL]", "host the module: the drive manager up, the chassis controller's link running",
@@ -258,6 +267,7 @@ void printCommandHelp(const Command& c)
     help = replaced(help, "@REQUESTS@", joined(requestNames()));
     help = replaced(help, "@PROGRAMS@", programList());
     help = replaced(help, "@CONSOLE@", consoleCommands());
+    help = replaced(help, "@TWFUNCTIONS@", twFunctionNames());
     help = replaced(help, "@PERBAY@", std::to_string(kDspSecondsPerBay));
     help = replaced(help, "@RESET@", std::to_string(kDspResetSeconds));
     std::cout << "usage: tavsim " << c.name << " " << c.synopsis << "\n\n" << help << "\n" << kExitStatus;
