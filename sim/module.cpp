@@ -178,6 +178,7 @@ void Module::stateWritten()
 
 Module::~Module()
 {
+    tw_.reset();  // its log lines go out while the logs are open
     for (auto& [name, log] : logs_) {
         struct stat st;
         // Only a descriptor that is still the log's own is closed.

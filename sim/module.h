@@ -50,6 +50,20 @@
 //   sim/null           what the system wrote to "/dev/null" through freopen or
 //                      daemon (reading it gives end of file at once)
 //   sim/lock           taken (flock) around every read-modify-write of a state file
+//   sim/nodes          the device nodes mknod made: "PATH c|b MAJOR MINOR MODE"
+//                      (node_table.h); no special file is made on the host
+//   sim/3ware/cN       the tw controller N: family, host, identity,
+//                      compatibility, settings, schedule, battery, ports with
+//                      their drive and the identity read at discovery, units
+//                      with their subunit tree, lock, events, armed faults
+//                      (tw_state.h)
+//   sim/3ware/kernel   the SCSI disks the kernel attached: "disk H C I L INDEX" (tw_kernel.h)
+//   sim/3ware/ports/c0pN  the image of the drive on port N of a 9000 module
+//                      (its bays are ports; no system path leads there)
+//   sim/3ware/unitH_U.img the sparse image of a unit of several drives
+//   sim/3ware.log      every call of a tw driver: "TIME NODE REQUEST [OPERATION
+//                      unit=U table=T param=P size=S] -> RESULT", then the
+//                      bytes in and out on indented lines (tw_driver.h)
 //   sim/generation     counters, mapped shared, that every write of a state file
 //                      through Module moves on, one for each few files: views see
 //                      at no cost that their file did not change
@@ -179,6 +193,23 @@
 // (a test runs in it), with its working directory at the module's root and
 // its standard descriptors on the null device; the call is a line of
 // commands.log ("daemon 0 daemon NOCHDIR NOCLOSE").
+//
+// The tw controllers (tw_state.h, tw_driver.h, tw_firmware.h, tw_kernel.h)
+// leave out, of real controllers and their drivers:
+// - The drivers' majors are fixed (254 "twe", 253 "twa"); a kernel gives
+//   them out at load. Nodes of the table answer by major whatever their path.
+// - A pulled, inserted or swapped drive changes the port's drive only; the
+//   controller notices nothing until a port scan reads the identity again,
+//   and no unit degrades or rebuilds on its own.
+// - Units of several drives keep their data in an image of their own: the
+//   members' images are not striped and a member's data does not follow it.
+//   The kernel's unit nodes of a 9000 module are not answered yet: its disks
+//   stand in /proc/scsi/scsi only; platform 2's single units are its bays.
+// - The event queue is kept and shown, and no request reads it yet.
+// - A battery test ends when the firmware is next asked after its end, with
+//   the date of its end; an expired lock goes the same way.
+// - Commands run within the call that carries them: no controller is ever
+//   busy but through an EBUSY fault of the platform.
 //
 // The HP array tool (hp_cli.h) knows one command, "ctrl slot=N show", and
 // prints the controller's properties as they are set: no property follows

@@ -322,8 +322,19 @@ int runLog(const Call& call)
 {
     Words w;
     int status = 0;
-    auto module = openModuleCall(call, {{"--ata", nullptr}, {"--md", nullptr}, {"--dsp", nullptr}, {"--charon", nullptr}}, 1, 1, w, status);
+    auto module = openModuleCall(call,
+                                 {{"--ata", nullptr}, {"--md", nullptr}, {"--dsp", nullptr}, {"--charon", nullptr},
+                                  {"--3ware", nullptr}, {"--hex", nullptr}},
+                                 1, 1, w, status);
     if (!module) return status;
+    if (w.has("--hex") && !w.has("--3ware")) return badUsage(call, "--hex goes with --3ware");
+    if (w.has("--3ware")) {
+        if (!module->host().exists(Module::stateFile("3ware.log")))
+            return refused(call, module->dir() + ": this module has no tw controller, so no log of it");
+        for (const std::string& line : textLines(module->readState("3ware.log")))
+            if (w.has("--hex") || line.compare(0, 2, "  ") != 0) std::cout << line << "\n";
+        return kDone;
+    }
     std::vector<std::string> given;
     for (const char* name : {"--ata", "--md", "--dsp", "--charon"})
         if (w.has(name)) given.push_back(name);

@@ -53,11 +53,10 @@ void put32(uint8_t* p, uint32_t v)
 std::string hex(const uint8_t* p, size_t n)
 {
     static const char d[] = "0123456789abcdef";
-    std::string out;
-    out.reserve(2 * n);
+    std::string out(2 * n, '0');
     for (size_t i = 0; i < n; ++i) {
-        out += d[p[i] >> 4];
-        out += d[p[i] & 15];
+        out[2 * i] = d[p[i] >> 4];
+        out[2 * i + 1] = d[p[i] & 15];
     }
     return out;
 }
@@ -124,6 +123,8 @@ int TwDriver::open(DeviceContext& ctx, OpenNode& n, int)
     return ::memfd_create(family_ == 7000 ? "twe" : "twa", MFD_CLOEXEC);
 }
 
+void TwDriver::close(DeviceContext& ctx, OpenNode&) { flushLog(ctx.module); }
+
 ssize_t TwDriver::read(DeviceContext&, OpenNode&, void*, size_t, uint64_t, bool) { return fail(EINVAL); }
 
 ssize_t TwDriver::write(DeviceContext&, OpenNode&, const void*, size_t, uint64_t, bool) { return fail(EINVAL); }
@@ -157,7 +158,7 @@ int TwDriver::call7000(DeviceContext& ctx, OpenNode& n, int index, unsigned long
         logCall(module, line + " length=" + std::to_string(length) + " -> EINVAL");
         return fail(EINVAL);
     }
-    const std::string in = hex(buf + k7Command, 16) + " " + hex(buf + k7Data, std::min<size_t>(length, 64));
+    const std::string in = hex(buf + k7Command, 16) + " " + hex(buf + k7Data, std::min<size_t>(length, 32));
     uint8_t* cmd = buf + k7Command;
     uint8_t* data = buf + k7Data;
     const uint8_t op = cmd[kCmdByte0] & 0x1F;
@@ -229,7 +230,7 @@ int TwDriver::call7000(DeviceContext& ctx, OpenNode& n, int index, unsigned long
     line += " -> status " + std::to_string(answer.status);
     if (!answer.ok()) line += " code " + std::to_string(answer.code);
     if (!rules.empty()) line += " (" + rules + ")";
-    logCall(module, line + "\n  in  " + in + "\n  out " + hex(cmd, 16) + " " + hex(data, std::min<size_t>(length, 64)));
+    logCall(module, line + "\n  in  " + in + "\n  out " + hex(cmd, 16) + " " + hex(data, std::min<size_t>(length, 32)));
     return 0;
 }
 
@@ -247,7 +248,10 @@ int TwDriver::call9000(DeviceContext& ctx, OpenNode& n, int index, unsigned long
                             " -> EINVAL");
         return fail(EINVAL);
     }
-    const std::string in = hex(buf, 24) + " " + hex(buf + k9Full, 160) + " " + hex(buf + k9Data, std::min<size_t>(length, 64));
+    // The bytes kept: the driver command, the header's size byte, the
+    // command's first 16 bytes and the data's first 32.
+    const std::string in = hex(buf, 24) + " " + hex(buf + k9HeaderDesc, 1) + " " + hex(buf + k9Byte0, 16) + " " +
+                           hex(buf + k9Data, std::min<size_t>(length, 32));
     uint8_t* data = buf + k9Data;
     uint32_t driverStatus = 0;
     FwAnswer answer;
@@ -350,8 +354,10 @@ int TwDriver::call9000(DeviceContext& ctx, OpenNode& n, int index, unsigned long
     else if (firmware) line += "status " + std::to_string(answer.status) + (answer.ok() ? "" : " code " + std::to_string(answer.code));
     else line += "ok";
     if (!rules.empty()) line += " (" + rules + ")";
-    logCall(module, line + "\n  in  " + in + "\n  out " + hex(buf, 24) + " " + hex(buf + k9Full, 160) + " " +
-                        hex(data, std::min<size_t>(length, 64)));
+    // Given back: the driver command, the error code and text's start, the
+    // command's status and the data's first 32 bytes.
+    logCall(module, line + "\n  in  " + in + "\n  out " + hex(buf, 24) + " " + hex(buf + k9ErrorCode, 12) + " " +
+                        hex(buf + k9CmdStatus, 1) + " " + hex(data, std::min<size_t>(length, 32)));
     return 0;
 }
 

@@ -20,7 +20,7 @@
 // Both refuse a declared data length above their maximum with EINVAL: a
 // caller must give a buffer of header plus that length. Each call is a line
 // of "sim/3ware.log" (module.h), with the bytes in and out on the lines
-// behind it, indented.
+// behind it, indented; the lines reach the file when the node is closed.
 #pragma once
 
 #include <cstddef>
@@ -40,6 +40,7 @@ class TwDriver : public DeviceModel {
 public:
     explicit TwDriver(int family) : family_(family) {}
     int open(DeviceContext& ctx, OpenNode& n, int flags) override;
+    void close(DeviceContext& ctx, OpenNode& n) override;
     ssize_t read(DeviceContext& ctx, OpenNode& n, void* buf, size_t count, uint64_t at, bool advance) override;
     ssize_t write(DeviceContext& ctx, OpenNode& n, const void* buf, size_t count, uint64_t at, bool advance) override;
     int ioctl(DeviceContext& ctx, OpenNode& n, unsigned long request, void* arg) override;

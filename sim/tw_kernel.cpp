@@ -174,6 +174,7 @@ int scsiRequest(Module& module, const std::string& line)
     if (!warning.empty()) logCall(module, format("%llu.%06llu /proc/scsi/scsi ", (unsigned long long)(module.nowUs() / 1000000),
                                                  (unsigned long long)(module.nowUs() % 1000000)) +
                                               warning);
+    flushLog(module);
     return error;
 }
 

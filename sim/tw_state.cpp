@@ -380,22 +380,32 @@ std::string formatController(const Controller& c)
 
 std::string stateName(int index) { return "3ware/c" + std::to_string(index); }
 
+// Only the files there and the next one are watched: controllers are
+// numbered from 0 without gaps.
 void TwView::refresh()
 {
-    std::vector<uint64_t> now(kMaxControllers);
-    bool known = true;
-    for (int i = 0; i < kMaxControllers; ++i) {
-        now[static_cast<size_t>(i)] = module_.generation(Module::stateFile(stateName(i)));
-        if (now[static_cast<size_t>(i)] == Module::kNoGeneration) known = false;
+    static const std::vector<std::string> names = [] {
+        std::vector<std::string> all;
+        for (int i = 0; i < kMaxControllers; ++i) all.push_back(Module::stateFile(stateName(i)));
+        return all;
+    }();
+    if (loaded_) {
+        const size_t watched = std::min(controllers_.size() + 1, names.size());
+        bool same = stamps_.size() == watched;
+        for (size_t i = 0; same && i < watched; ++i) {
+            const uint64_t g = module_.generation(names[i]);
+            same = g != Module::kNoGeneration && g == stamps_[i];
+        }
+        if (same) return;
     }
-    if (loaded_ && known && now == stamps_) return;
     controllers_.clear();
+    stamps_.clear();
     for (int i = 0; i < kMaxControllers; ++i) {
+        stamps_.push_back(module_.generation(names[static_cast<size_t>(i)]));
         std::string text;
-        if (!module_.host().readFile(Module::stateFile(stateName(i)), text)) continue;
+        if (!module_.host().readFile(names[static_cast<size_t>(i)], text)) break;
         controllers_.push_back(parseController(text, i));
     }
-    stamps_ = now;
     loaded_ = true;
 }
 
@@ -551,6 +561,25 @@ Controller freshController(int index, int family, int host, int ports)
     return c;
 }
 
-void logCall(Module& module, const std::string& line) { module.appendState("3ware.log", line); }
+TwView::~TwView() { flushLog(); }
+
+void TwView::log(const std::string& line)
+{
+    pending_ += line;
+    pending_ += '\n';
+    if (pending_.size() >= 16384) flushLog();
+}
+
+void TwView::flushLog()
+{
+    if (pending_.empty()) return;
+    pending_.pop_back();  // appendState ends the last line
+    module_.appendState("3ware.log", pending_);
+    pending_.clear();
+}
+
+void logCall(Module& module, const std::string& line) { twView(module).log(line); }
+
+void flushLog(Module& module) { twView(module).flushLog(); }
 
 } // namespace sim::tw

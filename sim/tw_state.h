@@ -132,6 +132,13 @@ std::string stateName(int index);  // "3ware/cN"
 class TwView {
 public:
     explicit TwView(Module& module) : module_(module) {}
+    ~TwView();
+    TwView(const TwView&) = delete;
+    TwView& operator=(const TwView&) = delete;
+    // The controller log: lines wait here until a node is closed, the view
+    // goes, or they fill 16 KiB, so that a call costs no write of its own.
+    void log(const std::string& line);
+    void flushLog();
     const std::vector<Controller>& controllers();
     // The controller of a family by its minor (the order of the family's
     // controllers by host); null when there is none.
@@ -148,6 +155,7 @@ private:
     std::vector<Controller> controllers_;
     std::vector<uint64_t> stamps_;
     bool loaded_ = false;
+    std::string pending_;
 };
 
 // The view kept for a module (one per Module object).
@@ -160,8 +168,9 @@ std::string dateText(int64_t seconds);
 // A fresh controller of a family with `ports` ports on `host`.
 Controller freshController(int index, int family, int host, int ports);
 
-// The controller log "sim/3ware.log".
+// The controller log "sim/3ware.log": a line, and all lines waiting written.
 void logCall(Module& module, const std::string& line);
+void flushLog(Module& module);
 
 } // namespace tw
 } // namespace sim

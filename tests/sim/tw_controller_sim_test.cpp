@@ -334,6 +334,9 @@ TEST(TwDriver9000, ParameterReadsAnswerFromTheStateAndBadCommandsGetStatuses)
     EXPECT_EQ(plat::ioctl(t.fd, 264, b.data()), -1);
     EXPECT_EQ(errno, EINVAL) << "a length above the driver's maximum";
 
+    EXPECT_EQ(t.m.get("/sim/3ware.log"), "") << "the lines wait for the node's close";
+    plat::close(t.fd);
+    t.fd = -1;
     const std::string log = t.m.get("/sim/3ware.log");
     EXPECT_NE(log.find("1136073600.000000 /dev/twa0 264 get-param unit=4 table=0x8402 param=8 size=64 -> status 0\n"),
               std::string::npos)
@@ -495,4 +498,46 @@ TEST(TwDriver7000, TheSevenThousandTakesOneRequestAndAnswersInTheStatusByte)
     plat::close(fd);
     EXPECT_NE(m.get("/sim/3ware.log").find("/dev/twe1 31 get-param unit=0 table=1026 param=8 size=16 -> status 0\n"),
               std::string::npos);
+}
+
+TEST(TwTavsim, ThreeWareSetArmsFaultsThatTheApiMeetsAndTheLogShows)
+{
+    TempModule m(9, false);
+    ASSERT_EQ(makeTw(m, 9), "");
+    const std::string d = m.dir();
+    auto r = simtest::tavsim({"3ware", d, "set", "c0.stagger=12",
+                              "fault=firmware:times=1,table=1026,param=8,status=3,code=299,text=no%20luck"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(simtest::tavsim({"3ware", d, "set", "nonsense=1"}).status, 2);
+    EXPECT_EQ(simtest::tavsim({"3ware", d, "set", "c4.stagger=1"}).status, 1) << "no controller 4";
+
+    r = simtest::tavsim({"tw", d, "tw_get_stagger_time", "0"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("tw_get_stagger_time = 0\nstagger_time: 12\n"), std::string::npos) << r.out;
+    r = simtest::tavsim({"tw", d, "tw_get_model", "0"});
+    EXPECT_EQ(r.status, 1);
+    // API code 1 stays from the search for 7000 controllers at the start.
+    EXPECT_NE(r.out.find("error: flags 0x20009 api 1 os 0 driver 0 controller 299\n"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("(0x03:0x012B): 9000 controller message not found no luck\n"), std::string::npos) << r.out;
+    r = simtest::tavsim({"tw", d, "tw_get_model", "0"});
+    EXPECT_NE(r.out.find("model: SIMRAID 9K-4\n"), std::string::npos) << "the fault is spent: " << r.out;
+    EXPECT_EQ(simtest::tavsim({"tw", d, "tw_no_such_thing", "0"}).status, 2);
+
+    // driver-loaded=0 takes "twa" out of /proc/devices: no controller for the API.
+    ASSERT_EQ(simtest::tavsim({"3ware", d, "set", "driver-loaded=0"}).status, 0);
+    EXPECT_FALSE(m.exists("/proc/scsi/3w-9xxx/0"));
+    r = simtest::tavsim({"tw", d, "tw_get_controller_id_list"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.out.find("api 1 "), std::string::npos) << r.out;
+
+    r = simtest::tavsim({"log", d, "--3ware"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_NE(r.out.find(" /dev/twa0 264 get-param unit=4 table=0x8402 param=8 size=64 -> status 3 code 299\n"),
+              std::string::npos)
+        << r.out;
+    EXPECT_EQ(r.out.find("\n  in "), std::string::npos) << "bytes only with --hex";
+    EXPECT_NE(simtest::tavsim({"log", d, "--3ware", "--hex"}).out.find("\n  in  08010000"), std::string::npos);
+    const std::string whole = simtest::tavsim({"3ware", d}).out;
+    EXPECT_NE(whole.find("stagger              12\n"), std::string::npos) << whole;
+    EXPECT_NE(whole.find("\nkernel:\nAttached devices:\nHost: scsi0 Channel: 00 Id: 00 Lun: 00\n"), std::string::npos);
 }
