@@ -266,3 +266,33 @@ TEST(TwController, TheNineThousandsSettingsAndScheduleRoundTrip)
     EXPECT_EQ(c9000.aquire_write_lock(c), 0);
     EXPECT_EQ(c9000.release_write_lock(c), 0);
 }
+
+TEST(TwController, TheBatteryOfTheNineThousand)
+{
+    TwModule t(9);
+    const tw_id_type c = controllerId(0);
+    t.set(0, "install-date", "15-Mar-2006");
+    t.set(0, "charge-voltage", "3");
+    t.set(0, "battery-capacity", "300");
+    t.set(0, "test-seconds", "120");
+    char date[TW_DATE_SIZE];
+    ASSERT_EQ(tw_get_bbu_battery_installation_date(c, date), 0);
+    EXPECT_STREQ(date, "15-Mar-2006");
+    int value = -1;
+    ASSERT_EQ(tw_get_bbu_battery_charge_voltage(c, &value), 0);
+    EXPECT_EQ(value, 3);
+    ASSERT_EQ(tw_get_bbu_battery_capacity(c, &value), 0);
+    EXPECT_EQ(value, 300) << "a 16-bit number";
+
+    EXPECT_EQ(tw_bbu_disable(c), 0);
+    EXPECT_EQ(sim::tw::twView(t.p.module()).controllers()[0].get("bbu-enabled"), "0");
+    EXPECT_EQ(tw_bbu_enable(c), 0);
+    ASSERT_EQ(tw_bbu_test_battery(c), 0);
+    ASSERT_EQ(tw_bbu_battery_test_in_progress(c, &value), 0);
+    EXPECT_EQ(value, 1);
+    plat::sleep(121);
+    ASSERT_EQ(tw_bbu_battery_test_in_progress(c, &value), 0);
+    EXPECT_EQ(value, 0);
+    ASSERT_EQ(tw_get_bbu_last_battery_test_date(c, date), 0);
+    EXPECT_EQ(std::string(date), sim::tw::dateText(plat::time(nullptr)));
+}
