@@ -296,3 +296,34 @@ TEST(TwController, TheBatteryOfTheNineThousand)
     ASSERT_EQ(tw_get_bbu_last_battery_test_date(c, date), 0);
     EXPECT_EQ(std::string(date), sim::tw::dateText(plat::time(nullptr)));
 }
+
+TEST(TwController, TheLockIsAskedTenTimesAndTheLogsComeWhole)
+{
+    TwModule t(9);
+    const tw_id_type c = controllerId(0);
+    sim::tw::twView(t.p.module()).update(0, [](sim::tw::Controller& ctl) {
+        ctl.lockHolder = "another";
+        ctl.lockExpires = ~uint64_t(0) >> 1;
+        return true;
+    });
+    t.p.resetCalls();
+    tw_api_clear_error();
+    EXPECT_EQ(c9000.aquire_read_lock(c), -1);
+    EXPECT_EQ(t.ioctls("/dev/twa0"), 10u);
+    EXPECT_EQ(tw_api_error.valid_error_flags & 0x20004u, 0x20004u);
+
+    t.set(0, "diagnostic-log", "first line\nsecond line");
+    unsigned char log[8];
+    int length = sizeof log;
+    ASSERT_EQ(tw_get_diagnostic_log(c, log, &length), 0);
+    EXPECT_EQ(length, 8);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(log), 8), "first li");
+
+    TwModule t7(2);
+    t7.set(1, "diagnostic-log", "seven");
+    unsigned char big[2048];
+    length = sizeof big;
+    ASSERT_EQ(tw_get_diagnostic_log(controllerId(0), big, &length), 0);
+    EXPECT_EQ(length, 1024) << "the whole log record";
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(big)), "seven");
+}
