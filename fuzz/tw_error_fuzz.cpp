@@ -16,7 +16,7 @@ class MemoryPlatform : public plat::ForwardingPlatform {
 public:
     MemoryPlatform() : ForwardingPlatform(plat::hostPlatform()) {}
     std::string file = "#0x0B:2\n0x0008:\"" + std::string(400, 'L') +
-                       "\"\n0x0047:\"kurz\"\n#0x03:1\n0x0101:\"" + std::string(500, 'C') +
+                       "\"\n0x0047:\"kurz\"\n#0x03:1\n0x0001:\"" + std::string(500, 'C') +
                        "\"\n#0x09:1\n0x0005:\"no file for the system\"\n";
     FILE* fopen(const char*, const char* mode) override {
         if (mode[0] != 'r')

@@ -42,13 +42,18 @@ const tw_message_row severity_text_table[] = {
 
 const tw_message_row controller_9000_error_text_table[] = {
     {TW_CONTROLLER_9000_BAD_OPCODE, "Command opcode not recognised"},
+    {TW_CONTROLLER_9000_BAD_COMMAND_SIZE, "Command size not accepted"},
+    {TW_CONTROLLER_9000_BAD_UNIT, "Unit number out of range"},
     {TW_CONTROLLER_9000_BAD_TABLE, "Parameter table not recognised"},
     {TW_CONTROLLER_9000_BAD_PARAMETER, "Parameter number not recognised"},
-    {TW_CONTROLLER_9000_BAD_SIZE, "Parameter size does not match the table"},
-    {TW_CONTROLLER_9000_BAD_UNIT, "Unit number out of range"},
-    {TW_CONTROLLER_9000_BUSY, "Controller busy with another command"},
+    {TW_CONTROLLER_9000_BAD_PARAMETER_SIZE, "Parameter size does not match the table"},
+    {TW_CONTROLLER_9000_READ_ONLY, "Parameter cannot be changed"},
     {TW_CONTROLLER_9000_BAD_VALUE, "Value out of range for this parameter"},
+    {TW_CONTROLLER_9000_BAD_PORT, "Port number out of range"},
     {TW_CONTROLLER_9000_NO_BBU, "No battery backup unit installed"},
+    {TW_CONTROLLER_9000_BAD_HEADER, "Command header not accepted"},
+    {TW_CONTROLLER_9000_BAD_SGL, "Scatter list not accepted"},
+    {TW_CONTROLLER_9000_TABLE_FLAG, "Parameter table given without its flag bit"},
     {END, ""},
 };
 
@@ -65,8 +70,8 @@ const tw_message_row aen_9000_text_table[] = {
 };
 
 const tw_message_row linux_9000_driver_text_table[] = {
-    {TW_DRIVER_9000_TIMEOUT, "Controller did not answer in time"},
     {TW_DRIVER_9000_LOCK_HELD, "Controller lock held by another caller"},
+    {TW_DRIVER_9000_TIMEOUT, "Controller did not answer in time"},
     {TW_DRIVER_9000_BAD_LENGTH, "Command length refused by the driver"},
     {TW_DRIVER_9000_RESETTING, "Controller is being reset"},
     {END, ""},
@@ -175,8 +180,6 @@ const tw_message_row cli_text_table[] = {
 
 const tw_message_row controller_7000_error_text_table[] = {
     {TW_CONTROLLER_7000_COMMAND_FAILED, "Controller refused the command"},
-    {TW_CONTROLLER_7000_BAD_PARAMETER, "Parameter not recognised"},
-    {TW_CONTROLLER_7000_UNIT_MISSING, "Unit not present"},
     {END, ""},
 };
 
