@@ -563,6 +563,18 @@ Controller freshController(int index, int family, int host, int ports)
 
 TwView::~TwView() { flushLog(); }
 
+const std::string& TwView::kernelText()
+{
+    static const std::string name = Module::stateFile("3ware/kernel");
+    const uint64_t g = module_.generation(name);
+    if (g == Module::kNoGeneration || g != kernelStamp_) {
+        kernel_.clear();
+        module_.host().readFile(name, kernel_);
+        kernelStamp_ = g;
+    }
+    return kernel_;
+}
+
 void TwView::log(const std::string& line)
 {
     pending_ += line;

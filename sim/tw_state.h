@@ -146,6 +146,8 @@ public:
     const Controller* byHost(int host);
     // Read-modify-write of controller `index`; `change` returns false to leave it.
     bool update(int index, const std::function<bool(Controller&)>& change);
+    // The kernel's view, "sim/3ware/kernel", as it stands.
+    const std::string& kernelText();
     // Ends what the virtual clock has finished (a battery test, an expired lock).
     void settle();
 
@@ -156,6 +158,8 @@ private:
     std::vector<uint64_t> stamps_;
     bool loaded_ = false;
     std::string pending_;
+    std::string kernel_;
+    uint64_t kernelStamp_ = ~uint64_t{0};
 };
 
 // The view kept for a module (one per Module object).
