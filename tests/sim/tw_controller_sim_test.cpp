@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <linux/fs.h>
 
 #include "sim_fixture.h"
 #include "sim/tw_driver.h"
@@ -540,4 +541,90 @@ TEST(TwTavsim, ThreeWareSetArmsFaultsThatTheApiMeetsAndTheLogShows)
     const std::string whole = simtest::tavsim({"3ware", d}).out;
     EXPECT_NE(whole.find("stagger              12\n"), std::string::npos) << whole;
     EXPECT_NE(whole.find("\nkernel:\nAttached devices:\nHost: scsi0 Channel: 00 Id: 00 Lun: 00\n"), std::string::npos);
+}
+
+TEST(TwKernel, UnitsAreTheKernelsDisksWithPartitionWindows)
+{
+    TempModule m(9, false), single(9, false);
+    ASSERT_EQ(makeTw(m, 9, "raid5", 1), "");
+    ASSERT_EQ(makeTw(single, 9, "single"), "");
+    {
+        sim::SimPlatform p(m.dir());
+        plat::ScopedPlatform scope(p);
+        const char* disc = "/dev/scsi/host0/bus0/target0/lun0/disc";
+        struct stat st;
+        ASSERT_EQ(plat::stat(disc, &st), 0);
+        EXPECT_TRUE(S_ISBLK(st.st_mode));
+        EXPECT_EQ(st.st_rdev, makedev(8, 0));
+        EXPECT_EQ(plat::stat("/dev/scsi/host0/bus0/target1/lun0/disc", &st), -1) << "the spare unit is not exported";
+        EXPECT_EQ(errno, ENOENT);
+        int fd = plat::open(disc, O_RDWR, 0);
+        ASSERT_GE(fd, 0);
+        uint64_t bytes = 0;
+        ASSERT_EQ(plat::ioctl(fd, BLKGETSIZE64, &bytes), 0);
+        EXPECT_EQ(bytes, 2 * simtest::kSectors * 512) << "three drives of raid 5";
+        auto table = simtest::emptyTable();
+        simtest::putEntry(table, 0, 0x83, 2048, 4096);
+        ASSERT_EQ(plat::pwrite(fd, table.data(), table.size(), 0), 512);
+        ASSERT_EQ(plat::ioctl(fd, BLKRRPART, nullptr), 0);
+        plat::close(fd);
+        ASSERT_EQ(plat::stat("/dev/scsi/host0/bus0/target0/lun0/part1", &st), 0);
+        EXPECT_EQ(st.st_rdev, makedev(8, 1));
+        EXPECT_EQ(plat::stat("/dev/scsi/host0/bus0/target0/lun0/part2", &st), -1);
+        EXPECT_TRUE(std::filesystem::file_size(m.host("sim/3ware/unit0_0.img")) == 2 * simtest::kSectors * 512);
+
+        EXPECT_EQ(writeLine("/proc/scsi/scsi", "scsi remove-single-device 0 0 0 0"), 0);
+        EXPECT_EQ(plat::open(disc, O_RDONLY, 0), -1) << "the kernel let it go";
+        EXPECT_EQ(errno, ENOENT);
+        EXPECT_EQ(writeLine("/proc/scsi/scsi", "scsi add-single-device 0 0 0 0"), 0);
+        ASSERT_EQ(plat::stat("/dev/scsi/host0/bus0/target0/lun0/part1", &st), 0) << "the table read again at attachment";
+    }
+    {
+        // A one-drive unit's data is its drive's.
+        sim::SimPlatform p(single.dir());
+        plat::ScopedPlatform scope(p);
+        int fd = plat::open("/dev/scsi/host0/bus0/target2/lun0/disc", O_RDWR, 0);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(plat::pwrite(fd, "unit2", 5, 4096), 5);
+        plat::close(fd);
+        std::ifstream port(single.host("sim/3ware/ports/c0p2"), std::ios::binary);
+        port.seekg(4096);
+        char got[6] = {};
+        port.read(got, 5);
+        EXPECT_STREQ(got, "unit2");
+        struct stat st;
+        ASSERT_EQ(plat::stat("/dev/scsi/host0/bus0/target3/lun0/disc", &st), 0);
+        EXPECT_EQ(st.st_rdev, makedev(8, 48)) << "the fourth disk attached";
+    }
+}
+
+TEST(TwKernel, ADriverWithoutItsControllerAndOneNotLoaded)
+{
+    Tw9 t;
+    ASSERT_GE(t.fd, 0);
+    t.set("controller-found 0");
+    sim::tw::syncKernelFiles(t.p->module());
+    auto b = call9000(264, 0x12, 0x8000 | 1026, 8, 64);
+    EXPECT_EQ(plat::ioctl(t.fd, 264, b.data()), -1);
+    EXPECT_EQ(errno, ENODEV);
+    EXPECT_EQ(plat::open("/dev/twa0", O_RDWR, 0), -1);
+    EXPECT_EQ(errno, ENODEV);
+    EXPECT_NE(readAll("/proc/devices").find("253 twa\n"), std::string::npos) << "the driver is there";
+    struct stat st;
+    EXPECT_EQ(plat::stat("/proc/scsi/3w-9xxx", &st), -1) << "with no host";
+    EXPECT_EQ(plat::stat("/sys/class/scsi_host/host0/stats", &st), -1);
+    EXPECT_EQ(writeLine("/proc/scsi/scsi", "scsi add-single-device 0 0 1 0"), ENXIO);
+
+    t.set("controller-found 1\ndriver-loaded 0");
+    EXPECT_EQ(readAll("/proc/devices").find("twa"), std::string::npos);
+    EXPECT_EQ(plat::open("/dev/twa0", O_RDWR, 0), -1);
+    EXPECT_EQ(errno, ENXIO);
+
+    t.set("driver-loaded 1\ncompatibility 22");
+    int fd = plat::open("/dev/twa0", O_RDWR, 0);
+    ASSERT_GE(fd, 0);
+    b = call9000(264, 0x12, 0x8000 | 1026, 11, 2);
+    ASSERT_EQ(plat::ioctl(fd, 264, b.data()), 0);
+    EXPECT_EQ(b[1544], 22);
+    plat::close(fd);
 }
