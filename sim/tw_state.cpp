@@ -389,6 +389,7 @@ void TwView::refresh()
         for (int i = 0; i < kMaxControllers; ++i) all.push_back(Module::stateFile(stateName(i)));
         return all;
     }();
+    if (loaded_ && pinned_) return;
     if (loaded_) {
         const size_t watched = std::min(controllers_.size() + 1, names.size());
         bool same = stamps_.size() == watched;
