@@ -124,7 +124,7 @@ TEST(TwKernel, ProcDevicesAndTheDriversEntriesFollowTheFamilies)
         EXPECT_NE(devices.find("\nBlock devices:\n"), std::string::npos);
         EXPECT_NE(devices.find("\n  8 sd\n"), std::string::npos);
         EXPECT_NE(devices.find("\n  9 md\n"), std::string::npos);
-        EXPECT_NE(readAll("/proc/scsi/3w-9xxx/0").find("Driver version: 2.26.02.008\n"), std::string::npos);
+        EXPECT_NE(readAll("/proc/scsi/3w-9xxx/0").find("Driver version: 9.4.1.12\n"), std::string::npos);
         EXPECT_NE(readAll("/sys/class/scsi_host/host0/stats").find("Driver version: "), std::string::npos);
         EXPECT_EQ(readAll("/proc/scsi/scsi"), "Attached devices:\n"
                                               "Host: scsi0 Channel: 00 Id: 00 Lun: 00\n"
@@ -135,7 +135,7 @@ TEST(TwKernel, ProcDevicesAndTheDriversEntriesFollowTheFamilies)
         sim::SimPlatform p(m2.dir());
         plat::ScopedPlatform scope(p);
         EXPECT_NE(readAll("/proc/devices").find("\n254 twe\n"), std::string::npos);
-        EXPECT_NE(readAll("/proc/scsi/3w-xxxx/0").find("Driver version: 1.26.02.001"), std::string::npos);
+        EXPECT_NE(readAll("/proc/scsi/3w-xxxx/0").find("Driver version: 7.2.0.3"), std::string::npos);
         EXPECT_NE(readAll("/proc/scsi/3w-xxxx/1").find("scsi1:"), std::string::npos);
         // Eight single units, host then target.
         const std::string scsi = readAll("/proc/scsi/scsi");
@@ -435,6 +435,11 @@ TEST(TwDriver9000, TheLockExpiresOnTheVirtualClockAndFaultsTakeTheirTurn)
     b = call9000(264, 0x12, 0x8000 | 1026, 8, 64);
     ASSERT_EQ(plat::ioctl(t.fd, 264, b.data()), 0);
     EXPECT_EQ(b[1542] | (b[1543] << 8), 80) << "claims more than it was asked";
+    t.set("fault answer times=1 answer=garbage");
+    b = call9000(264, 0x12, 0x8000 | 1026, 8, 64);
+    ASSERT_EQ(plat::ioctl(t.fd, 264, b.data()), 0);
+    EXPECT_EQ(b[512 + 132], 0) << "garbage under a good status";
+    EXPECT_NE(text(b, 1544, 64).rfind("SIMRAID", 0), 0u);
     t.set("fault answer times=1 answer=unterminated");
     b = call9000(264, 0x12, 0x8000 | 1026, 8, 64);
     ASSERT_EQ(plat::ioctl(t.fd, 264, b.data()), 0);
