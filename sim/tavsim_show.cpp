@@ -326,6 +326,37 @@ void writeJson(const ModuleView& v)
     }
     j.endArray();
 
+    // The tw controllers: empty on modules of other families.
+    {
+        Module module(v.dir);
+        j.key("controllers").beginArray();
+        for (const tw::Controller& c : tw::twView(module).controllers()) {
+            j.beginObject();
+            j.key("index").number(c.index).key("family").number(c.family).key("host").number(c.host);
+            j.key("model").string(c.get("model"));
+            j.key("ports").beginArray();
+            for (const tw::Port& p : c.ports) {
+                j.beginObject();
+                j.key("port").number(p.number).key("drive").string(p.drive).key("found_serial").string(p.foundSerial);
+                j.endObject();
+            }
+            j.endArray();
+            j.key("units").beginArray();
+            for (const tw::Unit& u : c.units) {
+                j.beginObject();
+                j.key("unit").number(u.number).key("config").number(u.config).key("mode").string(u.mode);
+                j.key("ports").beginArray();
+                for (int p : u.ports) p < 0 ? j.null() : j.number(p);
+                j.endArray();
+                j.key("tree").string(tw::formatTree(u.tree)).key("sectors").unsignedNumber(u.capacity);
+                j.endObject();
+            }
+            j.endArray();
+            j.endObject();
+        }
+        j.endArray();
+    }
+
     j.key("shelf").beginArray();
     for (const Drive& d : m.drives)
         if (d.bay == 0) {

@@ -546,6 +546,9 @@ TEST(TwTavsim, ThreeWareSetArmsFaultsThatTheApiMeetsAndTheLogShows)
     const std::string whole = simtest::tavsim({"3ware", d}).out;
     EXPECT_NE(whole.find("stagger              12\n"), std::string::npos) << whole;
     EXPECT_NE(whole.find("\nkernel:\nAttached devices:\nHost: scsi0 Channel: 00 Id: 00 Lun: 00\n"), std::string::npos);
+    const std::string shown = simtest::tavsim({"show", d}).out;
+    EXPECT_NE(shown.find("\nBAY  CONTROLLER  PORT  DRIVE         UNIT\n1    0           0     SIM"), std::string::npos) << shown;
+    EXPECT_NE(simtest::tavsim({"show", d, "--json"}).out.find("\"tree\": \"OK(OK@0,OK@1,OK@2,OK@3)\""), std::string::npos);
 }
 
 TEST(TwKernel, UnitsAreTheKernelsDisksWithPartitionWindows)
