@@ -1,4 +1,6 @@
 // tavsim 3ware: the tw controllers whole, and changes to them.
+#include <cctype>
+#include <cstdlib>
 #include <iostream>
 
 #include "table.h"

@@ -1,6 +1,8 @@
 #include "tw_state.h"
 
 #include <algorithm>
+#include <cctype>
+#include <climits>
 #include <cstdio>
 #include <ctime>
 #include <sstream>
