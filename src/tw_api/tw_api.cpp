@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "tw_api/tw_api_osil.h"
 #include "tw_api/tw_msg_message.h"
 
 namespace {
@@ -17,6 +18,8 @@ constexpr uint32_t API_INVALID_CONTROLLER_ID = 8;
 constexpr uint32_t API_INVALID_UNIT_ID = 9;
 constexpr uint32_t API_INVALID_DRIVE_ID = 10;
 constexpr uint32_t API_INVALID_PORT_ID = 11;
+// A null pointer for a controller call's result, as the controller calls do.
+constexpr uint32_t API_INVALID_CONFIGURATION = 33;
 
 int fail_api(uint32_t code) {
     tw_api_set_error(TW_ERROR_FLAG_API, code, 0, 0, 0, nullptr);
@@ -169,6 +172,21 @@ int tw_get_drive_number(tw_id_type drive_id, int* drive_number) {
 
 int tw_get_port_number(tw_id_type port_id, int* port_number) {
     return read_byte(port_id, TW_ID_KIND_DRIVE, 2, port_number, API_INVALID_PORT_ID);
+}
+
+// The family of a controller identifier as its node tells it, after the controller's
+// compatibility number was read and accepted: 3 or 4. A refused number or a
+// failed read leaves its code (66, 67, 71) in the record.
+int tw_get_architecture_id(tw_id_type controller_id, int* architecture_id) {
+    if (!architecture_id)
+        return fail_api(API_INVALID_CONFIGURATION);
+    if (controller_id.id[0] != TW_ID_KIND_CONTROLLER)
+        return fail_api(API_INVALID_CONTROLLER_ID);
+    int family = osil_instance.controllers_architecture(controller_id);
+    if (family != 3 && family != 4)
+        return -1;
+    *architecture_id = family;
+    return 0;
 }
 
 int tw_memcpy(void* destination, const void* source, size_t length) {

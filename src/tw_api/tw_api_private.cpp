@@ -11,6 +11,13 @@ void set_api(uint32_t code) { tw_api_set_error(twp::kFlagApi, code, 0, 0, 0, nul
 // A day outside Sunday (0) to Saturday (6): "Invalid configuration".
 constexpr uint32_t kApiBadDay = 33;
 
+bool day_ok(int day)
+{
+    if (day >= 0 && day < TW_SCHEDULE_DAYS) return true;
+    set_api(kApiBadDay);
+    return false;
+}
+
 } // namespace
 
 void strip_spaces(char* text)
@@ -210,10 +217,7 @@ int controller_base::set_task_schedule(tw_id_type id, const tw_task_schedule_typ
 int controller_base::get_window(tw_id_type id, int day, bool rebuild, tw_task_window_type* item)
 {
     if (!supported(Item::TaskSchedule)) return -1;
-    if (day < 0 || day >= TW_SCHEDULE_DAYS) {
-        set_api(kApiBadDay);
-        return -1;
-    }
+    if (!day_ok(day)) return -1;
     tw_task_schedule_type schedule {};
     if (get_schedule(id, &schedule) != 0) return -1;
     *item = rebuild ? schedule.day[day].rebuild : schedule.day[day].verify;
@@ -222,10 +226,7 @@ int controller_base::get_window(tw_id_type id, int day, bool rebuild, tw_task_wi
 int controller_base::set_window(tw_id_type id, int day, bool rebuild, tw_task_window_type item)
 {
     if (!supported(Item::TaskSchedule)) return -1;
-    if (day < 0 || day >= TW_SCHEDULE_DAYS) {
-        set_api(kApiBadDay);
-        return -1;
-    }
+    if (!day_ok(day)) return -1;
     tw_task_schedule_type schedule {};
     if (get_schedule(id, &schedule) != 0) return -1;
     (rebuild ? schedule.day[day].rebuild : schedule.day[day].verify) = item;
@@ -250,10 +251,7 @@ int controller_base::set_verify_task_item(tw_id_type id, int day, tw_task_window
 int controller_base::get_selftest_task_item(tw_id_type id, int day, int* start_time)
 {
     if (!supported(Item::TaskSchedule)) return -1;
-    if (day < 0 || day >= TW_SCHEDULE_DAYS) {
-        set_api(kApiBadDay);
-        return -1;
-    }
+    if (!day_ok(day)) return -1;
     tw_task_schedule_type schedule {};
     if (get_schedule(id, &schedule) != 0) return -1;
     *start_time = schedule.day[day].selftest;
@@ -262,10 +260,7 @@ int controller_base::get_selftest_task_item(tw_id_type id, int day, int* start_t
 int controller_base::set_selftest_task_item(tw_id_type id, int day, int start_time)
 {
     if (!supported(Item::TaskSchedule)) return -1;
-    if (day < 0 || day >= TW_SCHEDULE_DAYS) {
-        set_api(kApiBadDay);
-        return -1;
-    }
+    if (!day_ok(day)) return -1;
     tw_task_schedule_type schedule {};
     if (get_schedule(id, &schedule) != 0) return -1;
     schedule.day[day].selftest = uint16_t(start_time);

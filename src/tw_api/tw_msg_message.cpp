@@ -332,6 +332,13 @@ const char* tw_message::lookup_in_array(uint32_t source, uint32_t code) {
     return row->text;
 }
 
+// A message file is a list of blocks: a header line "#0x%02X:%d" (source,
+// number of lines), then that many lines. Blocks of other sources are
+// skipped by their count; lines before the first header, or between blocks,
+// that are no header are passed over. In the block of the source a line
+// 0x%04X:"text" gives the text from its ninth byte to its last double
+// quote; a line of another shape, with fewer than two quotes or with an
+// empty text is passed over, and the search goes on.
 int tw_message::lookup_in_file(char* buffer, size_t buffer_size, uint32_t source,
                                uint32_t code, const char* directory, int language) {
     if (!buffer || buffer_size == 0)

@@ -51,7 +51,9 @@ struct tw_message_row {
     const char* text;
 };
 
-// Texts longer than this in a message file are cut.
+// Lines of a message file are read into this many bytes; the rest of a
+// longer line is dropped, so its text is cut (or, if its closing quote is
+// lost, the line is passed over).
 constexpr size_t TW_MSG_LINE_SIZE = 512;
 
 class tw_message {
@@ -65,7 +67,10 @@ public:
     tw_message& operator=(const tw_message&) = delete;
 
     // The text of a code, formatted with its source and code, or "" when
-    // there is none. The text stays good for 10 further lookups.
+    // there is none. Each text found takes the next of the ring's 10 slots,
+    // freeing the text that stood there: a text stays good while nine more
+    // texts are found, and the tenth lookup after it frees it. A miss takes
+    // no slot.
     const char* lookup(uint32_t source, uint32_t code, const char* directory, int language);
     // The built-in text of a code, unformatted; "" when the table has none.
     const char* lookup_in_array(uint32_t source, uint32_t code);

@@ -266,3 +266,64 @@ TEST(TwController, TheNineThousandsSettingsAndScheduleRoundTrip)
     EXPECT_EQ(c9000.aquire_write_lock(c), 0);
     EXPECT_EQ(c9000.release_write_lock(c), 0);
 }
+
+TEST(TwController, TheBatteryOfTheNineThousand)
+{
+    TwModule t(9);
+    const tw_id_type c = controllerId(0);
+    t.set(0, "install-date", "15-Mar-2006");
+    t.set(0, "charge-voltage", "3");
+    t.set(0, "battery-capacity", "300");
+    t.set(0, "test-seconds", "120");
+    char date[TW_DATE_SIZE];
+    ASSERT_EQ(tw_get_bbu_battery_installation_date(c, date), 0);
+    EXPECT_STREQ(date, "15-Mar-2006");
+    int value = -1;
+    ASSERT_EQ(tw_get_bbu_battery_charge_voltage(c, &value), 0);
+    EXPECT_EQ(value, 3);
+    ASSERT_EQ(tw_get_bbu_battery_capacity(c, &value), 0);
+    EXPECT_EQ(value, 300) << "a 16-bit number";
+
+    EXPECT_EQ(tw_bbu_disable(c), 0);
+    EXPECT_EQ(sim::tw::twView(t.p.module()).controllers()[0].get("bbu-enabled"), "0");
+    EXPECT_EQ(tw_bbu_enable(c), 0);
+    ASSERT_EQ(tw_bbu_test_battery(c), 0);
+    ASSERT_EQ(tw_bbu_battery_test_in_progress(c, &value), 0);
+    EXPECT_EQ(value, 1);
+    plat::sleep(121);
+    ASSERT_EQ(tw_bbu_battery_test_in_progress(c, &value), 0);
+    EXPECT_EQ(value, 0);
+    ASSERT_EQ(tw_get_bbu_last_battery_test_date(c, date), 0);
+    EXPECT_EQ(std::string(date), sim::tw::dateText(plat::time(nullptr)));
+}
+
+TEST(TwController, TheLockIsAskedTenTimesAndTheLogsComeWhole)
+{
+    TwModule t(9);
+    const tw_id_type c = controllerId(0);
+    sim::tw::twView(t.p.module()).update(0, [](sim::tw::Controller& ctl) {
+        ctl.lockHolder = "another";
+        ctl.lockExpires = ~uint64_t(0) >> 1;
+        return true;
+    });
+    t.p.resetCalls();
+    tw_api_clear_error();
+    EXPECT_EQ(c9000.aquire_read_lock(c), -1);
+    EXPECT_EQ(t.ioctls("/dev/twa0"), 10u);
+    EXPECT_EQ(tw_api_error.valid_error_flags & 0x20004u, 0x20004u);
+
+    t.set(0, "diagnostic-log", "first line\nsecond line");
+    unsigned char log[8];
+    int length = sizeof log;
+    ASSERT_EQ(tw_get_diagnostic_log(c, log, &length), 0);
+    EXPECT_EQ(length, 8);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(log), 8), "first li");
+
+    TwModule t7(2);
+    t7.set(1, "diagnostic-log", "seven");
+    unsigned char big[2048];
+    length = sizeof big;
+    ASSERT_EQ(tw_get_diagnostic_log(controllerId(0), big, &length), 0);
+    EXPECT_EQ(length, 1024) << "the whole log record";
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(big)), "seven");
+}

@@ -2,8 +2,15 @@
 #include <array>
 #include <cstring>
 
+#include <string>
+#include <tuple>
+
 #include <gtest/gtest.h>
 
+#include "platform/platform.h"
+#include "sim/sim_platform.h"
+#include "sim/tw_api_state.h"
+#include "tests/sim/sim_fixture.h"
 #include "tw_api/tw_api.h"
 
 namespace {
@@ -119,6 +126,46 @@ TEST(TwApiFrame, VersionCopyrightAndMemoryHelpers) {
     EXPECT_EQ(tw_memcpy(nullptr, a, 1), -1);
     EXPECT_EQ(tw_memset(nullptr, 0, 1), -1);
     EXPECT_EQ(tw_memcpy(nullptr, nullptr, 0), 0);
+}
+
+} // namespace
+
+namespace {
+
+std::string makeModule(simtest::TempModule& m, int platform) {
+    sim::CreateOptions o;
+    o.platform = platform;
+    o.sectors = simtest::kSectors;
+    return sim::createModule(m.dir(), o);
+}
+
+TEST(TwArchitecture, EachFamilyByItsNodeAfterTheCompatibilityRead) {
+    for (auto [platform, family, controllers] : {std::tuple{9, 4, 1}, std::tuple{2, 3, 2}}) {
+        simtest::TempModule m(platform, false);
+        ASSERT_EQ(makeModule(m, platform), "");
+        sim::SimPlatform p(m.dir());
+        plat::ScopedPlatform scope(p);
+        sim::resetTwApi();
+
+        tw_id_list_type list;
+        ASSERT_EQ(tw_get_controller_id_list(&list), 0);
+        ASSERT_EQ(list.length, controllers);
+        for (int i = 0; i < list.length; ++i) {
+            int architecture = 0;
+            EXPECT_EQ(tw_get_architecture_id(list.list[i], &architecture), 0);
+            EXPECT_EQ(architecture, family) << platform;
+        }
+        tw_id_type unit;
+        ASSERT_EQ(tw_create_unit_id(0, 0, nullptr, 0, &unit), 0);
+        tw_api_clear_error();
+        int architecture = 0;
+        EXPECT_EQ(tw_get_architecture_id(unit, &architecture), -1);
+        EXPECT_EQ(lastApiCode(), 8u);
+        tw_id_type missing;
+        ASSERT_EQ(tw_create_controller_id(16, &missing), 0);
+        EXPECT_EQ(tw_get_architecture_id(missing, &architecture), -1);
+        EXPECT_EQ(architecture, 0);
+    }
 }
 
 } // namespace
