@@ -137,6 +137,7 @@ const std::map<std::string, Caller>& callers()
         {"tw_get_avmode", intGetter(tw_get_avmode, "avmode")},
         {"tw_get_cache_policy", intGetter(tw_get_cache_policy, "cache_policy")},
         {"tw_get_jbod_policy", intGetter(tw_get_jbod_policy, "jbod_policy")},
+        {"tw_get_architecture_id", intGetter(tw_get_architecture_id, "architecture_id")},
         {"tw_get_background_rebuild_rate", intGetter(tw_get_background_rebuild_rate, "rate")},
         {"tw_set_background_rebuild_rate", intSetter(tw_set_background_rebuild_rate)},
         {"tw_get_background_verify_rate", intGetter(tw_get_background_verify_rate, "rate")},
