@@ -516,6 +516,8 @@ TEST(TwTavsim, ThreeWareSetArmsFaultsThatTheApiMeetsAndTheLogShows)
                               "fault=firmware:times=1,table=1026,param=8,status=3,code=299,text=no%20luck"});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(simtest::tavsim({"3ware", d, "set", "nonsense=1"}).status, 2);
+    EXPECT_EQ(simtest::tavsim({"3ware", d, "set", "stagger=soon"}).status, 2);
+    EXPECT_EQ(simtest::tavsim({"3ware", d, "set", "charge-voltage=5"}).status, 2);
     EXPECT_EQ(simtest::tavsim({"3ware", d, "set", "c4.stagger=1"}).status, 1) << "no controller 4";
 
     r = simtest::tavsim({"tw", d, "tw_get_stagger_time", "0"});
