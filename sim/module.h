@@ -203,8 +203,10 @@
 //   and no unit degrades or rebuilds on its own.
 // - Units of several drives keep their data in an image of their own: the
 //   members' images are not striped and a member's data does not follow it.
-//   The kernel's unit nodes of a 9000 module are not answered yet: its disks
-//   stand in /proc/scsi/scsi only; platform 2's single units are its bays.
+//   The kernel's disks of the units answer as block devices with partition
+//   windows (their tables under sim/tables/bayN, N 1000 + 16 * host +
+//   target); platform 2's single units are its bays. A unit's disk answers
+//   no SCSI request of its own (SG_IO): the system asks the controller.
 // - The event queue is kept and shown, and no request reads it yet.
 // - A battery test ends when the firmware is next asked after its end, with
 //   the date of its end; an expired lock goes the same way.

@@ -228,8 +228,9 @@ const std::vector<Command> kCommands = {
      "controllers found, as at a program's start), and prints FUNCTION = RESULT,\n"
      "the outputs (NAME: VALUE), and the error record: its flags and codes, then\n"
      "the text tw_get_error_information gives. CONTROLLER is the controller's\n"
-     "number; setters take the VALUE to set. Exit status 0 when the function gave\n"
-     "0, 1 when it gave -1. The functions: @TWFUNCTIONS@.\n",
+     "number; setters take the VALUE to set (tw_set_boot_unit a unit number, the\n"
+     "task items a day). Exit status 0 when the function gave 0, 1 when it gave\n"
+     "-1. The functions:\n@TWFUNCTIONS@\n",
      runTwCall},
     {"hp", "DIR [set LABEL=VALUE... | remove]", "the HP array controller of slot 0 as its tool shows it; set it",
      kHpHelp, runHp},

@@ -1,6 +1,10 @@
 // tavsim 3ware: the tw controllers whole, and changes to them.
+#include <cctype>
+#include <climits>
+#include <cstdlib>
 #include <iostream>
 
+#include "manifest.h"
 #include "table.h"
 #include "tavsim_cli.h"
 #include "tw_kernel.h"
@@ -95,6 +99,18 @@ int applySet(const Call& call, Module& module, const std::string& word)
             for (const tw::KeyInfo& k : tw::keys()) known = known || key == k.key;
             if (!known && key != "proc-scsi") {
                 why = cell(key) + ": no such key";
+                return false;
+            }
+            // A number stays a number; the charge voltage is a code 0 to 4.
+            const std::string was = c.get(key);
+            int64_t n = 0;
+            const bool numeric = !was.empty() && parseSigned(was, INT64_MIN + 1, INT64_MAX, n);
+            if ((numeric || key == "proc-scsi") && !parseSigned(value, INT64_MIN + 1, INT64_MAX, n)) {
+                why = key + "=" + cell(value) + ": not a decimal number";
+                return false;
+            }
+            if (key == "charge-voltage" && (n < 0 || n > 4)) {
+                why = "charge-voltage=" + value + ": a code 0 to 4";
                 return false;
             }
             c.set(key, value);

@@ -5,6 +5,7 @@
 #include <functional>
 #include <iostream>
 #include <map>
+#include <string>
 
 #include "sim_platform.h"
 #include "table.h"
@@ -136,6 +137,7 @@ const std::map<std::string, Caller>& callers()
         {"tw_get_avmode", intGetter(tw_get_avmode, "avmode")},
         {"tw_get_cache_policy", intGetter(tw_get_cache_policy, "cache_policy")},
         {"tw_get_jbod_policy", intGetter(tw_get_jbod_policy, "jbod_policy")},
+        {"tw_get_architecture_id", intGetter(tw_get_architecture_id, "architecture_id")},
         {"tw_get_background_rebuild_rate", intGetter(tw_get_background_rebuild_rate, "rate")},
         {"tw_set_background_rebuild_rate", intSetter(tw_set_background_rebuild_rate)},
         {"tw_get_background_verify_rate", intGetter(tw_get_background_verify_rate, "rate")},
@@ -183,6 +185,58 @@ const std::map<std::string, Caller>& callers()
         {"tw_get_bbu_boot_code_version", textGetter<TW_VERSION_SIZE>(tw_get_bbu_boot_code_version, "boot_code_version")},
         {"tw_get_bbu_pcb_revision", textGetter<TW_VERSION_SIZE>(tw_get_bbu_pcb_revision, "pcb_revision")},
         {"tw_get_bbu_factory_data", textGetter<TW_FACTORY_DATA_SIZE>(tw_get_bbu_factory_data, "factory_data")},
+        {"tw_get_boot_unit",
+         [](const Args& a, std::string& out, std::string& why) {
+             tw_id_type id = controllerId(a, why);
+             if (!why.empty()) return 0;
+             tw_id_type unit;
+             std::memset(&unit, 0xff, sizeof unit);
+             int rc = tw_get_boot_unit(id, &unit);
+             int n = -1;
+             tw_get_unit_number(unit, &n);
+             out = "boot_unit: " + std::to_string(n);
+             return rc;
+         }},
+        {"tw_set_boot_unit",
+         [](const Args& a, std::string&, std::string& why) {
+             int c = 0, u = 0;
+             tw_id_type unit;
+             if (a.size() != 2 || !number(a[0], c) || !number(a[1], u) ||
+                 tw_create_unit_id(c, u, nullptr, 0, &unit) != 0) {
+                 why = "expected CONTROLLER UNIT";
+                 return 0;
+             }
+             return tw_set_boot_unit(unit);
+         }},
+        {"tw_get_task_schedule",
+         [](const Args& a, std::string& out, std::string& why) {
+             tw_id_type id = controllerId(a, why);
+             if (!why.empty()) return 0;
+             tw_task_schedule_type schedule;
+             std::memset(&schedule, 0, sizeof schedule);
+             int rc = tw_get_task_schedule(id, &schedule);
+             static const char digits[] = "0123456789abcdef";
+             out = "schedule: ";
+             const auto* bytes = reinterpret_cast<const unsigned char*>(&schedule);
+             for (size_t i = 0; i < sizeof schedule; ++i) {
+                 out += digits[bytes[i] >> 4];
+                 out += digits[bytes[i] & 15];
+             }
+             return rc;
+         }},
+        {"tw_get_rebuild_task_item",
+         [](const Args& a, std::string& out, std::string& why) {
+             tw_id_type id = controllerId(a, why);
+             int day = 0;
+             if (!why.empty() || a.size() != 2 || !number(a[1], day)) {
+                 why = "expected CONTROLLER DAY";
+                 return 0;
+             }
+             tw_task_window_type item{};
+             int rc = tw_get_rebuild_task_item(id, day, &item);
+             out = "start_time: " + std::to_string(item.start_time) + "\nduration: " + std::to_string(item.duration);
+             return rc;
+         }},
         {"tw_get_api_version",
          [](const Args&, std::string& out, std::string&) {
              out = std::string("version: ") + tw_get_api_version();
@@ -196,9 +250,16 @@ const std::map<std::string, Caller>& callers()
 
 std::string twFunctionNames()
 {
-    std::string out;
-    for (const auto& [name, caller] : callers()) out += (out.empty() ? "" : " ") + name;
-    return out;
+    // Wrapped for the help text, which it ends.
+    std::string out, line;
+    for (const auto& [name, caller] : callers()) {
+        if (!line.empty() && line.size() + 1 + name.size() > 76) {
+            out += line + "\n";
+            line.clear();
+        }
+        line += (line.empty() ? "" : " ") + name;
+    }
+    return out + line;
 }
 
 int runTwCall(const Call& call)

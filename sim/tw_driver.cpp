@@ -137,6 +137,7 @@ int TwDriver::fstat(DeviceContext& ctx, OpenNode& n, struct ::stat* st)
 
 int TwDriver::ioctl(DeviceContext& ctx, OpenNode& n, unsigned long request, void* arg)
 {
+    TwView::Pin pin(twView(ctx.module));
     if (!driverLoaded(ctx.module, family_)) return fail(ENXIO);
     const int index = controllerOf(ctx.module, family_, n.node.minor);
     if (index < 0) return fail(ENODEV);

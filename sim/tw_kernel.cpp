@@ -1,15 +1,19 @@
 #include "tw_kernel.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <sstream>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "manifest.h"
 #include "md.h"
+#include "partitions.h"
 #include "module.h"
 
 namespace sim::tw {
@@ -65,7 +69,91 @@ std::string formatKernel(const std::vector<KernelDisk>& disks)
     return out;
 }
 
-std::vector<KernelDisk> kernelDisks(Module& module) { return parseKernel(module.readState("3ware/kernel")); }
+std::vector<KernelDisk> kernelDisks(Module& module) { return parseKernel(twView(module).kernelText()); }
+
+int unitBay(int host, int target) { return kUnitBayBase + host * 16 + target; }
+
+namespace {
+
+// The image of unit `u` of controller `c`: a one-drive unit's is its
+// drive's, in the bay of its port; others have one of their own.
+std::string imageOf(Module& module, const Controller& c, const Unit& u)
+{
+    if (u.ports.size() == 1 && u.ports[0] >= 0) {
+        const Manifest& m = module.manifest();
+        for (const Bay& b : m.bays) {
+            unsigned host = 0, bus = 0, target = 0, lun = 0;
+            const bool here = c.family == 7000
+                                  ? std::sscanf(b.device.c_str(), "/dev/scsi/host%u/bus%u/target%u/lun%u/", &host, &bus,
+                                                &target, &lun) == 4 &&
+                                        static_cast<int>(host) == c.host && static_cast<int>(target) == u.ports[0]
+                                  : b.number == u.ports[0] + 1;
+            if (here) return m.driveInBay(b.number) ? b.device.substr(1) : "";
+        }
+        return "";
+    }
+    return "sim/3ware/unit" + std::to_string(c.host) + "_" + std::to_string(u.number) + ".img";
+}
+
+} // namespace
+
+std::string unitImage(Module& module, int bay)
+{
+    if (bay < kUnitBayBase) return "";
+    const int host = (bay - kUnitBayBase) / 16, target = (bay - kUnitBayBase) % 16;
+    const Controller* c = twView(module).byHost(host);
+    const Unit* u = c ? c->unit(target) : nullptr;
+    return u ? imageOf(module, *c, *u) : "";
+}
+
+std::optional<DeviceNode> unitNode(Module& module, const std::string& vpath, bool& present)
+{
+    present = false;
+    unsigned host = 0, target = 0;
+    int used = 0;
+    if (std::sscanf(vpath.c_str(), "/dev/scsi/host%u/bus0/target%u/lun0/%n", &host, &target, &used) != 2 || used <= 0 ||
+        host > 255 || target > 15)
+        return std::nullopt;
+    if (twView(module).controllers().empty()) return std::nullopt;
+    const std::string leaf = vpath.substr(static_cast<size_t>(used));
+    DeviceNode node;
+    node.bay = unitBay(static_cast<int>(host), static_cast<int>(target));
+    if (leaf == "disc") {
+        node.partition = 0;
+    } else if (leaf.size() > 4 && leaf.size() <= 6 && leaf.compare(0, 4, "part") == 0 && leaf[4] != '0' &&
+               leaf.find_first_not_of("0123456789", 4) == std::string::npos) {
+        node.partition = std::atoi(leaf.c_str() + 4);
+        if (node.partition > 15) return std::nullopt;
+    } else {
+        return std::nullopt;
+    }
+    const Controller* c = twView(module).byHost(static_cast<int>(host));
+    const Unit* u = c ? c->unit(static_cast<int>(target)) : nullptr;
+    int index = -1;
+    for (const KernelDisk& d : kernelDisks(module))
+        if (d.host == static_cast<int>(host) && d.id == static_cast<int>(target) && d.channel == 0 && d.lun == 0)
+            index = d.index;
+    if (!u || index < 0) return node;
+    const unsigned group = static_cast<unsigned>(index) / 16;
+    node.major = group == 0 ? 8 : group < 8 ? 64 + group : 120 + group;
+    node.minor = 16 * (static_cast<unsigned>(index) % 16) + static_cast<unsigned>(node.partition);
+    node.image = imageOf(module, *c, *u);
+    struct stat st;
+    if (node.image.empty() || module.host().stat(node.image, &st) != 0 || !S_ISREG(st.st_mode)) return node;
+    const uint64_t diskBytes = static_cast<uint64_t>(st.st_size);
+    if (node.partition == 0) {
+        node.size = diskBytes;
+        present = true;
+        return node;
+    }
+    for (const Window& w : module.windows(node.bay))
+        if (w.number == node.partition) {
+            node.offset = w.start * 512;
+            node.size = w.size * 512;
+            present = node.offset + node.size <= diskBytes;
+        }
+    return node;
+}
 
 std::string procDevicesText(Module& module)
 {
@@ -171,6 +259,7 @@ int scsiRequest(Module& module, const std::string& line)
         text = formatKernel(disks);
         return true;
     });
+    if (add && !error) module.rereadPartitions(unitBay(h, i));
     if (!warning.empty()) logCall(module, format("%llu.%06llu /proc/scsi/scsi ", (unsigned long long)(module.nowUs() / 1000000),
                                                  (unsigned long long)(module.nowUs() % 1000000)) +
                                               warning);
@@ -301,6 +390,7 @@ std::string createControllers(Module& module, Manifest& m, const std::string& un
         return "cannot write the kernel's files";
     module.stateWritten();
     syncKernelFiles(module);
+    for (const KernelDisk& d : attached) module.rereadPartitions(unitBay(d.host, d.id));
     return "";
 }
 

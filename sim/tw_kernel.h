@@ -19,6 +19,7 @@
 // target at start, a later unit the lowest free index).
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,18 @@ struct KernelDisk {
     int host = 0, channel = 0, id = 0, lun = 0;
     int index = 0;
 };
+
+// The bay numbers that stand for the units' disks (windows, locks): 1000
+// plus 16 times the host plus the target.
+constexpr int kUnitBayBase = 1000;
+int unitBay(int host, int target);
+
+// The node of a unit's disk or partition ("/dev/scsi/hostH/bus0/targetU/
+// lun0/disc" or ".../partN") of a tw module: nullopt when the path names
+// none; `present` when the kernel has the disk and its data is there.
+std::optional<DeviceNode> unitNode(Module& module, const std::string& vpath, bool& present);
+// The image of the unit of a unit bay, relative to the module; "" for none.
+std::string unitImage(Module& module, int bay);
 
 std::vector<KernelDisk> parseKernel(const std::string& text);
 std::string formatKernel(const std::vector<KernelDisk>& disks);

@@ -1,6 +1,8 @@
 #include "tw_state.h"
 
 #include <algorithm>
+#include <cctype>
+#include <climits>
 #include <cstdio>
 #include <ctime>
 #include <sstream>
@@ -389,6 +391,7 @@ void TwView::refresh()
         for (int i = 0; i < kMaxControllers; ++i) all.push_back(Module::stateFile(stateName(i)));
         return all;
     }();
+    if (loaded_ && pinned_) return;
     if (loaded_) {
         const size_t watched = std::min(controllers_.size() + 1, names.size());
         bool same = stamps_.size() == watched;
@@ -504,13 +507,13 @@ Controller freshController(int index, int family, int host, int ports)
     std::snprintf(serial, sizeof serial, "SIMC%04d%06d", family / 1000, 100 + index * 7 + host);
     c.set("model", k9 ? "SIMRAID 9K-" + std::to_string(ports) : "SIMRAID 7K-" + std::to_string(ports));
     c.set("serial", serial);
-    c.set("pcb", k9 ? "Rev 032" : "Rev 4");
-    c.set("achip", k9 ? "2.06" : "1.50");
-    c.set("pchip", k9 ? "1.30" : "1.10");
-    c.set("firmware", k9 ? "FE9X 3.08.02.005" : "FE7X 1.05.00.034");
-    c.set("bios", k9 ? "BE9X 3.08.00.002" : "BE7X 1.08.00.048");
-    c.set("monitor", k9 ? "BL9X 3.01.00.006" : "ME7X 1.01.00.035");
-    c.set("driver-version", k9 ? "2.26.02.008" : "1.26.02.001");
+    c.set("pcb", k9 ? "P9-C" : "P7-B");
+    c.set("achip", k9 ? "A9.2" : "A7.1");
+    c.set("pchip", k9 ? "P9.1" : "P7.3");
+    c.set("firmware", k9 ? "SF9 4.11.03.021" : "SF7 2.04.01.007");
+    c.set("bios", k9 ? "SB9 4.10.00.006" : "SB7 2.02.00.011");
+    c.set("monitor", k9 ? "SM9 4.01.00.002" : "SM7 2.01.00.004");
+    c.set("driver-version", k9 ? "9.4.1.12" : "7.2.0.3");
     c.setNum("compatibility", k9 ? 25 : 6);
     c.setNum("driver-loaded", 1);
     c.setNum("controller-found", 1);
@@ -544,15 +547,18 @@ Controller freshController(int index, int family, int host, int ports)
         c.setNum("test-seconds", 3600);
         c.setNum("charge-in-progress", 0);
         c.set("bbu-serial", "SIMB" + std::string(serial + 4));
-        c.set("bbu-firmware", "BBU 1.04.00.010");
-        c.set("bbu-boot-code", "BBB 1.00.00.002");
-        c.set("bbu-pcb", "Rev 2");
+        c.set("bbu-firmware", "SBU 1.2.7");
+        c.set("bbu-boot-code", "SBB 1.0.3");
+        c.set("bbu-pcb", "U-2");
         c.set("bbu-factory", "cells=4 maker-lot=0612");
     }
     c.set("diagnostic-log", "diagnostics: all tests passed");
     c.setNum("mediascan", 1);
     c.setNum("shutdown", 0);
     c.set("controller-log", "controller started");
+    // The queue starts with the controller's own start; the clock's start is
+    // the module's (1 January 2006).
+    c.events.push_back(Event{1, 1136073600, 1, 3, "Controller started"});
     for (int p = 0; p < ports; ++p) {
         Port port;
         port.number = p;
@@ -562,6 +568,18 @@ Controller freshController(int index, int family, int host, int ports)
 }
 
 TwView::~TwView() { flushLog(); }
+
+const std::string& TwView::kernelText()
+{
+    static const std::string name = Module::stateFile("3ware/kernel");
+    const uint64_t g = module_.generation(name);
+    if (g == Module::kNoGeneration || g != kernelStamp_) {
+        kernel_.clear();
+        module_.host().readFile(name, kernel_);
+        kernelStamp_ = g;
+    }
+    return kernel_;
+}
 
 void TwView::log(const std::string& line)
 {

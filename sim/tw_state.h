@@ -146,6 +146,24 @@ public:
     const Controller* byHost(int host);
     // Read-modify-write of controller `index`; `change` returns false to leave it.
     bool update(int index, const std::function<bool(Controller&)>& change);
+    // Within one driver call the files are looked at once: a Pin keeps the
+    // view as it was read (changes of the call itself are read again).
+    class Pin {
+    public:
+        explicit Pin(TwView& v) : v_(v)
+        {
+            v_.refresh();
+            ++v_.pinned_;
+        }
+        ~Pin() { --v_.pinned_; }
+        Pin(const Pin&) = delete;
+        Pin& operator=(const Pin&) = delete;
+
+    private:
+        TwView& v_;
+    };
+    // The kernel's view, "sim/3ware/kernel", as it stands.
+    const std::string& kernelText();
     // Ends what the virtual clock has finished (a battery test, an expired lock).
     void settle();
 
@@ -156,6 +174,9 @@ private:
     std::vector<uint64_t> stamps_;
     bool loaded_ = false;
     std::string pending_;
+    int pinned_ = 0;
+    std::string kernel_;
+    uint64_t kernelStamp_ = ~uint64_t{0};
 };
 
 // The view kept for a module (one per Module object).

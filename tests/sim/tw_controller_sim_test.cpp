@@ -7,12 +7,14 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <linux/fs.h>
 
 #include "sim_fixture.h"
 #include "sim/tw_driver.h"
 #include "sim/tw_firmware.h"
 #include "sim/tw_kernel.h"
 #include "sim/tw_state.h"
+#include "sim/node_table.h"
 
 using simtest::TempModule;
 
@@ -123,7 +125,7 @@ TEST(TwKernel, ProcDevicesAndTheDriversEntriesFollowTheFamilies)
         EXPECT_NE(devices.find("\nBlock devices:\n"), std::string::npos);
         EXPECT_NE(devices.find("\n  8 sd\n"), std::string::npos);
         EXPECT_NE(devices.find("\n  9 md\n"), std::string::npos);
-        EXPECT_NE(readAll("/proc/scsi/3w-9xxx/0").find("Driver version: 2.26.02.008\n"), std::string::npos);
+        EXPECT_NE(readAll("/proc/scsi/3w-9xxx/0").find("Driver version: 9.4.1.12\n"), std::string::npos);
         EXPECT_NE(readAll("/sys/class/scsi_host/host0/stats").find("Driver version: "), std::string::npos);
         EXPECT_EQ(readAll("/proc/scsi/scsi"), "Attached devices:\n"
                                               "Host: scsi0 Channel: 00 Id: 00 Lun: 00\n"
@@ -134,7 +136,7 @@ TEST(TwKernel, ProcDevicesAndTheDriversEntriesFollowTheFamilies)
         sim::SimPlatform p(m2.dir());
         plat::ScopedPlatform scope(p);
         EXPECT_NE(readAll("/proc/devices").find("\n254 twe\n"), std::string::npos);
-        EXPECT_NE(readAll("/proc/scsi/3w-xxxx/0").find("Driver version: 1.26.02.001"), std::string::npos);
+        EXPECT_NE(readAll("/proc/scsi/3w-xxxx/0").find("Driver version: 7.2.0.3"), std::string::npos);
         EXPECT_NE(readAll("/proc/scsi/3w-xxxx/1").find("scsi1:"), std::string::npos);
         // Eight single units, host then target.
         const std::string scsi = readAll("/proc/scsi/scsi");
@@ -434,6 +436,11 @@ TEST(TwDriver9000, TheLockExpiresOnTheVirtualClockAndFaultsTakeTheirTurn)
     b = call9000(264, 0x12, 0x8000 | 1026, 8, 64);
     ASSERT_EQ(plat::ioctl(t.fd, 264, b.data()), 0);
     EXPECT_EQ(b[1542] | (b[1543] << 8), 80) << "claims more than it was asked";
+    t.set("fault answer times=1 answer=garbage");
+    b = call9000(264, 0x12, 0x8000 | 1026, 8, 64);
+    ASSERT_EQ(plat::ioctl(t.fd, 264, b.data()), 0);
+    EXPECT_EQ(b[512 + 132], 0) << "garbage under a good status";
+    EXPECT_NE(text(b, 1544, 64).rfind("SIMRAID", 0), 0u);
     t.set("fault answer times=1 answer=unterminated");
     b = call9000(264, 0x12, 0x8000 | 1026, 8, 64);
     ASSERT_EQ(plat::ioctl(t.fd, 264, b.data()), 0);
@@ -509,6 +516,8 @@ TEST(TwTavsim, ThreeWareSetArmsFaultsThatTheApiMeetsAndTheLogShows)
                               "fault=firmware:times=1,table=1026,param=8,status=3,code=299,text=no%20luck"});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(simtest::tavsim({"3ware", d, "set", "nonsense=1"}).status, 2);
+    EXPECT_EQ(simtest::tavsim({"3ware", d, "set", "stagger=soon"}).status, 2);
+    EXPECT_EQ(simtest::tavsim({"3ware", d, "set", "charge-voltage=5"}).status, 2);
     EXPECT_EQ(simtest::tavsim({"3ware", d, "set", "c4.stagger=1"}).status, 1) << "no controller 4";
 
     r = simtest::tavsim({"tw", d, "tw_get_stagger_time", "0"});
@@ -540,4 +549,231 @@ TEST(TwTavsim, ThreeWareSetArmsFaultsThatTheApiMeetsAndTheLogShows)
     const std::string whole = simtest::tavsim({"3ware", d}).out;
     EXPECT_NE(whole.find("stagger              12\n"), std::string::npos) << whole;
     EXPECT_NE(whole.find("\nkernel:\nAttached devices:\nHost: scsi0 Channel: 00 Id: 00 Lun: 00\n"), std::string::npos);
+    const std::string shown = simtest::tavsim({"show", d}).out;
+    EXPECT_NE(shown.find("\nBAY  CONTROLLER  PORT  DRIVE         UNIT\n1    0           0     SIM"), std::string::npos) << shown;
+    EXPECT_NE(simtest::tavsim({"show", d, "--json"}).out.find("\"tree\": \"OK(OK@0,OK@1,OK@2,OK@3)\""), std::string::npos);
+}
+
+TEST(TwKernel, UnitsAreTheKernelsDisksWithPartitionWindows)
+{
+    TempModule m(9, false), single(9, false);
+    ASSERT_EQ(makeTw(m, 9, "raid5", 1), "");
+    ASSERT_EQ(makeTw(single, 9, "single"), "");
+    {
+        sim::SimPlatform p(m.dir());
+        plat::ScopedPlatform scope(p);
+        const char* disc = "/dev/scsi/host0/bus0/target0/lun0/disc";
+        struct stat st;
+        ASSERT_EQ(plat::stat(disc, &st), 0);
+        EXPECT_TRUE(S_ISBLK(st.st_mode));
+        EXPECT_EQ(st.st_rdev, makedev(8, 0));
+        EXPECT_EQ(plat::stat("/dev/scsi/host0/bus0/target1/lun0/disc", &st), -1) << "the spare unit is not exported";
+        EXPECT_EQ(errno, ENOENT);
+        int fd = plat::open(disc, O_RDWR, 0);
+        ASSERT_GE(fd, 0);
+        uint64_t bytes = 0;
+        ASSERT_EQ(plat::ioctl(fd, BLKGETSIZE64, &bytes), 0);
+        EXPECT_EQ(bytes, 2 * simtest::kSectors * 512) << "three drives of raid 5";
+        auto table = simtest::emptyTable();
+        simtest::putEntry(table, 0, 0x83, 2048, 4096);
+        ASSERT_EQ(plat::pwrite(fd, table.data(), table.size(), 0), 512);
+        ASSERT_EQ(plat::ioctl(fd, BLKRRPART, nullptr), 0);
+        plat::close(fd);
+        ASSERT_EQ(plat::stat("/dev/scsi/host0/bus0/target0/lun0/part1", &st), 0);
+        EXPECT_EQ(st.st_rdev, makedev(8, 1));
+        EXPECT_EQ(plat::stat("/dev/scsi/host0/bus0/target0/lun0/part2", &st), -1);
+        EXPECT_TRUE(std::filesystem::file_size(m.host("sim/3ware/unit0_0.img")) == 2 * simtest::kSectors * 512);
+
+        EXPECT_EQ(writeLine("/proc/scsi/scsi", "scsi remove-single-device 0 0 0 0"), 0);
+        EXPECT_EQ(plat::open(disc, O_RDONLY, 0), -1) << "the kernel let it go";
+        EXPECT_EQ(errno, ENOENT);
+        EXPECT_EQ(writeLine("/proc/scsi/scsi", "scsi add-single-device 0 0 0 0"), 0);
+        ASSERT_EQ(plat::stat("/dev/scsi/host0/bus0/target0/lun0/part1", &st), 0) << "the table read again at attachment";
+    }
+    {
+        // A one-drive unit's data is its drive's.
+        sim::SimPlatform p(single.dir());
+        plat::ScopedPlatform scope(p);
+        int fd = plat::open("/dev/scsi/host0/bus0/target2/lun0/disc", O_RDWR, 0);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(plat::pwrite(fd, "unit2", 5, 4096), 5);
+        plat::close(fd);
+        std::ifstream port(single.host("sim/3ware/ports/c0p2"), std::ios::binary);
+        port.seekg(4096);
+        char got[6] = {};
+        port.read(got, 5);
+        EXPECT_STREQ(got, "unit2");
+        struct stat st;
+        ASSERT_EQ(plat::stat("/dev/scsi/host0/bus0/target3/lun0/disc", &st), 0);
+        EXPECT_EQ(st.st_rdev, makedev(8, 48)) << "the fourth disk attached";
+    }
+}
+
+TEST(TwKernel, ADriverWithoutItsControllerAndOneNotLoaded)
+{
+    Tw9 t;
+    ASSERT_GE(t.fd, 0);
+    t.set("controller-found 0");
+    sim::tw::syncKernelFiles(t.p->module());
+    auto b = call9000(264, 0x12, 0x8000 | 1026, 8, 64);
+    EXPECT_EQ(plat::ioctl(t.fd, 264, b.data()), -1);
+    EXPECT_EQ(errno, ENODEV);
+    EXPECT_EQ(plat::open("/dev/twa0", O_RDWR, 0), -1);
+    EXPECT_EQ(errno, ENODEV);
+    EXPECT_NE(readAll("/proc/devices").find("253 twa\n"), std::string::npos) << "the driver is there";
+    struct stat st;
+    EXPECT_EQ(plat::stat("/proc/scsi/3w-9xxx", &st), -1) << "with no host";
+    EXPECT_EQ(plat::stat("/sys/class/scsi_host/host0/stats", &st), -1);
+    EXPECT_EQ(writeLine("/proc/scsi/scsi", "scsi add-single-device 0 0 1 0"), ENXIO);
+
+    t.set("controller-found 1\ndriver-loaded 0");
+    EXPECT_EQ(readAll("/proc/devices").find("twa"), std::string::npos);
+    EXPECT_EQ(plat::open("/dev/twa0", O_RDWR, 0), -1);
+    EXPECT_EQ(errno, ENXIO);
+
+    t.set("driver-loaded 1\ncompatibility 22");
+    int fd = plat::open("/dev/twa0", O_RDWR, 0);
+    ASSERT_GE(fd, 0);
+    b = call9000(264, 0x12, 0x8000 | 1026, 11, 2);
+    ASSERT_EQ(plat::ioctl(fd, 264, b.data()), 0);
+    EXPECT_EQ(b[1544], 22);
+    plat::close(fd);
+}
+
+TEST(TwState, FilesOfAnyTextAreReadWithoutHarm)
+{
+    // Lines that cannot be read are skipped; the rest stands.
+    std::vector<std::string> warnings;
+    const sim::tw::Controller c = sim::tw::parseController(
+        "family 9000\nhost 999\nport x\nport 3 drive=S3 found-sectors=-5\nunit 40 config=5\n"
+        "unit 1 config=6 ports=0,-,2 tree=OK(OK@0,DEGRADED,OK@2)\nunit 2 tree=OK((\nevent 7 100 4 2 disk%20gone\n"
+        "lock holder 12\nfault nonsense times=1\nfault firmware times=0 opcode=18 status=9\nmodel A%20B\n",
+        0, &warnings);
+    EXPECT_EQ(c.family, 9000);
+    EXPECT_EQ(c.host, 0) << "a host above 255 is refused";
+    ASSERT_EQ(c.ports.size(), 1u);
+    EXPECT_EQ(c.ports[0].foundSectors, 0u);
+    ASSERT_EQ(c.units.size(), 2u);
+    EXPECT_EQ(c.units[0].ports, (std::vector<int>{0, -1, 2}));
+    EXPECT_EQ(sim::tw::treePorts(c.units[0].tree), (std::vector<int>{0, -1, 2}));
+    EXPECT_EQ(sim::tw::formatTree(c.units[0].tree), "OK(OK@0,DEGRADED,OK@2)");
+    ASSERT_EQ(c.events.size(), 1u);
+    EXPECT_EQ(c.events[0].text, "disk gone");
+    ASSERT_EQ(c.faults.size(), 1u);
+    EXPECT_EQ(c.faults[0].times, 0) << "every command";
+    EXPECT_EQ(c.get("model"), "A B");
+    EXPECT_EQ(warnings.size(), 5u);
+    // What is written is read back the same.
+    const std::string text = sim::tw::formatController(c);
+    EXPECT_EQ(sim::tw::formatController(sim::tw::parseController(text, 0)), text);
+
+    sim::tw::TreeNode deep;
+    EXPECT_FALSE(sim::tw::parseTree(std::string(40, '(') , deep));
+    EXPECT_FALSE(sim::tw::parseTree("OK(" + std::string(20, 'A') + "(" , deep));
+    EXPECT_FALSE(sim::tw::parseTree("OK@999", deep));
+
+    const auto nodes = sim::parseNodeTable("/dev/twa0 c 253 0 0600\nrelative c 1 1 0600\n/dev/x q 1 1 0600\n"
+                                           "/dev/y c 99999 0 0600\n/dev/z b 8 0 9999\n/dev/w b 8 16 0640 extra\n");
+    ASSERT_EQ(nodes.size(), 2u);
+    EXPECT_EQ(nodes[1].path, "/dev/w");
+    EXPECT_FALSE(nodes[1].character);
+    EXPECT_EQ(nodes[1].perm, 0640u);
+
+    const auto disks = sim::tw::parseKernel("disk 0 0 1 0 3\ndisk 0 0 1 0\ndisk -1 0 0 0 0\ndisk 0 0 2 0 4 x\n");
+    ASSERT_EQ(disks.size(), 1u);
+    EXPECT_EQ(disks[0].index, 3);
+}
+
+TEST(TwDriver7000, APortScanReadsTheNewDriveAndFaultsBreakTheAnswers)
+{
+    TempModule m(2, false);
+    ASSERT_EQ(makeTw(m, 2), "");
+    // Bay 8 is port 0 of the controller on host 0.
+    const std::string before = m.get("/sim/3ware/c0");
+    ASSERT_EQ(simtest::tavsim({"pull", m.dir(), "8"}).status, 0);
+    ASSERT_EQ(simtest::tavsim({"insert", m.dir(), "8"}).status, 0);
+    EXPECT_EQ(m.get("/sim/3ware/c0"), before) << "the controller has not looked yet";
+    sim::SimPlatform p(m.dir());
+    plat::ScopedPlatform scope(p);
+    ASSERT_EQ(plat::mknod("/dev/twe0", 8576, makedev(sim::tw::kMajor7000, 0)), 0);
+    int fd = plat::open("/dev/twe0", O_RDWR, 0);
+    ASSERT_GE(fd, 0);
+    std::vector<uint8_t> scan(1024, 0);
+    scan[512] = 0x40 | 0x06;
+    scan[513] = 3;
+    scan[520] = 1;
+    ASSERT_EQ(plat::ioctl(fd, 0x1F, scan.data()), 0);
+    EXPECT_EQ(scan[516], 0);
+    const std::string after = m.get("/sim/3ware/c0");
+    const std::string fresh = p.module().manifest().driveInBay(8)->serial;
+    EXPECT_NE(after.find("port 0 drive=" + fresh + " found-model=SIM-ATA%2080G found-serial=" + fresh), std::string::npos)
+        << after;
+
+    auto arm = [&](const std::string& line) {
+        m.put("/sim/3ware/c0", m.get("/sim/3ware/c0") + line + "\n");
+        p.module().stateWritten();
+    };
+    arm("fault answer times=1 answer=oversize");
+    auto b = call7000(0x12, 4, 1026, 8, 16);
+    ASSERT_EQ(plat::ioctl(fd, 0x1F, b.data()), 0);
+    EXPECT_EQ(b[1027], 32) << "a size above the one asked";
+    arm("fault answer times=1 answer=unterminated");
+    b = call7000(0x12, 4, 1026, 8, 16);
+    ASSERT_EQ(plat::ioctl(fd, 0x1F, b.data()), 0);
+    EXPECT_EQ(std::count(b.begin() + 1028, b.begin() + 1044, ' '), 0);
+    arm("fault firmware times=2 opcode=18 status=7");
+    for (int i = 0; i < 2; ++i) {
+        b = call7000(0x12, 4, 1026, 11, 2);
+        ASSERT_EQ(plat::ioctl(fd, 0x1F, b.data()), 0);
+        EXPECT_EQ(b[516], 7);
+        EXPECT_EQ(b[1028], 0) << "no data with the error";
+    }
+    ASSERT_EQ(plat::ioctl(fd, 0x1F, b.data()), 0);
+    EXPECT_EQ(b[516], 0);
+    EXPECT_EQ(b[1028], 6);
+    plat::close(fd);
+}
+
+TEST(TwDriver, BuffersOfAnyBytesGetAnAnswerOrAnError)
+{
+    Tw9 t;
+    TempModule m7(2, false);
+    ASSERT_EQ(makeTw(m7, 2), "");
+    uint32_t x = 12345;
+    auto next = [&] {
+        x ^= x << 13;
+        x ^= x >> 17;
+        x ^= x << 5;
+        return x;
+    };
+    for (int round = 0; round < 400; ++round) {
+        const bool nine = round % 2 == 0;
+        const size_t header = nine ? sim::tw::k9000Header : sim::tw::k7000Header;
+        std::vector<uint8_t> b(header);
+        for (uint8_t& byte : b) byte = static_cast<uint8_t>(next());
+        // Mostly well-formed heads, so that the checks behind them are reached.
+        uint32_t declared = next() % 3 == 0 ? next() : next() % 300;
+        if (nine) {
+            const uint32_t codes[] = {262, 263, 264, 265};
+            const uint32_t code = codes[next() % 4];
+            std::memcpy(&b[0], &code, 4);
+            std::memcpy(&b[20], &declared, 4);
+            if (next() % 2) b[512 + 124] = 128;
+            b.resize(header + std::min<size_t>(declared, sim::tw::k9000MaxData));
+            plat::ioctl(t.fd, code, b.data());
+        } else {
+            std::memcpy(&b[0], &declared, 4);
+            b.resize(header + std::min<size_t>(declared, sim::tw::k7000MaxData));
+            sim::SimPlatform p7(m7.dir());
+            plat::ScopedPlatform scope(p7);
+            if (round == 1) plat::mknod("/dev/twe0", 8576, makedev(sim::tw::kMajor7000, 0));
+            int fd = plat::open("/dev/twe0", O_RDWR, 0);
+            ASSERT_GE(fd, 0);
+            plat::ioctl(fd, 0x1F, b.data());
+            plat::close(fd);
+        }
+    }
+    auto b = call9000(264, 0x12, 0x8000 | 1026, 8, 64);
+    ASSERT_EQ(plat::ioctl(t.fd, 264, b.data()), 0);
+    EXPECT_EQ(b[512 + 132], 0) << "the controller still answers";
 }
