@@ -14,9 +14,10 @@ endfunction()
 # A GoogleTest executable whose tests run one per process under CTest.
 function(tav_test name)
   cmake_parse_arguments(TT "" "" "SOURCES;DEPS;PROPERTIES" ${ARGN})
-  add_executable(${name} ${TT_SOURCES})
-  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
-  target_link_libraries(${name} PRIVATE ${TT_DEPS} GTest::gtest GTest::gtest_main)
+  add_executable(${name} ${TT_SOURCES} ${PROJECT_SOURCE_DIR}/tests/load_guard_release.cpp)
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests ${PROJECT_SOURCE_DIR})
+  # The load guard: nothing built at load time reaches the host.
+  target_link_libraries(${name} PRIVATE ${TT_DEPS} tav_load_guard GTest::gtest GTest::gtest_main)
   if(TT_PROPERTIES)
     gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES ${TT_PROPERTIES})
   else()

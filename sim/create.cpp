@@ -15,6 +15,7 @@
 #include "dsp.h"
 #include "md_kernel.h"
 #include "nvram.h"
+#include "tw_kernel.h"
 
 namespace sim {
 namespace {
@@ -29,9 +30,30 @@ struct OtherFamily {
     const char* family;
 };
 // Platform identifiers with layouts of their own, whose families come later.
-const OtherFamily kLater[] = {{2, "3ware"}, {5, "LSI"},   {6, "Silicon Image"}, {8, "LSI hardware RAID"},
-                              {9, "3ware"}, {10, "HP"},   {11, "LSI hardware RAID"}, {12, "Pd"},
-                              {15, "3ware"}};
+const OtherFamily kLater[] = {{5, "LSI"}, {6, "Silicon Image"}, {8, "LSI hardware RAID"},
+                              {10, "HP"}, {11, "LSI hardware RAID"}, {12, "Pd"}};
+
+// The eight-bay platform: its bays are the kernel's disks of the two
+// controllers' single units, host 1 first, targets from 3 down.
+const Layout kTw7000{"3ware",
+                     {"/dev/scsi/host1/bus0/target3/lun0/disc", "/dev/scsi/host1/bus0/target2/lun0/disc",
+                      "/dev/scsi/host1/bus0/target1/lun0/disc", "/dev/scsi/host1/bus0/target0/lun0/disc",
+                      "/dev/scsi/host0/bus0/target3/lun0/disc", "/dev/scsi/host0/bus0/target2/lun0/disc",
+                      "/dev/scsi/host0/bus0/target1/lun0/disc", "/dev/scsi/host0/bus0/target0/lun0/disc"}};
+
+// The 9000 platforms: a bay is a port, whose drive the system never sees
+// but through the controller; its image lies where no system path leads.
+Layout twPorts(int ports)
+{
+    Layout l{"3ware", {}};
+    static std::vector<std::string> names;
+    if (names.empty())
+        for (int p = 0; p < 12; ++p) names.push_back("/sim/3ware/ports/c0p" + std::to_string(p));
+    for (int p = 0; p < ports; ++p) l.devices.push_back(names[static_cast<size_t>(p)].c_str());
+    return l;
+}
+const Layout kTw9000Four = twPorts(4);
+const Layout kTw9000Twelve = twPorts(12);
 
 std::vector<ModuleGenerator>& generators()
 {
@@ -108,6 +130,9 @@ const Layout* layoutFor(int platform, std::string& why)
             why = "platform " + std::to_string(platform) + " (" + o.family + " family) is not simulated yet";
             return nullptr;
         }
+    if (platform == 2) return &kTw7000;
+    if (platform == 9) return &kTw9000Four;
+    if (platform == 15) return &kTw9000Twelve;
     return platform == 3 ? &kLoam : &kHd;
 }
 
@@ -115,7 +140,7 @@ bool hasLayoutRow(int platform)
 {
     for (const OtherFamily& o : kLater)
         if (o.id == platform) return true;
-    return platform == 1 || platform == 3 || platform == 4;
+    return platform == 1 || platform == 2 || platform == 3 || platform == 4 || platform == 9 || platform == 15;
 }
 
 bool deviceNumbers(const std::string& device, int scsiIndex, Bay& bay)
@@ -200,10 +225,12 @@ std::string createModule(const std::string& dir, const CreateOptions& options)
             Bay bay;
             bay.number = static_cast<int>(i) + 1;
             bay.device = layout->devices[i];
-            if (!deviceNumbers(bay.device, scsiIndex[i], bay)) return "no device numbers for " + bay.device;
+            const bool port = bay.device.compare(0, 5, "/dev/") != 0;  // a port of a controller
+            if (!port && !deviceNumbers(bay.device, scsiIndex[i], bay)) return "no device numbers for " + bay.device;
             m.bays.push_back(bay);
             Drive d;
-            d.kind = std::string(layout->family) == "ide" ? "ata" : "scsi";
+            const std::string family = layout->family;
+            d.kind = family == "ide" || family == "3ware" ? "ata" : "scsi";
             d.bay = bay.number;
             d.sectors = options.sectors;
             d.model = options.model;
@@ -241,6 +268,10 @@ std::string createModule(const std::string& dir, const CreateOptions& options)
             module.discover(bay.number);
         }
         if (std::string err = writeIdentity(module, m, options.features, options.model); !err.empty()) return err;
+        if (std::string(layout->family) == "3ware")
+            if (std::string err = tw::createControllers(module, m, options.units, options.spares, options.procScsi);
+                !err.empty())
+                return err;
         for (const ModuleGenerator& g : generators()) {
             std::string err = g(module, m);
             if (!err.empty()) return err;

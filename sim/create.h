@@ -32,6 +32,12 @@ struct CreateOptions {
     // identifier 1 to 15, including the families whose drives are not
     // simulated yet.
     bool identityOnly = false;
+    // The tw platforms (2, 9, 15): the units made at creation (none, single,
+    // raid5, raid10, raid1; "" the platform's default), the ports of raid5
+    // kept as a spare unit, and whether the driver has its /proc/scsi entry.
+    std::string units;
+    int spares = 0;
+    bool procScsi = true;
 };
 
 struct Layout {

@@ -14,6 +14,8 @@
 #include "nvram_device.h"
 #include "scsi_disk.h"
 #include "sysfs.h"
+#include "tw_driver.h"
+#include "tw_kernel.h"
 
 namespace sim {
 
@@ -121,6 +123,9 @@ DeviceRegistry DeviceRegistry::standard()
     addDspModel(r);
     addCharonModel(r);
     addNvramModel(r);
+    tw::addTwModels(r);
+    r.byPrefix("/proc/devices", std::make_shared<tw::ProcDevicesFile>());
+    r.byPrefix("/proc/scsi/scsi", std::make_shared<tw::ProcScsiFile>());
     r.forSockets(std::make_shared<NetModel>());
     return r;
 }

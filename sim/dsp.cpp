@@ -222,12 +222,13 @@ DspPending dspPending(Module& module)
     return p;
 }
 
-std::string freshDspState(const Manifest& manifest, bool identityOnly)
+std::string freshDspState(const Manifest& manifest, bool /*identityOnly*/)
 {
     std::string why;
     int bays = 0;
-    if (identityOnly && manifest.platform == 2) bays = 8;
-    else if (layoutFor(manifest.platform, why)) bays = 4;
+    const Layout* layout = layoutFor(manifest.platform, why);
+    if (manifest.platform == 2) bays = 8;
+    else if (layout && std::string(layout->family) == "ide") bays = 4;
     if (!bays) return "";
     return freshDspUnit(bays, occupancy(manifest, static_cast<size_t>(bays))).format();
 }

@@ -1,4 +1,5 @@
 #include "module.h"
+#include "tw_kernel.h"
 
 #include <atomic>
 #include <cerrno>
@@ -178,6 +179,7 @@ void Module::stateWritten()
 
 Module::~Module()
 {
+    tw_.reset();  // its log lines go out while the logs are open
     for (auto& [name, log] : logs_) {
         struct stat st;
         // Only a descriptor that is still the log's own is closed.
@@ -303,7 +305,8 @@ std::optional<DeviceNode> Module::device(const std::string& vpath, bool& present
             }
         return node;
     }
-    return std::nullopt;
+    // The kernel's disks of the tw controllers' units.
+    return tw::unitNode(*this, vpath, present);
 }
 
 // Images are moved and made only with a write of the manifest (pull, insert,
@@ -339,11 +342,13 @@ std::vector<Window> Module::rereadPartitions(int bay, bool answering)
     Manifest m = manifest();
     const Bay* b = m.bay(bay);
     std::vector<Window> found;
-    if (answering && b && m.driveInBay(bay)) {
-        int fd = root_.open(b->device, O_RDONLY);
+    // A unit of a tw controller stands where no bay is (tw_kernel.h).
+    const std::string unit = b ? "" : tw::unitImage(*this, bay);
+    if (answering && ((b && m.driveInBay(bay)) || !unit.empty())) {
+        int fd = root_.open(b ? b->device : unit, O_RDONLY);
         struct stat st;
         if (fd >= 0 && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
-            found = readPartitionTable(static_cast<uint64_t>(st.st_size) / 512, b->maxPartitions,
+            found = readPartitionTable(static_cast<uint64_t>(st.st_size) / 512, b ? b->maxPartitions : 15,
                                        [fd](uint64_t sector, unsigned char* buf) {
                                            if (sector > (1ULL << 40)) return false;
                                            return ::pread(fd, buf, 512, static_cast<off_t>(sector * 512)) == 512;

@@ -50,6 +50,20 @@
 //   sim/null           what the system wrote to "/dev/null" through freopen or
 //                      daemon (reading it gives end of file at once)
 //   sim/lock           taken (flock) around every read-modify-write of a state file
+//   sim/nodes          the device nodes mknod made: "PATH c|b MAJOR MINOR MODE"
+//                      (node_table.h); no special file is made on the host
+//   sim/3ware/cN       the tw controller N: family, host, identity,
+//                      compatibility, settings, schedule, battery, ports with
+//                      their drive and the identity read at discovery, units
+//                      with their subunit tree, lock, events, armed faults
+//                      (tw_state.h)
+//   sim/3ware/kernel   the SCSI disks the kernel attached: "disk H C I L INDEX" (tw_kernel.h)
+//   sim/3ware/ports/c0pN  the image of the drive on port N of a 9000 module
+//                      (its bays are ports; no system path leads there)
+//   sim/3ware/unitH_U.img the sparse image of a unit of several drives
+//   sim/3ware.log      every call of a tw driver: "TIME NODE REQUEST [OPERATION
+//                      unit=U table=T param=P size=S] -> RESULT", then the
+//                      bytes in and out on indented lines (tw_driver.h)
 //   sim/generation     counters, mapped shared, that every write of a state file
 //                      through Module moves on, one for each few files: views see
 //                      at no cost that their file did not change
@@ -180,6 +194,25 @@
 // its standard descriptors on the null device; the call is a line of
 // commands.log ("daemon 0 daemon NOCHDIR NOCLOSE").
 //
+// The tw controllers (tw_state.h, tw_driver.h, tw_firmware.h, tw_kernel.h)
+// leave out, of real controllers and their drivers:
+// - The drivers' majors are fixed (254 "twe", 253 "twa"); a kernel gives
+//   them out at load. Nodes of the table answer by major whatever their path.
+// - A pulled, inserted or swapped drive changes the port's drive only; the
+//   controller notices nothing until a port scan reads the identity again,
+//   and no unit degrades or rebuilds on its own.
+// - Units of several drives keep their data in an image of their own: the
+//   members' images are not striped and a member's data does not follow it.
+//   The kernel's disks of the units answer as block devices with partition
+//   windows (their tables under sim/tables/bayN, N 1000 + 16 * host +
+//   target); platform 2's single units are its bays. A unit's disk answers
+//   no SCSI request of its own (SG_IO): the system asks the controller.
+// - The event queue is kept and shown, and no request reads it yet.
+// - A battery test ends when the firmware is next asked after its end, with
+//   the date of its end; an expired lock goes the same way.
+// - Commands run within the call that carries them: no controller is ever
+//   busy but through an EBUSY fault of the platform.
+//
 // The HP array tool (hp_cli.h) knows one command, "ctrl slot=N show", and
 // prints the controller's properties as they are set: no property follows
 // from another (a cache status of its own, a battery that ages), and a new
@@ -202,6 +235,10 @@
 #include "partitions.h"
 
 namespace sim {
+
+namespace tw {
+class TwView;
+}
 
 // A device node of a bay: the whole disk, a partition window, or the SCSI
 // generic node. Offsets and sizes in bytes.
@@ -305,6 +342,8 @@ public:
     std::shared_ptr<struct MdCache>& mdCache() { return md_; }
     // The chassis controller's unit kept for this module (dsp.cpp).
     std::shared_ptr<struct DspCache>& dspCache() { return dsp_; }
+    // The tw controllers' state kept for this module (tw_state.h).
+    std::shared_ptr<tw::TwView>& twCache() { return tw_; }
 
     // Drive handling; each gives "" or the reason it could not.
     std::string pull(int bay);
@@ -364,6 +403,7 @@ private:
     std::mutex logsMutex_;
     std::shared_ptr<MdCache> md_;
     std::shared_ptr<DspCache> dsp_;
+    std::shared_ptr<tw::TwView> tw_;
 };
 
 } // namespace sim

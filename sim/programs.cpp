@@ -6,6 +6,7 @@
 #include "platform/platform.h"
 #include "sim_platform.h"
 #include "system_programs.h"
+#include "tw_api_state.h"
 
 namespace sim {
 namespace {
@@ -49,6 +50,8 @@ int runProgram(const std::string& dir, const std::vector<std::string>& argv)
     cargs.push_back(nullptr);
     SimPlatform platform(dir);
     plat::ScopedPlatform scope(platform);
+    // The controller API scans at load, as a real process does: made anew here.
+    resetTwApi();
     return entry(static_cast<int>(args.size()), cargs.data());
 }
 

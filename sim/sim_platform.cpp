@@ -13,6 +13,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -332,6 +333,18 @@ SimPlatform::Target SimPlatform::target(const Resolved& r)
     Target t;
     if (r.kind != Resolved::Mapped) return t;
     if ((t.model = registry_.prefixModel(r.vpath))) return t;
+    if (std::optional<TableNode> made = nodes_.find(module_, r.vpath)) {
+        DeviceNode node;
+        node.character = made->character;
+        node.major = made->major;
+        node.minor = made->minor;
+        t.node = node;
+        t.present = true;
+        t.tableNode = true;
+        t.perm = made->perm;
+        t.model = registry_.majorModel(made->character, made->major);
+        return t;
+    }
     t.node = module_.device(r.vpath, t.present);
     // Devfs keeps no node of a device the kernel has not found.
     if (t.node && t.present && !bench_ && !bayFound(module_, t.node->bay)) t.present = false;
@@ -616,6 +629,14 @@ int SimPlatform::pathStat(const char* path, struct ::stat* st)
     if (hit.fires && hit.action == Fault::Action::Error) return fail(hit.error);
     if (r.kind == Resolved::Proc) return procDir().stat(r.rel, st);
     Target t = target(r);
+    if (t.tableNode) {
+        *st = {};
+        st->st_mode = (t.node->character ? S_IFCHR : S_IFBLK) | (t.perm & 07777);
+        st->st_rdev = makedev(t.node->major, t.node->minor);
+        st->st_nlink = 1;
+        st->st_atim.tv_sec = st->st_mtim.tv_sec = st->st_ctim.tv_sec = module_.now().tv_sec;
+        return 0;
+    }
     if (t.node && !t.present) return fail(ENOENT);
     if (t.model) {
         DeviceContext ctx = context();
@@ -654,21 +675,33 @@ int SimPlatform::mkdir(const char* path, mode_t mode)
     if (!resolve(path, r, true)) return -1;
     bool present = false;
     if (module_.device(r.vpath, present)) return fail(present ? EEXIST : EPERM);
+    if (nodes_.find(module_, r.vpath)) return fail(EEXIST);
     return module_.host().mkdir(r.vpath, mode);
 }
 
-int SimPlatform::mknod(const char* path, mode_t, dev_t)
+// No real node is ever made: the node goes into the module's node table,
+// after the checks of the kernel (the path free, its directory there).
+int SimPlatform::mknod(const char* path, mode_t mode, dev_t dev)
 {
     Call call(*this);
     Resolved r;
     if (!resolve(path, r, true)) return -1;
+    if (r.kind != Resolved::Mapped) return fail(EACCES);
+    Hit hit = checkFault(Op::Open, r.vpath);
+    if (hit.fires && hit.action == Fault::Action::Error) return fail(hit.error);
     bool present = false;
     if (module_.device(r.vpath, present)) return fail(present ? EEXIST : EPERM);
-    // No real node is ever made: an empty file stands for it.
-    int fd = module_.host().open(r.vpath, O_WRONLY | O_CREAT | O_EXCL, 0600);
-    if (fd < 0) return -1;
-    ::close(fd);
-    return 0;
+    if (registry_.prefixModel(r.vpath)) return fail(EEXIST);
+    if (!S_ISCHR(mode) && !S_ISBLK(mode)) return fail(EINVAL);
+    struct ::stat st;
+    if (module_.host().stat(r.vpath, &st) == 0) return fail(EEXIST);
+    const size_t slash = r.vpath.rfind('/');
+    if (slash > 0) {
+        if (module_.host().stat(r.vpath.substr(0, slash), &st) != 0) return fail(ENOENT);
+        if (!S_ISDIR(st.st_mode)) return fail(ENOTDIR);
+    }
+    TableNode node{r.vpath, S_ISCHR(mode), major(dev), minor(dev), static_cast<mode_t>(mode & 07777)};
+    return nodes_.add(module_, node) ? 0 : -1;
 }
 
 int SimPlatform::unlink(const char* path)
@@ -677,6 +710,11 @@ int SimPlatform::unlink(const char* path)
     Resolved r;
     if (!resolve(path, r, true)) return -1;
     Target t = target(r);
+    if (t.tableNode) {
+        Hit hit = checkFault(Op::Unlink, r.vpath);
+        if (hit.fires) return fail(hit.action == Fault::Action::Error ? hit.error : EIO);
+        return nodes_.remove(module_, r.vpath) ? 0 : -1;
+    }
     if (t.node || t.model) {
         refuse(path, "device nodes and attributes are not removed by the system");
         return fail(EPERM);
@@ -692,6 +730,7 @@ int SimPlatform::remove(const char* path)
     Resolved r;
     if (!resolve(path, r, true)) return -1;
     Target t = target(r);
+    if (t.tableNode) return nodes_.remove(module_, r.vpath) ? 0 : -1;
     if (t.node || t.model) {
         refuse(path, "device nodes and attributes are not removed by the system");
         return fail(EPERM);

@@ -21,6 +21,7 @@
 #include "device_model.h"
 #include "faults.h"
 #include "module.h"
+#include "node_table.h"
 #include "platform/platform.h"
 #include "scheduler.h"
 
@@ -162,6 +163,8 @@ private:
         DeviceModel* model = nullptr;
         std::optional<DeviceNode> node;
         bool present = false;
+        bool tableNode = false;  // a node mknod made (node_table.h)
+        mode_t perm = 0;
     };
 
     // Every call holds the turn, then the platform's lock.
@@ -203,6 +206,7 @@ private:
 
     std::recursive_mutex mu_;
     Module module_;
+    NodeTable nodes_;
     DeviceRegistry registry_;
     CommandTable commands_;
     std::unique_ptr<HostDir> proc_;

@@ -28,8 +28,10 @@ const char kCreateHelp[] =
     "a blank sparse drive image with a serial number of its own.\n"
     "\n"
     "  --platform ID    a decimal platform id, 0 to 999999. 1 and 4 (four IDE\n"
-    "                   drives) and 3 (two) are simulated; 2, 5, 6, 8, 9, 10, 11,\n"
-    "                   12 and 15 are families that come later and are refused;\n"
+    "                   drives) and 3 (two) are simulated, and the tw controller\n"
+    "                   platforms 2 (two 7000 controllers of 4 ports), 9 (one\n"
+    "                   9000 of 4) and 15 (one 9000 of 12); 5, 6, 8, 10, 11 and\n"
+    "                   12 are families that come later and are refused;\n"
     "                   any other id has no layout row of its own and takes the\n"
     "                   layout of platform 1, as the system does.\n"
     "  --serial S       the module serial number: printable ASCII without blanks,\n"
@@ -42,6 +44,13 @@ const char kCreateHelp[] =
     "                   a setting of the model's features.conf, repeatable; the\n"
     "                   section is split off at the last \":\" before \"=\".\n"
     "  --no-drives      the identity files only, no bays, for any ID 1 to 15.\n"
+    "  --units LAYOUT   the tw platforms' units made at creation and known to the\n"
+    "                   kernel: none; single (one unit a port, platform 2's\n"
+    "                   default); raid5 (all ports but the --spares last, which\n"
+    "                   make one spare unit; the default of 9 and 15); raid10\n"
+    "                   (four ports); raid1 (two). Platform 2 takes none|single.\n"
+    "  --spares N       the ports raid5 leaves to the spare unit, default 0.\n"
+    "  --no-proc-scsi   the driver has no /proc/scsi entry: only sysfs tells its hosts.\n"
     "Platforms 2 and 6 also get their NVRAM card (tavsim nvram).\n";
 
 const char kShowHelp[] =
@@ -139,7 +148,8 @@ const char kRunHelp[] =
     "run: @PROGRAMS@.\n";
 
 const std::vector<Command> kCommands = {
-    {"create", "DIR --platform ID [--serial S] [--sectors N [--any-size]] [--feature SECTION:KEY=VALUE]... [--no-drives]",
+    {"create", "DIR --platform ID [--serial S] [--sectors N [--any-size]] [--feature SECTION:KEY=VALUE]... [--no-drives]\n"
+               "       [--units none|single|raid5|raid10|raid1] [--spares N] [--no-proc-scsi]",
      "make a module in DIR", kCreateHelp, runCreate},
     {"show", "DIR [--json | --partitions | --signature]", "platform, model, clock, bays, shelf, faults", kShowHelp, runShow},
     {"partition", "DIR [BAY]", "give every drive, or BAY's, the families' partition table", kPartitionHelp, runPartition},
@@ -171,7 +181,8 @@ const std::vector<Command> kCommands = {
      runCorrupt},
     {"fault", "DIR OP PATH [nth=N] [times=K] [request=R] errno=E|short=N|powercut\n       tavsim fault DIR --list | --clear",
      "arm, list or clear faults", kFaultHelp, runFault},
-    {"log", "DIR [--ata | --md | --dsp | --charon]", "print the command log, the ATA, md, chassis controller or hot-swap log",
+    {"log", "DIR [--ata | --md | --dsp | --charon | --3ware [--hex]]",
+     "print the command log, the ATA, md, chassis controller, hot-swap or tw controller log",
      "Prints the command log, a line a command: TIME system|popen STATUS [unknown]\n"
      "COMMAND. With --ata, the ATA command log: TIME DEVICE WHAT. With --md, the md\n"
      "request log: TIME /dev/mdN REQUEST [ARGS] -> 0|ERRNO. With --dsp, the chassis\n"
@@ -182,7 +193,10 @@ const std::vector<Command> kCommands = {
      "attached, when a drive the kernel still had lost power other than by its\n"
      "critical switch. With --charon, the hot-swap driver's log: every request\n"
      "and its record (TIME request R (NAME) uInterface=I uDevice=0xD\n"
-     "iReturnCode=C -> CODE [injected]) and what was refused.\n",
+     "iReturnCode=C -> CODE [injected]) and what was refused. With --3ware, the tw\n"
+     "controllers' log: a line a driver call, TIME NODE REQUEST [OPERATION unit=U\n"
+     "table=T param=P size=S] -> status S [code C] | driver status S | ok | ERRNO;\n"
+     "with --hex also the bytes given and given back, on the indented lines behind.\n",
      runLog},
     {"run", "DIR [--] PROGRAM [ARGS...]", "run a program of the system on the module", kRunHelp, runRun},
     {"md", "DIR [--json | --stall ARRAY | --unstall ARRAY | --stop-all]", "the md arrays; stall a recovery; forget all",
@@ -194,6 +208,30 @@ const std::vector<Command> kCommands = {
     {"nvram", "DIR [add|show|set|fault|fill|powerfail|power-cycle|recover|status] [ARGS...]",
      "the NVRAM card: registers, EEPROM, faults; fill SDRAM, take the power away", kNvramHelp, runNvram},
     {"bay", "DIR N lock|critical open|close", "open or close a bay's lock or critical switch", kBayHelp, runBay},
+    {"3ware", "DIR [set [cN.]KEY=VALUE...]", "the tw controllers whole; set their state and arm faults",
+     "Prints each tw controller of the module whole: its identity, compatibility,\n"
+     "settings, schedule and battery (KEY VALUE), ports with their drive and the\n"
+     "identity read when it was found, units with their subunit tree and the disk\n"
+     "the kernel has of them, the lock and the armed faults, then the kernel's\n"
+     "/proc/scsi/scsi. With set, each KEY=VALUE changes controller N (cN., default\n"
+     "c0): any key printed; lock=HOLDER:SECONDS or lock=none; faults=none; and\n"
+     "fault=KIND:FIELD=VALUE,... to arm one, where KIND is firmware (times=N,\n"
+     "opcode=O, table=T, param=P, status=S, code=C, text=T: an error on the next N\n"
+     "commands that match, times=0 every one), driver (times=N,status=S: a 9000\n"
+     "driver status) or answer (times=N,answer=unterminated|oversize|garbage).\n"
+     "driver-loaded=0 unloads the driver, controller-found=0 leaves it without\n"
+     "its controller, compatibility=N changes the number the firmware gives.\n",
+     runTw},
+    {"tw", "DIR FUNCTION [CONTROLLER [VALUE]]", "call one function of the controller API against the module",
+     "Calls one function of the controller API in this process, against the\n"
+     "module, after the API's state is made anew (its nodes made and its\n"
+     "controllers found, as at a program's start), and prints FUNCTION = RESULT,\n"
+     "the outputs (NAME: VALUE), and the error record: its flags and codes, then\n"
+     "the text tw_get_error_information gives. CONTROLLER is the controller's\n"
+     "number; setters take the VALUE to set (tw_set_boot_unit a unit number, the\n"
+     "task items a day). Exit status 0 when the function gave 0, 1 when it gave\n"
+     "-1. The functions:\n@TWFUNCTIONS@\n",
+     runTwCall},
     {"hp", "DIR [set LABEL=VALUE... | remove]", "the HP array controller of slot 0 as its tool shows it; set it",
      kHpHelp, runHp},
     {"console", "DIR [--debug LEVEL]", "host the module: the drive manager up, the chassis controller's link running",
@@ -230,6 +268,7 @@ void printCommandHelp(const Command& c)
     help = replaced(help, "@REQUESTS@", joined(requestNames()));
     help = replaced(help, "@PROGRAMS@", programList());
     help = replaced(help, "@CONSOLE@", consoleCommands());
+    help = replaced(help, "@TWFUNCTIONS@", twFunctionNames());
     help = replaced(help, "@PERBAY@", std::to_string(kDspSecondsPerBay));
     help = replaced(help, "@RESET@", std::to_string(kDspResetSeconds));
     std::cout << "usage: tavsim " << c.name << " " << c.synopsis << "\n\n" << help << "\n" << kExitStatus;

@@ -113,6 +113,10 @@ int runSwap(const Call& call);
 int runCorrupt(const Call& call);
 int runFault(const Call& call);
 int runLog(const Call& call);
+int runTw(const Call& call);
+int runTwCall(const Call& call);
+// The API functions tavsim tw calls, by name, blank-separated.
+std::string twFunctionNames();
 int runMd(const Call& call);
 int runDsp(const Call& call);
 int runBay(const Call& call);

@@ -99,13 +99,15 @@ int runCreate(const Call& call)
 {
     const std::vector<Option> known = {{"--platform", "ID"}, {"--serial", "S"},          {"--sectors", "N"},
                                        {"--any-size", nullptr}, {"--feature", "SECTION:KEY=VALUE"},
-                                       {"--no-drives", nullptr}};
+                                       {"--no-drives", nullptr}, {"--units", "LAYOUT"},  {"--spares", "N"},
+                                       {"--no-proc-scsi", nullptr}};
     Words w;
     if (int s = splitWords(call, known, false, w)) return s;
     if (int s = expectPositional(call, w, 1, 1)) return s;
     const std::string& dir = w.positional[0];
     CreateOptions options;
     options.identityOnly = w.has("--no-drives");
+    options.procScsi = !w.has("--no-proc-scsi");
     std::optional<std::string> platformWord, serialWord, sectorsWord;
     for (const auto& [name, value] : w.options) {
         std::optional<std::string>* once = name == "--platform" ? &platformWord
@@ -123,6 +125,11 @@ int runCreate(const Call& call)
         } else if (name == "--serial") {
             if (std::string p = serialProblem(value); !p.empty()) return badUsage(call, p);
             options.moduleSerial = value;
+        } else if (name == "--units") {
+            options.units = value;
+        } else if (name == "--spares") {
+            if (!decimal("--spares", value, 0, 11, n, why)) return badUsage(call, why);
+            options.spares = static_cast<int>(n);
         } else if (name == "--feature") {
             FeatureSetting f;
             if (!parseFeature(value, f, why)) return badUsage(call, "--feature: " + why);
@@ -315,8 +322,19 @@ int runLog(const Call& call)
 {
     Words w;
     int status = 0;
-    auto module = openModuleCall(call, {{"--ata", nullptr}, {"--md", nullptr}, {"--dsp", nullptr}, {"--charon", nullptr}}, 1, 1, w, status);
+    auto module = openModuleCall(call,
+                                 {{"--ata", nullptr}, {"--md", nullptr}, {"--dsp", nullptr}, {"--charon", nullptr},
+                                  {"--3ware", nullptr}, {"--hex", nullptr}},
+                                 1, 1, w, status);
     if (!module) return status;
+    if (w.has("--hex") && !w.has("--3ware")) return badUsage(call, "--hex goes with --3ware");
+    if (w.has("--3ware")) {
+        if (!module->host().exists(Module::stateFile("3ware.log")))
+            return refused(call, module->dir() + ": this module has no tw controller, so no log of it");
+        for (const std::string& line : textLines(module->readState("3ware.log")))
+            if (w.has("--hex") || line.compare(0, 2, "  ") != 0) std::cout << line << "\n";
+        return kDone;
+    }
     std::vector<std::string> given;
     for (const char* name : {"--ata", "--md", "--dsp", "--charon"})
         if (w.has(name)) given.push_back(name);

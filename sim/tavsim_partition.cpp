@@ -10,6 +10,7 @@
 #include "faults.h"
 #include "sim_platform.h"
 #include "table.h"
+#include "tw_kernel.h"
 #include "sign.h"
 #include "tavsim_cli.h"
 #include "tavutils/tavdrivesig.h"
@@ -182,6 +183,34 @@ int runPartition(const Call& call)
     auto module = openModuleCall(call, {}, 1, 2, w, status);
     if (!module) return status;
     Manifest m = module->manifest();
+    // A 9000 module's kernel sees its units, not its drives: their disks are partitioned.
+    if (!m.bays.empty() && m.bays[0].device.compare(0, 5, "/dev/") != 0) {
+        if (w.positional.size() == 2) return badUsage(call, "the disks of this module are its units: no BAY");
+        SimPlatform platform(module->dir());
+        std::vector<std::string> done;
+        const std::vector<tw::KernelDisk> disks = tw::kernelDisks(*module);
+        for (const tw::KernelDisk& d : disks) {
+            Bay unit;
+            unit.number = tw::unitBay(d.host, d.id);
+            unit.device = "/dev/scsi/host" + std::to_string(d.host) + "/bus0/target" + std::to_string(d.id) + "/lun0/disc";
+            bool present = false;
+            std::optional<DeviceNode> node = module->device(unit.device, present);
+            if (!node || !present) {
+                refused(call, unit.device + ": the unit's data is missing");
+                continue;
+            }
+            if (node->size / 512 < kFamilyMinSectors || node->size / 512 > kFamilyMaxSectors) {
+                refused(call, unit.device + ": " + std::to_string(node->size / 512) + " sectors; the families' table fits " +
+                                  layoutBounds());
+                continue;
+            }
+            if (std::string err = build(platform, unit); !err.empty()) refused(call, err);
+            else done.push_back(unit.device);
+        }
+        if (disks.empty()) return refused(call, "the kernel has no disk of this module");
+        if (!done.empty()) report("partitioned " + listed(done) + ": signature, data, boot, extended, os, os2 and log");
+        return done.size() == disks.size() ? kDone : kRefused;
+    }
     int only = 0;
     if (w.positional.size() == 2) {
         if ((status = bayArgument(call, m, w.positional[1], only))) return status;

@@ -1,4 +1,5 @@
 // tavsim show: the module as text tables, as JSON, or its partitions.
+#include <algorithm>
 #include <cstdio>
 #include <functional>
 #include <optional>
@@ -15,6 +16,7 @@
 #include "sim_platform.h"
 #include "state_check.h"
 #include "table.h"
+#include "tw_state.h"
 #include "sign.h"
 #include "tavsim_cli.h"
 
@@ -179,6 +181,39 @@ std::string actionText(const Fault& f)
     return "";
 }
 
+// The tw controllers of the module, and per bay the port, its drive and the
+// unit that holds it.
+void printTwBays(const ModuleView& v)
+{
+    Module module(v.dir);
+    const std::vector<tw::Controller>& controllers = tw::twView(module).controllers();
+    if (controllers.empty()) return;
+    std::cout << "\n";
+    Table ctls({"CONTROLLER", "FAMILY", "HOST", "PORTS", "UNITS", "MODEL"});
+    for (const tw::Controller& c : controllers)
+        ctls.add({std::to_string(c.index), std::to_string(c.family), std::to_string(c.host), std::to_string(c.ports.size()),
+                  std::to_string(c.units.size()), c.get("model")});
+    ctls.print(std::cout);
+    Table ports({"BAY", "CONTROLLER", "PORT", "DRIVE", "UNIT"});
+    for (const BayView& b : v.bays)
+        for (const tw::Controller& c : controllers)
+            for (const tw::Port& p : c.ports) {
+                unsigned host = 0, bus = 0, target = 0, lun = 0;
+                const bool here = c.family == 7000
+                                      ? std::sscanf(b.bay.device.c_str(), "/dev/scsi/host%u/bus%u/target%u/lun%u/", &host,
+                                                    &bus, &target, &lun) == 4 &&
+                                            static_cast<int>(host) == c.host && static_cast<int>(target) == p.number
+                                      : b.bay.number == p.number + 1;
+                if (!here) continue;
+                std::string unit;
+                for (const tw::Unit& u : c.units)
+                    if (std::find(u.ports.begin(), u.ports.end(), p.number) != u.ports.end()) unit = std::to_string(u.number);
+                ports.add({std::to_string(b.bay.number), std::to_string(c.index), std::to_string(p.number), p.drive, unit});
+            }
+    std::cout << "\n";
+    ports.print(std::cout);
+}
+
 void printText(const ModuleView& v)
 {
     const Manifest& m = v.manifest;
@@ -201,6 +236,7 @@ void printText(const ModuleView& v)
     }
     std::cout << "\n";
     bays.print(std::cout);
+    printTwBays(v);
 
     Table shelf({"SHELF", "SERIAL", "SECTORS", "SIZE", "FIRMWARE", "MODEL"});
     for (const Drive& d : m.drives)
@@ -289,6 +325,37 @@ void writeJson(const ModuleView& v)
         j.endObject();
     }
     j.endArray();
+
+    // The tw controllers: empty on modules of other families.
+    {
+        Module module(v.dir);
+        j.key("controllers").beginArray();
+        for (const tw::Controller& c : tw::twView(module).controllers()) {
+            j.beginObject();
+            j.key("index").number(c.index).key("family").number(c.family).key("host").number(c.host);
+            j.key("model").string(c.get("model"));
+            j.key("ports").beginArray();
+            for (const tw::Port& p : c.ports) {
+                j.beginObject();
+                j.key("port").number(p.number).key("drive").string(p.drive).key("found_serial").string(p.foundSerial);
+                j.endObject();
+            }
+            j.endArray();
+            j.key("units").beginArray();
+            for (const tw::Unit& u : c.units) {
+                j.beginObject();
+                j.key("unit").number(u.number).key("config").number(u.config).key("mode").string(u.mode);
+                j.key("ports").beginArray();
+                for (int p : u.ports) p < 0 ? j.null() : j.number(p);
+                j.endArray();
+                j.key("tree").string(tw::formatTree(u.tree)).key("sectors").unsignedNumber(u.capacity);
+                j.endObject();
+            }
+            j.endArray();
+            j.endObject();
+        }
+        j.endArray();
+    }
 
     j.key("shelf").beginArray();
     for (const Drive& d : m.drives)

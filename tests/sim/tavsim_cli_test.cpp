@@ -202,7 +202,7 @@ TEST(TavsimCli, CommandLineRefusalsNameTheArgumentAndTheRange)
         {{"create", f + "/a", "--platform", "1", "--serial", "AB\tC"}, 2, "tavsim create: --serial \"AB\\x09C\": holds a control character at character 3"},
         {{"create", f + "/a", "--platform", "1", "--serial", std::string(32, 'S')}, 2, "tavsim create: --serial " + std::string(32, 'S') + ": 32 characters; at most 31"},
         {{"create", f + "/a", "--platform", "1", "--no-drives", "--sectors", "8388608"}, 2, "tavsim create: --sectors: a module made with --no-drives has no drives"},
-        {{"create", f + "/a", "--platform", "2"}, 1, "tavsim create: platform 2 (3ware family) is not simulated yet"},
+        {{"create", f + "/a", "--platform", "5"}, 1, "tavsim create: platform 5 (LSI family) is not simulated yet"},
         {{"create", file + "/m", "--platform", "1"}, 1, "tavsim create: " + file + "/m: its parent " + file + " is a file, not a directory"},
         {{"create", file, "--platform", "1"}, 1, "tavsim create: " + file + ": a file is there"},
         {{"create", f + "/other", "--platform", "1"}, 1, "tavsim create: " + f + "/other: a directory that is not empty"},

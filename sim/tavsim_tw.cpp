@@ -1,0 +1,149 @@
+// tavsim 3ware: the tw controllers whole, and changes to them.
+#include <cctype>
+#include <climits>
+#include <cstdlib>
+#include <iostream>
+
+#include "manifest.h"
+#include "table.h"
+#include "tavsim_cli.h"
+#include "tw_kernel.h"
+#include "tw_state.h"
+
+namespace sim::cli {
+namespace {
+
+void printController(const tw::Controller& c, const std::vector<tw::KernelDisk>& disks)
+{
+    std::cout << "controller " << c.index << ": family " << c.family << ", host " << c.host << ", driver "
+              << c.driverName() << " (" << c.nodePrefix() << ", major " << c.major() << ")\n\n";
+    Table values({"KEY", "VALUE"});
+    for (const tw::KeyInfo& k : tw::keys())
+        if (c.values.count(k.key)) values.add({k.key, c.get(k.key)});
+    for (const auto& [key, value] : c.values) {
+        bool known = false;
+        for (const tw::KeyInfo& k : tw::keys()) known = known || key == k.key;
+        if (!known) values.add({key, value});
+    }
+    values.print(std::cout);
+    std::cout << "\n";
+    Table ports({"PORT", "DRIVE", "FOUND-SERIAL", "FOUND-FIRMWARE", "FOUND-SECTORS", "FOUND-MODEL"});
+    for (const tw::Port& p : c.ports)
+        ports.add({std::to_string(p.number), p.drive, p.foundSerial, p.foundFirmware,
+                   p.foundSerial.empty() ? "" : std::to_string(p.foundSectors), p.foundModel});
+    ports.print(std::cout);
+    std::cout << "\n";
+    Table units({"UNIT", "CONFIG", "MODE", "PORTS", "STRIPE", "CAPACITY", "RCACHE", "WCACHE", "ECC", "AUTOVERIFY",
+                 "PERCENT", "KERNEL", "TREE"});
+    for (const tw::Unit& u : c.units) {
+        std::string ports;
+        for (int p : u.ports) ports += (ports.empty() ? "" : ",") + (p < 0 ? std::string("-") : std::to_string(p));
+        std::string kernel;
+        for (const tw::KernelDisk& d : disks)
+            if (d.host == c.host && d.id == u.number) kernel = "sd" + std::string(1, static_cast<char>('a' + d.index % 26));
+        units.add({std::to_string(u.number), std::to_string(u.config), u.mode, ports, std::to_string(u.stripe),
+                   std::to_string(u.capacity), std::to_string(u.readCache), std::to_string(u.writeCache),
+                   std::to_string(u.ecc), std::to_string(u.autoVerify), std::to_string(u.percent), kernel,
+                   tw::formatTree(u.tree)});
+    }
+    units.print(std::cout);
+    std::cout << "\nlock: " << (c.lockHolder.empty() ? "none" : c.lockHolder + " until " + std::to_string(c.lockExpires))
+              << "\nevents: " << c.events.size() << "\n";
+    for (const tw::TwFault& f : c.faults) std::cout << f.format() << "\n";
+    std::cout << "\n";
+}
+
+// KEY=VALUE on controller C ("c1.KEY=VALUE"; c0 when not given).
+int applySet(const Call& call, Module& module, const std::string& word)
+{
+    std::string key = word.substr(0, word.find('='));
+    if (key.size() == word.size()) return badUsage(call, cell(word) + ": not KEY=VALUE");
+    std::string value = word.substr(key.size() + 1);
+    int index = 0;
+    if (key.size() > 2 && key[0] == 'c' && std::isdigit(static_cast<unsigned char>(key[1])) && key.find('.') != std::string::npos) {
+        index = std::atoi(key.c_str() + 1);
+        key = key.substr(key.find('.') + 1);
+    }
+    std::string why;
+    bool ok = tw::twView(module).update(index, [&](tw::Controller& c) {
+        if (key == "fault") {
+            // fault=firmware:times=N,status=S,... as the state file's line has it
+            std::string line = "fault " + value;
+            for (char& ch : line)
+                if (ch == ',' || ch == ':') ch = ' ';
+            tw::Controller parsed = tw::parseController(line, index);
+            if (parsed.faults.empty()) {
+                why = cell(value) + ": not a fault (firmware|driver|answer:FIELD=VALUE,...)";
+                return false;
+            }
+            c.faults.push_back(parsed.faults[0]);
+        } else if (key == "faults" && value == "none") {
+            c.faults.clear();
+        } else if (key == "lock") {
+            // HOLDER:SECONDS from now, or none
+            if (value == "none") {
+                c.lockHolder.clear();
+                c.lockExpires = 0;
+            } else {
+                size_t colon = value.find(':');
+                uint64_t seconds = 0;
+                if (colon == std::string::npos || !parseNumber(value.substr(colon + 1), seconds)) {
+                    why = cell(value) + ": not HOLDER:SECONDS";
+                    return false;
+                }
+                c.lockHolder = value.substr(0, colon);
+                c.lockExpires = module.nowUs() + seconds * 1000000;
+            }
+        } else {
+            bool known = false;
+            for (const tw::KeyInfo& k : tw::keys()) known = known || key == k.key;
+            if (!known && key != "proc-scsi") {
+                why = cell(key) + ": no such key";
+                return false;
+            }
+            // A number stays a number; the charge voltage is a code 0 to 4.
+            const std::string was = c.get(key);
+            int64_t n = 0;
+            const bool numeric = !was.empty() && parseSigned(was, INT64_MIN + 1, INT64_MAX, n);
+            if ((numeric || key == "proc-scsi") && !parseSigned(value, INT64_MIN + 1, INT64_MAX, n)) {
+                why = key + "=" + cell(value) + ": not a decimal number";
+                return false;
+            }
+            if (key == "charge-voltage" && (n < 0 || n > 4)) {
+                why = "charge-voltage=" + value + ": a code 0 to 4";
+                return false;
+            }
+            c.set(key, value);
+        }
+        return true;
+    });
+    if (!why.empty()) return badUsage(call, why);
+    if (!ok) return refused(call, "no controller " + std::to_string(index));
+    report("controller " + std::to_string(index) + ": " + key + " = " + value);
+    return kDone;
+}
+
+} // namespace
+
+int runTw(const Call& call)
+{
+    Words w;
+    int status = 0;
+    auto module = openModuleCall(call, {}, 1, SIZE_MAX, w, status);
+    if (!module) return status;
+    if (tw::twView(*module).controllers().empty()) return refused(call, module->dir() + ": this module has no tw controller");
+    if (w.positional.size() > 1) {
+        if (w.positional[1] != "set" || w.positional.size() < 3) return badUsage(call, "expected: set KEY=VALUE...");
+        for (size_t i = 2; i < w.positional.size(); ++i)
+            if (int s = applySet(call, *module, w.positional[i])) return s;
+        tw::syncKernelFiles(*module);
+        return kDone;
+    }
+    tw::twView(*module).settle();
+    const std::vector<tw::KernelDisk> disks = tw::kernelDisks(*module);
+    for (const tw::Controller& c : tw::twView(*module).controllers()) printController(c, disks);
+    std::cout << "kernel:\n" << tw::procScsiText(*module);
+    return kDone;
+}
+
+} // namespace sim::cli

@@ -1,0 +1,296 @@
+// tavsim tw: one call of the controller API against the module, its result,
+// its outputs and the error record's text.
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <string>
+
+#include "sim_platform.h"
+#include "table.h"
+#include "tavsim_cli.h"
+#include "tw_api/tw_api.h"
+#include "tw_api_state.h"
+
+namespace sim::cli {
+namespace {
+
+using Args = std::vector<std::string>;
+// A call: the words after the function's name, the output; the result or,
+// for arguments it cannot read, a reason in `why`.
+using Caller = std::function<int(const Args&, std::string&, std::string&)>;
+
+bool number(const std::string& word, int& out)
+{
+    char* end = nullptr;
+    long v = std::strtol(word.c_str(), &end, 0);
+    if (word.empty() || *end || v < -2147483647L || v > 2147483647L) return false;
+    out = static_cast<int>(v);
+    return true;
+}
+
+tw_id_type controllerId(const Args& a, std::string& why)
+{
+    tw_id_type id;
+    std::memset(&id, 0xff, sizeof id);
+    int n = 0;
+    if (a.empty() || !number(a[0], n)) why = "expected CONTROLLER";
+    else tw_create_controller_id(n, &id);
+    return id;
+}
+
+std::string text(const char* t, size_t size) { return std::string(t, strnlen(t, size)); }
+
+template <size_t N>
+Caller textGetter(int (*f)(tw_id_type, char*), const char* name)
+{
+    return [f, name](const Args& a, std::string& out, std::string& why) {
+        tw_id_type id = controllerId(a, why);
+        if (!why.empty()) return 0;
+        char buf[N];
+        std::memset(buf, 0, sizeof buf);
+        int rc = f(id, buf);
+        out = std::string(name) + ": " + text(buf, N);
+        return rc;
+    };
+}
+
+Caller intGetter(int (*f)(tw_id_type, int*), const char* name)
+{
+    return [f, name](const Args& a, std::string& out, std::string& why) {
+        tw_id_type id = controllerId(a, why);
+        if (!why.empty()) return 0;
+        int v = 0;
+        int rc = f(id, &v);
+        out = std::string(name) + ": " + std::to_string(v);
+        return rc;
+    };
+}
+
+Caller intSetter(int (*f)(tw_id_type, int))
+{
+    return [f](const Args& a, std::string&, std::string& why) {
+        tw_id_type id = controllerId(a, why);
+        int v = 0;
+        if (!why.empty() || a.size() != 2 || !number(a[1], v)) {
+            why = "expected CONTROLLER VALUE";
+            return 0;
+        }
+        return f(id, v);
+    };
+}
+
+Caller action(int (*f)(tw_id_type))
+{
+    return [f](const Args& a, std::string&, std::string& why) {
+        tw_id_type id = controllerId(a, why);
+        return why.empty() ? f(id) : 0;
+    };
+}
+
+Caller logGetter(int (*f)(tw_id_type, unsigned char*, int*))
+{
+    return [f](const Args& a, std::string& out, std::string& why) {
+        tw_id_type id = controllerId(a, why);
+        if (!why.empty()) return 0;
+        unsigned char buf[4096] = {};
+        int length = sizeof buf;
+        int rc = f(id, buf, &length);
+        const size_t n = length > 0 && static_cast<size_t>(length) <= sizeof buf ? static_cast<size_t>(length) : 0;
+        out = "length: " + std::to_string(length) + "\nlog: " + text(reinterpret_cast<char*>(buf), n);
+        return rc;
+    };
+}
+
+const std::map<std::string, Caller>& callers()
+{
+    static const std::map<std::string, Caller> all = {
+        {"tw_get_controller_id_list",
+         [](const Args& a, std::string& out, std::string& why) {
+             if (!a.empty()) why = "takes no arguments";
+             tw_id_list_type list;
+             std::memset(&list, 0, sizeof list);
+             int rc = tw_get_controller_id_list(&list);
+             out = "length: " + std::to_string(list.length);
+             for (int i = 0; i < list.length && i < TW_MAX_CONTROLLERS; ++i) {
+                 int n = -1;
+                 tw_get_controller_number(list.list[i], &n);
+                 out += "\ncontroller: " + std::to_string(n);
+             }
+             return rc;
+         }},
+        {"tw_get_model", textGetter<TW_MODEL_SIZE>(tw_get_model, "model")},
+        {"tw_get_serial_number", textGetter<TW_SERIAL_NUMBER_SIZE>(tw_get_serial_number, "serial_number")},
+        {"tw_get_pcb_revision", textGetter<TW_VERSION_SIZE>(tw_get_pcb_revision, "pcb_revision")},
+        {"tw_get_a_chip_version", textGetter<TW_VERSION_SIZE>(tw_get_a_chip_version, "a_chip_version")},
+        {"tw_get_p_chip_version", textGetter<TW_VERSION_SIZE>(tw_get_p_chip_version, "p_chip_version")},
+        {"tw_get_firmware_version", textGetter<TW_VERSION_SIZE>(tw_get_firmware_version, "firmware_version")},
+        {"tw_get_bios_version", textGetter<TW_VERSION_SIZE>(tw_get_bios_version, "bios_version")},
+        {"tw_get_monitor_version", textGetter<TW_VERSION_SIZE>(tw_get_monitor_version, "monitor_version")},
+        {"tw_get_driver_version", textGetter<TW_DRIVER_VERSION_SIZE>(tw_get_driver_version, "driver_version")},
+        {"tw_get_number_of_ports", intGetter(tw_get_number_of_ports, "number_of_ports")},
+        {"tw_get_number_of_drives", intGetter(tw_get_number_of_drives, "number_of_drives")},
+        {"tw_get_number_of_units", intGetter(tw_get_number_of_units, "number_of_units")},
+        {"tw_get_controller_log", logGetter(tw_get_controller_log)},
+        {"tw_get_diagnostic_log", logGetter(tw_get_diagnostic_log)},
+        {"tw_get_avmode", intGetter(tw_get_avmode, "avmode")},
+        {"tw_get_cache_policy", intGetter(tw_get_cache_policy, "cache_policy")},
+        {"tw_get_jbod_policy", intGetter(tw_get_jbod_policy, "jbod_policy")},
+        {"tw_get_architecture_id", intGetter(tw_get_architecture_id, "architecture_id")},
+        {"tw_get_background_rebuild_rate", intGetter(tw_get_background_rebuild_rate, "rate")},
+        {"tw_set_background_rebuild_rate", intSetter(tw_set_background_rebuild_rate)},
+        {"tw_get_background_verify_rate", intGetter(tw_get_background_verify_rate, "rate")},
+        {"tw_set_background_verify_rate", intSetter(tw_set_background_verify_rate)},
+        {"tw_get_selftest_flags", intGetter(tw_get_selftest_flags, "flags")},
+        {"tw_set_selftest_flags", intSetter(tw_set_selftest_flags)},
+        {"tw_get_rebuild_schedule_state", intGetter(tw_get_rebuild_schedule_state, "state")},
+        {"tw_get_verify_schedule_state", intGetter(tw_get_verify_schedule_state, "state")},
+        {"tw_enable_rebuild_task_schedule", action(tw_enable_rebuild_task_schedule)},
+        {"tw_disable_rebuild_task_schedule", action(tw_disable_rebuild_task_schedule)},
+        {"tw_enable_verify_task_schedule", action(tw_enable_verify_task_schedule)},
+        {"tw_disable_verify_task_schedule", action(tw_disable_verify_task_schedule)},
+        {"tw_get_spinups_allowed", intGetter(tw_get_spinups_allowed, "spinups")},
+        {"tw_set_spinups_allowed", intSetter(tw_set_spinups_allowed)},
+        {"tw_get_stagger_time", intGetter(tw_get_stagger_time, "stagger_time")},
+        {"tw_set_stagger_time", intSetter(tw_set_stagger_time)},
+        {"tw_enable_avmode", action(tw_enable_avmode)},
+        {"tw_disable_avmode", action(tw_disable_avmode)},
+        {"tw_enable_jbod_online", action(tw_enable_jbod_online)},
+        {"tw_disable_jbod_online", action(tw_disable_jbod_online)},
+        {"tw_disable_cache_on_unit_degrade", action(tw_disable_cache_on_unit_degrade)},
+        {"tw_use_unit_cache_states", action(tw_use_unit_cache_states)},
+        {"tw_shutdown", action(tw_shutdown)},
+        {"tw_pause_mediascan", action(tw_pause_mediascan)},
+        {"tw_resume_mediascan", action(tw_resume_mediascan)},
+        {"tw_bbu_is_present", intGetter(tw_bbu_is_present, "present")},
+        {"tw_bbu_battery_is_present", intGetter(tw_bbu_battery_is_present, "present")},
+        {"tw_bbu_battery_test_in_progress", intGetter(tw_bbu_battery_test_in_progress, "in_progress")},
+        {"tw_bbu_battery_charge_in_progress", intGetter(tw_bbu_battery_charge_in_progress, "in_progress")},
+        {"tw_bbu_enable", action(tw_bbu_enable)},
+        {"tw_bbu_disable", action(tw_bbu_disable)},
+        {"tw_bbu_initialize_battery", action(tw_bbu_initialize_battery)},
+        {"tw_bbu_test_battery", action(tw_bbu_test_battery)},
+        {"tw_get_bbu_status", intGetter(tw_get_bbu_status, "status")},
+        {"tw_get_bbu_status_summary", intGetter(tw_get_bbu_status_summary, "summary")},
+        {"tw_get_bbu_online_state", intGetter(tw_get_bbu_online_state, "state")},
+        {"tw_get_bbu_battery_voltage_status", intGetter(tw_get_bbu_battery_voltage_status, "status")},
+        {"tw_get_bbu_battery_temperature_status", intGetter(tw_get_bbu_battery_temperature_status, "status")},
+        {"tw_get_bbu_battery_capacity", intGetter(tw_get_bbu_battery_capacity, "capacity")},
+        {"tw_get_bbu_battery_charge_voltage", intGetter(tw_get_bbu_battery_charge_voltage, "voltage")},
+        {"tw_get_bbu_battery_installation_date", textGetter<TW_DATE_SIZE>(tw_get_bbu_battery_installation_date, "date")},
+        {"tw_get_bbu_last_battery_test_date", textGetter<TW_DATE_SIZE>(tw_get_bbu_last_battery_test_date, "date")},
+        {"tw_get_bbu_serial_number", textGetter<TW_SERIAL_NUMBER_SIZE>(tw_get_bbu_serial_number, "serial_number")},
+        {"tw_get_bbu_firmware_version", textGetter<TW_VERSION_SIZE>(tw_get_bbu_firmware_version, "firmware_version")},
+        {"tw_get_bbu_boot_code_version", textGetter<TW_VERSION_SIZE>(tw_get_bbu_boot_code_version, "boot_code_version")},
+        {"tw_get_bbu_pcb_revision", textGetter<TW_VERSION_SIZE>(tw_get_bbu_pcb_revision, "pcb_revision")},
+        {"tw_get_bbu_factory_data", textGetter<TW_FACTORY_DATA_SIZE>(tw_get_bbu_factory_data, "factory_data")},
+        {"tw_get_boot_unit",
+         [](const Args& a, std::string& out, std::string& why) {
+             tw_id_type id = controllerId(a, why);
+             if (!why.empty()) return 0;
+             tw_id_type unit;
+             std::memset(&unit, 0xff, sizeof unit);
+             int rc = tw_get_boot_unit(id, &unit);
+             int n = -1;
+             tw_get_unit_number(unit, &n);
+             out = "boot_unit: " + std::to_string(n);
+             return rc;
+         }},
+        {"tw_set_boot_unit",
+         [](const Args& a, std::string&, std::string& why) {
+             int c = 0, u = 0;
+             tw_id_type unit;
+             if (a.size() != 2 || !number(a[0], c) || !number(a[1], u) ||
+                 tw_create_unit_id(c, u, nullptr, 0, &unit) != 0) {
+                 why = "expected CONTROLLER UNIT";
+                 return 0;
+             }
+             return tw_set_boot_unit(unit);
+         }},
+        {"tw_get_task_schedule",
+         [](const Args& a, std::string& out, std::string& why) {
+             tw_id_type id = controllerId(a, why);
+             if (!why.empty()) return 0;
+             tw_task_schedule_type schedule;
+             std::memset(&schedule, 0, sizeof schedule);
+             int rc = tw_get_task_schedule(id, &schedule);
+             static const char digits[] = "0123456789abcdef";
+             out = "schedule: ";
+             const auto* bytes = reinterpret_cast<const unsigned char*>(&schedule);
+             for (size_t i = 0; i < sizeof schedule; ++i) {
+                 out += digits[bytes[i] >> 4];
+                 out += digits[bytes[i] & 15];
+             }
+             return rc;
+         }},
+        {"tw_get_rebuild_task_item",
+         [](const Args& a, std::string& out, std::string& why) {
+             tw_id_type id = controllerId(a, why);
+             int day = 0;
+             if (!why.empty() || a.size() != 2 || !number(a[1], day)) {
+                 why = "expected CONTROLLER DAY";
+                 return 0;
+             }
+             tw_task_window_type item{};
+             int rc = tw_get_rebuild_task_item(id, day, &item);
+             out = "start_time: " + std::to_string(item.start_time) + "\nduration: " + std::to_string(item.duration);
+             return rc;
+         }},
+        {"tw_get_api_version",
+         [](const Args&, std::string& out, std::string&) {
+             out = std::string("version: ") + tw_get_api_version();
+             return 0;
+         }},
+    };
+    return all;
+}
+
+} // namespace
+
+std::string twFunctionNames()
+{
+    // Wrapped for the help text, which it ends.
+    std::string out, line;
+    for (const auto& [name, caller] : callers()) {
+        if (!line.empty() && line.size() + 1 + name.size() > 76) {
+            out += line + "\n";
+            line.clear();
+        }
+        line += (line.empty() ? "" : " ") + name;
+    }
+    return out + line;
+}
+
+int runTwCall(const Call& call)
+{
+    Words w;
+    int status = splitWords(call, {}, false, w);
+    if (status) return status;
+    if ((status = expectPositional(call, w, 2, SIZE_MAX))) return status;
+    auto module = openModule(call, w.positional[0], status);
+    if (!module) return status;
+    const std::string& name = w.positional[1];
+    auto it = callers().find(name);
+    if (it == callers().end()) return badUsage(call, "no function " + cell(name) + " (tavsim tw --help lists them)");
+    const Args args(w.positional.begin() + 2, w.positional.end());
+    SimPlatform platform(module->dir());
+    plat::ScopedPlatform scope(platform);
+    resetTwApi();
+    std::string out, why;
+    const int rc = it->second(args, out, why);
+    if (!why.empty()) return badUsage(call, name + ": " + why);
+    std::cout << name << " = " << rc << "\n";
+    if (!out.empty()) std::cout << out << "\n";
+    tw_api_error_type error;
+    std::memset(&error, 0, sizeof error);
+    tw_get_error_information(&error);
+    const std::string text(error.text, strnlen(error.text, sizeof error.text));
+    std::cout << "error: flags 0x" << std::hex << error.valid_error_flags << std::dec << " api " << error.api_error_code
+              << " os " << error.os_error_code << " driver " << error.driver_error_code << " controller "
+              << error.controller_error_code << "\n";
+    if (!text.empty()) std::cout << text << "\n";
+    return rc == 0 ? kDone : kRefused;
+}
+
+} // namespace sim::cli

@@ -1,0 +1,48 @@
+// controller_7000: the commands of the 7000 family, sent to the "3w-xxxx"
+// driver through nodes "/dev/twe%d". Each command opens the node and closes
+// it on every path.
+#pragma once
+
+#include <cstdint>
+
+#include "tw_api/tw_api.h"
+#include "tw_api/tw_api_private.h"
+
+class controller_7000 : public controller_base {
+public:
+    controller_7000() : controller_base(twp::kTable7000) {}
+
+    // A parameter of `size` bytes (at most 255) of table and parameter, of
+    // unit `unit` (0 for the controller's own), into or from `buffer`.
+    int ioctl_get_param(tw_id_type id, int table, int parameter, int size, void* buffer, int unit);
+    int ioctl_set_param(tw_id_type id, int table, int parameter, int size, const void* value, int unit);
+    // Scans the port of a port identifier (byte 2): API code 24 when it is
+    // not below the number of ports.
+    int ioctl_portscan(tw_id_type id);
+    // The controller's diagnostic log: as much as fits in *length, which
+    // then holds the count.
+    int ioctl_get_diagnostic_log(tw_id_type id, unsigned char* buffer, int* length);
+    // The one background task rate, 1 to 5, serving both rebuild and verify.
+    int get_background_task_rate(tw_id_type id, int* rate);
+    int set_background_task_rate(tw_id_type id, int rate);
+
+    // From the driver's text "/proc/scsi/3w-xxxx/<host>".
+    int get_driver_version(tw_id_type id, char* version) override;
+    int get_diagnostic_log(tw_id_type id, unsigned char* buffer, int* length) override;
+    int get_background_rebuild_rate(tw_id_type id, int* rate) override;
+    int set_background_rebuild_rate(tw_id_type id, int rate) override;
+    int get_background_verify_rate(tw_id_type id, int* rate) override;
+    int set_background_verify_rate(tw_id_type id, int rate) override;
+
+protected:
+    int read_param(tw_id_type id, const twp::Param& p, int unit, void* buffer) override;
+    int write_param(tw_id_type id, const twp::Param& p, int unit, const void* value) override;
+
+private:
+    // Sends a firmware command with `length` bytes of data through the
+    // controller's node, opened and closed here.
+    int send(tw_id_type id, TAG_GP_Command& command, void* data, uint32_t length);
+    int param_command(tw_id_type id, bool set, int table, int parameter, int size, void* buffer, int unit);
+};
+
+extern controller_7000 c7000;

@@ -1,0 +1,39 @@
+// controller_9000: the commands of the 9000 family, sent to the "3w-9xxx"
+// driver through nodes "/dev/twa%d". Each command opens the node and closes
+// it on every path.
+#pragma once
+
+#include <cstdint>
+
+#include "tw_api/tw_api.h"
+#include "tw_api/tw_api_private.h"
+
+class controller_9000 : public controller_base {
+public:
+    controller_9000() : controller_base(twp::kTable9000) {}
+
+    // A parameter of `size` bytes of table and parameter into `buffer`,
+    // which holds `bufferLength` bytes.
+    int get_parameter(tw_id_type id, void* buffer, int bufferLength, int table, int parameter, int size);
+    int set_parameter(tw_id_type id, int table, int parameter, int size, const void* value);
+    // The size of one scatter list entry in 32-bit words.
+    int get_sgl_size();
+    // The controller's lock, taken with up to 10 requests, and given back.
+    int aquire_read_lock(tw_id_type id);
+    int release_read_lock(tw_id_type id);
+    int aquire_write_lock(tw_id_type id);
+    int release_write_lock(tw_id_type id);
+
+    // By the driver's version request.
+    int get_driver_version(tw_id_type id, char* version) override;
+
+protected:
+    int read_param(tw_id_type id, const twp::Param& p, int unit, void* buffer) override;
+    int write_param(tw_id_type id, const twp::Param& p, int unit, const void* value) override;
+
+private:
+    int param_command(tw_id_type id, bool set, int table, int parameter, int size, void* buffer, int bufferLength);
+    int lock(tw_id_type id, uint32_t control_code, int tries);
+};
+
+extern controller_9000 c9000;

@@ -1,0 +1,656 @@
+// The wire records between the controller API and the two controller
+// drivers, their request and control codes, the firmware opcodes, and each
+// family's parameter table: for every information item, the table number,
+// the parameter number and the size on the wire, or "absent" where the
+// family has no such item.
+//
+// Everything here is fixed layout, little-endian, and constexpr, so that the
+// simulated firmware can answer from the same numbers.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "tw_api/tw_api.h"
+
+// ---------------------------------------------------------------------------
+// Firmware commands.
+
+// The 512-byte command of the 7000 family.
+struct TAG_GP_Command {
+    uint8_t byte0;       // opcode in the low 5 bits, scatter list offset in the high 3
+    uint8_t size;        // command size in 32-bit words
+    uint8_t request_id;
+    uint8_t byte3;       // unit in the low 4 bits
+    uint8_t status;      // set by the controller
+    uint8_t flags;       // set by the controller
+    uint16_t byte6;      // parameter count, and others by opcode
+    uint8_t byte8[504];  // the opcode's own data
+};
+static_assert(sizeof(TAG_GP_Command) == 512);
+static_assert(offsetof(TAG_GP_Command, byte0) == 0);
+static_assert(offsetof(TAG_GP_Command, size) == 1);
+static_assert(offsetof(TAG_GP_Command, request_id) == 2);
+static_assert(offsetof(TAG_GP_Command, byte3) == 3);
+static_assert(offsetof(TAG_GP_Command, status) == 4);
+static_assert(offsetof(TAG_GP_Command, flags) == 5);
+static_assert(offsetof(TAG_GP_Command, byte6) == 6);
+static_assert(offsetof(TAG_GP_Command, byte8) == 8);
+
+// The buffer of a 7000 driver call. The data follows the record at offset
+// 1024 (sizeof(TAG_TW_New_Ioctl)).
+struct TAG_TW_New_Ioctl {
+    uint32_t data_buffer_length;
+    uint8_t padding[508];
+    TAG_GP_Command firmware_command;
+};
+static_assert(sizeof(TAG_TW_New_Ioctl) == 1024);
+static_assert(offsetof(TAG_TW_New_Ioctl, data_buffer_length) == 0);
+static_assert(offsetof(TAG_TW_New_Ioctl, padding) == 4);
+static_assert(offsetof(TAG_TW_New_Ioctl, firmware_command) == 512);
+
+// The 9000 driver's own command, at the head of every 9000 call.
+struct TAG_GP_Command_Driver {
+    uint32_t control_code;
+    uint32_t status;
+    uint32_t unique_id;
+    uint32_t sequence_id;
+    uint32_t os_status;
+    uint32_t buffer_length;
+};
+static_assert(sizeof(TAG_GP_Command_Driver) == 24);
+static_assert(offsetof(TAG_GP_Command_Driver, control_code) == 0);
+static_assert(offsetof(TAG_GP_Command_Driver, status) == 4);
+static_assert(offsetof(TAG_GP_Command_Driver, unique_id) == 8);
+static_assert(offsetof(TAG_GP_Command_Driver, sequence_id) == 12);
+static_assert(offsetof(TAG_GP_Command_Driver, os_status) == 16);
+static_assert(offsetof(TAG_GP_Command_Driver, buffer_length) == 20);
+
+// The status block of the 9000 header: the controller's error word sits at
+// offset 4 of it, 22 of the full command.
+struct TAG_GP_Status_Block {
+    uint8_t status_flags[4];
+    uint16_t error;
+    uint8_t reserved[2];
+};
+static_assert(sizeof(TAG_GP_Status_Block) == 8);
+static_assert(offsetof(TAG_GP_Status_Block, error) == 4);
+
+// The 128-byte header in front of a 9000 command.
+struct TAG_GP_Header_Apache {
+    uint8_t sense_data[18];
+    TAG_GP_Status_Block status_block;
+    char err_specific_desc[98];  // the error's text, not always terminated
+    uint8_t header_desc[4];      // byte 0: the header's size, 128
+};
+static_assert(sizeof(TAG_GP_Header_Apache) == 128);
+static_assert(offsetof(TAG_GP_Header_Apache, sense_data) == 0);
+static_assert(offsetof(TAG_GP_Header_Apache, status_block) == 18);
+static_assert(offsetof(TAG_GP_Header_Apache, err_specific_desc) == 26);
+static_assert(offsetof(TAG_GP_Header_Apache, header_desc) == 124);
+
+// The 512-byte command of the 9000 family.
+struct TAG_GP_Command_Apache {
+    uint8_t byte0;  // opcode in the low 5 bits, scatter list offset in the high 3
+    uint8_t unit;
+    uint16_t request_id;
+    uint8_t status;
+    uint8_t sgl_offset;
+    uint16_t sgl_entries;
+    uint8_t cdb[16];
+    uint8_t padding[488];
+};
+static_assert(sizeof(TAG_GP_Command_Apache) == 512);
+static_assert(offsetof(TAG_GP_Command_Apache, byte0) == 0);
+static_assert(offsetof(TAG_GP_Command_Apache, unit) == 1);
+static_assert(offsetof(TAG_GP_Command_Apache, request_id) == 2);
+static_assert(offsetof(TAG_GP_Command_Apache, status) == 4);
+static_assert(offsetof(TAG_GP_Command_Apache, sgl_offset) == 5);
+static_assert(offsetof(TAG_GP_Command_Apache, sgl_entries) == 6);
+static_assert(offsetof(TAG_GP_Command_Apache, cdb) == 8);
+static_assert(offsetof(TAG_GP_Command_Apache, padding) == 24);
+
+// The 1024-byte full command of the 9000 family.
+struct TAG_GP_Command_Full {
+    TAG_GP_Header_Apache header;
+    TAG_GP_Command_Apache command;
+    uint8_t padding[384];
+};
+static_assert(sizeof(TAG_GP_Command_Full) == 1024);
+static_assert(offsetof(TAG_GP_Command_Full, header) == 0);
+static_assert(offsetof(TAG_GP_Command_Full, command) == 128);
+static_assert(offsetof(TAG_GP_Command_Full, padding) == 640);
+// The places the transport reads by number.
+static_assert(offsetof(TAG_GP_Command_Full, header.status_block.error) == 22);
+static_assert(offsetof(TAG_GP_Command_Full, header.err_specific_desc) == 26);
+static_assert(offsetof(TAG_GP_Command_Full, header.header_desc) == 124);
+static_assert(offsetof(TAG_GP_Command_Full, command.status) == 132);
+
+// The buffer of a 9000 driver call. The data follows the record at offset
+// 1536 (sizeof(TAG_TW_Ioctl_Apache)).
+struct TAG_TW_Ioctl_Apache {
+    TAG_GP_Command_Driver driver_command;
+    uint8_t padding[488];
+    TAG_GP_Command_Full firmware_command;
+};
+static_assert(sizeof(TAG_TW_Ioctl_Apache) == 1536);
+static_assert(offsetof(TAG_TW_Ioctl_Apache, driver_command) == 0);
+static_assert(offsetof(TAG_TW_Ioctl_Apache, padding) == 24);
+static_assert(offsetof(TAG_TW_Ioctl_Apache, firmware_command) == 512);
+static_assert(offsetof(TAG_TW_Ioctl_Apache, firmware_command.header.status_block.error) == 512 + 22);
+static_assert(offsetof(TAG_TW_Ioctl_Apache, firmware_command.command.status) == 512 + 132);
+
+// ---------------------------------------------------------------------------
+// Data records.
+
+// The header of a 7000 parameter; the value follows at offset 4.
+struct TAG_GP_Param {
+    uint16_t table_id;
+    uint8_t parameter_id;
+    uint8_t parameter_size_bytes;
+};
+static_assert(sizeof(TAG_GP_Param) == 4);
+static_assert(offsetof(TAG_GP_Param, table_id) == 0);
+static_assert(offsetof(TAG_GP_Param, parameter_id) == 2);
+static_assert(offsetof(TAG_GP_Param, parameter_size_bytes) == 3);
+
+// The header of a 9000 parameter; the value follows at offset 8. The table
+// number goes out or-ed with 0x8000.
+struct TAG_GP_Param_Apache {
+    uint16_t table_id;
+    uint16_t parameter_id;
+    uint16_t parameter_size_bytes;
+    uint16_t actual_parameter_size_bytes;
+};
+static_assert(sizeof(TAG_GP_Param_Apache) == 8);
+static_assert(offsetof(TAG_GP_Param_Apache, table_id) == 0);
+static_assert(offsetof(TAG_GP_Param_Apache, parameter_id) == 2);
+static_assert(offsetof(TAG_GP_Param_Apache, parameter_size_bytes) == 4);
+static_assert(offsetof(TAG_GP_Param_Apache, actual_parameter_size_bytes) == 6);
+
+// The data of a 9000 lock request.
+struct TAG_GP_Lock {
+    uint32_t timeout_msec;
+    uint32_t time_remaining_msec;
+    uint32_t force_flag;
+};
+static_assert(sizeof(TAG_GP_Lock) == 12);
+static_assert(offsetof(TAG_GP_Lock, timeout_msec) == 0);
+static_assert(offsetof(TAG_GP_Lock, time_remaining_msec) == 4);
+static_assert(offsetof(TAG_GP_Lock, force_flag) == 8);
+
+// One 9000 event. Widths chosen here: the code 16 bits, the small counts one
+// byte each, 98 bytes of parameter data as in the API's event record.
+struct TAG_GP_Event {
+    uint32_t sequence_id;
+    uint32_t time_stamp_sec;
+    uint16_t aen_code;
+    uint8_t severity;
+    uint8_t retrieved;
+    uint8_t repeat_count;
+    uint8_t parameter_len;
+    uint8_t parameter_data[98];
+};
+static_assert(sizeof(TAG_GP_Event) == 112);
+static_assert(offsetof(TAG_GP_Event, sequence_id) == 0);
+static_assert(offsetof(TAG_GP_Event, time_stamp_sec) == 4);
+static_assert(offsetof(TAG_GP_Event, aen_code) == 8);
+static_assert(offsetof(TAG_GP_Event, severity) == 10);
+static_assert(offsetof(TAG_GP_Event, retrieved) == 11);
+static_assert(offsetof(TAG_GP_Event, repeat_count) == 12);
+static_assert(offsetof(TAG_GP_Event, parameter_len) == 13);
+static_assert(offsetof(TAG_GP_Event, parameter_data) == 14);
+
+// A version in numbers: a 16-byte name (not always terminated) and eight
+// 16-bit fields.
+struct GP_VersionEx_S {
+    char name[16];
+    uint16_t Major;
+    uint16_t Minor;
+    uint16_t Branch;
+    uint16_t Build;
+    uint16_t LowCcode;
+    uint16_t HighCcode;
+    uint16_t FrmCcode;
+    uint16_t CardNum;
+};
+static_assert(sizeof(GP_VersionEx_S) == 32);
+static_assert(offsetof(GP_VersionEx_S, name) == 0);
+static_assert(offsetof(GP_VersionEx_S, Major) == 16);
+static_assert(offsetof(GP_VersionEx_S, Minor) == 18);
+static_assert(offsetof(GP_VersionEx_S, Branch) == 20);
+static_assert(offsetof(GP_VersionEx_S, Build) == 22);
+static_assert(offsetof(GP_VersionEx_S, LowCcode) == 24);
+static_assert(offsetof(GP_VersionEx_S, HighCcode) == 26);
+static_assert(offsetof(GP_VersionEx_S, FrmCcode) == 28);
+static_assert(offsetof(GP_VersionEx_S, CardNum) == 30);
+
+// The 9000 driver's answer to its version request: the version as text (32
+// bytes, not always terminated), then the same in numbers.
+struct TAG_GP_Version {
+    char text[32];
+    GP_VersionEx_S driver;
+};
+static_assert(sizeof(TAG_GP_Version) == 64);
+static_assert(offsetof(TAG_GP_Version, text) == 0);
+static_assert(offsetof(TAG_GP_Version, driver) == 32);
+
+// ---------------------------------------------------------------------------
+// Codes.
+
+namespace twp {
+
+// Offsets of the data behind the two call records.
+constexpr size_t k7000DataOffset = sizeof(TAG_TW_New_Ioctl);     // 1024
+constexpr size_t k9000DataOffset = sizeof(TAG_TW_Ioctl_Apache);  // 1536
+
+// The 7000 driver takes firmware commands under this one request.
+constexpr unsigned long kRequest7000Firmware = 0x1F;
+
+// 9000 control codes (the request of the driver call is the control code).
+constexpr uint32_t kControlFirmwarePassThrough = 264;
+constexpr uint32_t kControlAcquireLock = 262;  // read and write locks alike: the controller has one lock
+constexpr uint32_t kControlReleaseLock = 263;
+constexpr uint32_t kControlDriverVersion = 265;  // answers a TAG_GP_Version
+
+// 9000 driver statuses that end a call with 0 and nothing copied: no event
+// there, and a sequence number beyond the queue.
+constexpr uint32_t kDriverStatusNoEvent = 4099;
+constexpr uint32_t kDriverStatusEventOutOfRange = 4100;
+
+// Firmware opcodes; byte0 carries the scatter list offset (2) in its high bits.
+constexpr uint8_t kOpPortscan = 0x06;
+constexpr uint8_t kOpGetParam = 0x12;
+constexpr uint8_t kOpSetParam = 0x13;
+constexpr uint8_t kOpDiagnosticLog = 0x1D;
+constexpr uint8_t kSglOffsetParam = 2;
+constexpr uint8_t byte0Of(uint8_t opcode, uint8_t sglOffset) { return uint8_t((sglOffset << 5) | (opcode & 0x1F)); }
+static_assert(byte0Of(kOpGetParam, kSglOffsetParam) == 0x52);
+
+// Command sizes in 32-bit words. A port scan carries the port's mask bit as a
+// little-endian 32-bit word at bytes 8 to 11 of the command.
+constexpr uint8_t kSizeParam = 4;
+constexpr uint8_t kSizePortscan = 3;
+constexpr uint8_t kSizeDiagnosticLog = 4;
+constexpr size_t kPortscanMaskOffset = 8;
+
+// The 9000 header size written into byte 124 of every full command.
+constexpr uint8_t kHeaderDescSize = 128;
+// Or-ed into the table number of every 9000 parameter request.
+constexpr uint16_t kTableIdFlag9000 = 0x8000;
+// The lock request's time-out and how many sends it makes.
+constexpr uint32_t kLockTimeoutMsec = 5000;
+constexpr int kLockTries = 10;
+// The 9000 busy loop: tries and the wait between them.
+constexpr int kBusyTries = 1000;
+constexpr unsigned kBusyWaitUsec = 1000;
+
+// The error record's flags.
+constexpr uint32_t kFlagApi = 1;
+constexpr uint32_t kFlagOs = 2;
+constexpr uint32_t kFlagDriver = 4;
+constexpr uint32_t kFlagController = 8;
+constexpr uint32_t kFlag7000 = 0x10000;
+constexpr uint32_t kFlag9000 = 0x20000;
+
+// Compatibility numbers accepted: above the low and below the high limit.
+constexpr int kCompat7000Low = 5;
+constexpr int kCompat7000High = 7;
+constexpr int kCompat9000Low = 22;
+constexpr int kCompat9000High = 28;
+
+// The largest 7000 parameter: its size field is one byte.
+constexpr unsigned kMax7000ParamSize = 255;
+
+// The 7000 driver's text "/proc/scsi/3w-xxxx/<host>" names its version on the
+// line that begins with this label; the version is the rest of that line.
+constexpr const char kProcDriverVersionLabel[] = "Driver version:";
+
+// Limits of the settings: rates take 1 to 5, spinups 1 to 16 drives at a
+// time, the stagger time 0 to 60 seconds between spin-up groups.
+constexpr int kRateMin = 1;
+constexpr int kRateMax = 5;
+constexpr int kSpinupsMin = 1;
+constexpr int kSpinupsMax = 16;
+constexpr int kStaggerMin = 0;
+constexpr int kStaggerMax = 60;
+
+// The task schedule: seven days of five 16-bit words. The task items are
+// the days' windows of it, read and written through the whole schedule.
+constexpr unsigned kTaskScheduleSize = 70;
+
+// ---------------------------------------------------------------------------
+// The families' parameter tables.
+
+enum class Item : uint8_t {
+    // Controller information.
+    Model,
+    SerialNumber,
+    PcbRevision,
+    AChipVersion,
+    PChipVersion,
+    FirmwareVersion,
+    BiosVersion,
+    MonitorVersion,
+    Compatibility,
+    NumberOfPorts,
+    NumberOfDrives,
+    NumberOfUnits,
+    ControllerLog,
+    DiagnosticLog,
+    UnitStatus,  // 7000: one status byte a unit; 9000: one unit's byte, table plus the unit
+    // Settings and tasks.
+    AvMode,
+    BootUnit,
+    CachePolicy,
+    JbodPolicy,
+    BackgroundTaskRate,  // the 7000's one rate
+    RebuildRate,
+    VerifyRate,
+    SelftestFlags,
+    TaskSchedule,
+    RebuildScheduleState,
+    VerifyScheduleState,
+    SpinupsAllowed,
+    StaggerTime,
+    MediaScan,
+    Shutdown,
+    // Battery backup unit.
+    BbuPresent,
+    BbuBatteryPresent,
+    BbuTestInProgress,
+    BbuChargeInProgress,
+    BbuEnabled,
+    BbuInitializeBattery,
+    BbuTestBattery,
+    BbuStatus,
+    BbuStatusSummary,
+    BbuOnlineState,
+    BbuVoltageStatus,
+    BbuTemperatureStatus,
+    BbuCapacity,
+    BbuChargeVoltage,
+    BbuInstallationDate,
+    BbuLastTestDate,
+    BbuSerialNumber,
+    BbuFirmwareVersion,
+    BbuBootCodeVersion,
+    BbuPcbRevision,
+    BbuFactoryData,
+    Count
+};
+constexpr size_t kItemCount = size_t(Item::Count);
+
+// One row: where an item lives. `present` false: the family has no such item.
+struct Param {
+    bool present;
+    uint16_t table;
+    uint16_t parameter;
+    uint16_t size;
+};
+constexpr Param absent() { return Param{false, 0, 0, 0}; }
+constexpr Param at(uint16_t table, uint16_t parameter, uint16_t size) { return Param{true, table, parameter, size}; }
+
+// Tables of both families: 1026 identity, 1027 settings, 1028 tasks and
+// schedules, 1029 the battery backup unit, 1030 logs; 2 the 7000's unit
+// statuses; 768 plus the unit a 9000 unit.
+constexpr uint16_t kTableIdentity = 1026;
+constexpr uint16_t kTableSettings = 1027;
+constexpr uint16_t kTableTasks = 1028;
+constexpr uint16_t kTableBattery = 1029;
+constexpr uint16_t kTableLogs = 1030;
+constexpr uint16_t kTable7000UnitStatus = 2;
+constexpr uint16_t kTable9000UnitBase = 768;
+
+// Sizes of the logs. The 7000's diagnostic log comes by its own opcode.
+constexpr uint16_t kControllerLogSize = 255;
+constexpr uint16_t kDiagnosticLogSize = 1024;
+
+// Texts are not terminated on the wire; each size is the whole field. Numbers
+// are little-endian of the given size. Flags and states are one byte, 0 or 1,
+// unless said otherwise.
+struct FamilyTable {
+    Param rows[kItemCount];
+    constexpr const Param& operator[](Item item) const { return rows[size_t(item)]; }
+};
+
+namespace detail {
+constexpr FamilyTable make7000()
+{
+    FamilyTable t{};
+    for (auto& r : t.rows)
+        r = absent();
+    auto set = [&t](Item i, Param p) { t.rows[size_t(i)] = p; };
+    set(Item::FirmwareVersion, at(kTableIdentity, 3, 16));
+    set(Item::BiosVersion, at(kTableIdentity, 4, 16));
+    set(Item::MonitorVersion, at(kTableIdentity, 5, 16));
+    set(Item::PcbRevision, at(kTableIdentity, 6, 8));
+    set(Item::AChipVersion, at(kTableIdentity, 7, 8));
+    set(Item::Model, at(kTableIdentity, 8, 16));
+    set(Item::PChipVersion, at(kTableIdentity, 9, 8));
+    set(Item::SerialNumber, at(kTableIdentity, 10, 16));
+    set(Item::Compatibility, at(kTableIdentity, 11, 2));
+    set(Item::NumberOfPorts, at(kTableIdentity, 12, 1));
+    set(Item::NumberOfDrives, at(kTableIdentity, 13, 1));
+    set(Item::NumberOfUnits, at(kTableIdentity, 14, 1));
+    set(Item::UnitStatus, at(kTable7000UnitStatus, 3, 16));
+    set(Item::ControllerLog, at(kTableLogs, 1, kControllerLogSize));
+    set(Item::AvMode, at(kTableSettings, 1, 1));
+    set(Item::BootUnit, at(kTableSettings, 2, 1));
+    set(Item::CachePolicy, at(kTableSettings, 3, 1));
+    set(Item::JbodPolicy, at(kTableSettings, 4, 1));
+    set(Item::BackgroundTaskRate, at(kTableSettings, 5, 1));
+    set(Item::MediaScan, at(kTableSettings, 9, 1));
+    set(Item::Shutdown, at(kTableSettings, 10, 1));
+    return t;
+}
+
+constexpr FamilyTable make9000()
+{
+    FamilyTable t{};
+    for (auto& r : t.rows)
+        r = absent();
+    auto set = [&t](Item i, Param p) { t.rows[size_t(i)] = p; };
+    set(Item::FirmwareVersion, at(kTableIdentity, 3, 32));
+    set(Item::BiosVersion, at(kTableIdentity, 4, 32));
+    set(Item::MonitorVersion, at(kTableIdentity, 5, 32));
+    set(Item::PcbRevision, at(kTableIdentity, 6, 32));
+    set(Item::AChipVersion, at(kTableIdentity, 7, 32));
+    set(Item::Model, at(kTableIdentity, 8, 64));
+    set(Item::PChipVersion, at(kTableIdentity, 9, 32));
+    set(Item::SerialNumber, at(kTableIdentity, 10, 32));
+    set(Item::Compatibility, at(kTableIdentity, 11, 2));
+    set(Item::NumberOfPorts, at(kTableIdentity, 12, 1));
+    set(Item::NumberOfDrives, at(kTableIdentity, 13, 1));
+    set(Item::NumberOfUnits, at(kTableIdentity, 14, 1));
+    set(Item::UnitStatus, at(kTable9000UnitBase, 3, 1));  // table: 768 plus the unit
+    set(Item::ControllerLog, at(kTableLogs, 1, kControllerLogSize));
+    set(Item::DiagnosticLog, at(kTableLogs, 2, kDiagnosticLogSize));
+    set(Item::AvMode, at(kTableSettings, 1, 1));
+    set(Item::BootUnit, at(kTableSettings, 2, 1));
+    set(Item::CachePolicy, at(kTableSettings, 3, 1));
+    set(Item::JbodPolicy, at(kTableSettings, 4, 1));
+    set(Item::RebuildRate, at(kTableSettings, 5, 1));
+    set(Item::VerifyRate, at(kTableSettings, 6, 1));
+    set(Item::SpinupsAllowed, at(kTableSettings, 7, 1));
+    set(Item::StaggerTime, at(kTableSettings, 8, 1));
+    set(Item::MediaScan, at(kTableSettings, 9, 1));
+    set(Item::Shutdown, at(kTableSettings, 10, 1));
+    set(Item::SelftestFlags, at(kTableTasks, 1, 2));  // 16-bit flag word
+    set(Item::TaskSchedule, at(kTableTasks, 5, kTaskScheduleSize));
+    set(Item::RebuildScheduleState, at(kTableTasks, 6, 1));
+    set(Item::VerifyScheduleState, at(kTableTasks, 7, 1));
+    set(Item::BbuPresent, at(kTableBattery, 1, 1));
+    set(Item::BbuBatteryPresent, at(kTableBattery, 2, 1));
+    set(Item::BbuTestInProgress, at(kTableBattery, 3, 1));
+    set(Item::BbuChargeInProgress, at(kTableBattery, 4, 1));
+    set(Item::BbuEnabled, at(kTableBattery, 5, 1));
+    set(Item::BbuInitializeBattery, at(kTableBattery, 6, 1));  // written 1 to start
+    set(Item::BbuTestBattery, at(kTableBattery, 7, 1));        // written 1 to start
+    set(Item::BbuStatus, at(kTableBattery, 8, 1));
+    set(Item::BbuStatusSummary, at(kTableBattery, 9, 1));
+    set(Item::BbuOnlineState, at(kTableBattery, 10, 1));
+    set(Item::BbuVoltageStatus, at(kTableBattery, 11, 1));
+    set(Item::BbuTemperatureStatus, at(kTableBattery, 12, 1));
+    set(Item::BbuCapacity, at(kTableBattery, 13, 2));       // hours, 16 bits
+    set(Item::BbuChargeVoltage, at(kTableBattery, 14, 1));  // a code, 0 to 4
+    set(Item::BbuInstallationDate, at(kTableBattery, 15, 16));  // text like "15-Mar-2006"
+    set(Item::BbuLastTestDate, at(kTableBattery, 16, 16));
+    set(Item::BbuSerialNumber, at(kTableBattery, 17, 32));
+    set(Item::BbuFirmwareVersion, at(kTableBattery, 18, 32));
+    set(Item::BbuBootCodeVersion, at(kTableBattery, 19, 32));
+    set(Item::BbuPcbRevision, at(kTableBattery, 20, 32));
+    set(Item::BbuFactoryData, at(kTableBattery, 21, 32));
+    return t;
+}
+}  // namespace detail
+
+constexpr FamilyTable kTable7000 = detail::make7000();
+constexpr FamilyTable kTable9000 = detail::make9000();
+
+// The numbers written by hand elsewhere are the ones these tables hold.
+static_assert(kTable7000[Item::Model].table == 1026 && kTable7000[Item::Model].parameter == 8 &&
+              kTable7000[Item::Model].size == 16);
+static_assert(kTable7000[Item::FirmwareVersion].parameter == 3 && kTable7000[Item::BiosVersion].parameter == 4);
+static_assert(kTable7000[Item::Compatibility].table == 1026 && kTable7000[Item::Compatibility].parameter == 11);
+static_assert(kTable7000[Item::UnitStatus].table == 2 && kTable7000[Item::UnitStatus].parameter == 3);
+static_assert(kTable9000[Item::UnitStatus].table == 768 && kTable9000[Item::UnitStatus].parameter == 3 &&
+              kTable9000[Item::UnitStatus].size == 1);
+static_assert(kTable9000[Item::Model].size == 64);
+static_assert(!kTable7000[Item::BbuPresent].present && !kTable7000[Item::TaskSchedule].present);
+
+constexpr bool sizesFit7000()
+{
+    for (const auto& r : kTable7000.rows)
+        if (r.present && (r.size == 0 || r.size > kMax7000ParamSize))
+            return false;
+    return true;
+}
+static_assert(sizesFit7000());
+
+}  // namespace twp
+
+// ---------------------------------------------------------------------------
+// The pattern both families share: an item is read or written whole through
+// the family's table; what differs between the families is the table and the
+// two parameter calls.
+
+// Cuts the leading and trailing spaces of a text, not the inner ones.
+void strip_spaces(char* text);
+// Writes `text` into `out` of `outSize` bytes, cut to fit, zero-filled behind.
+void copy_text(char* out, size_t outSize, const char* text);
+
+class controller_base {
+public:
+    virtual ~controller_base() = default;
+    controller_base(const controller_base&) = delete;
+    controller_base& operator=(const controller_base&) = delete;
+
+    // Controller information.
+    int get_model(tw_id_type id, char* model);
+    int get_serial_number(tw_id_type id, char* serial_number);
+    int get_pcb_revision(tw_id_type id, char* pcb_revision);
+    int get_a_chip_version(tw_id_type id, char* version);
+    int get_p_chip_version(tw_id_type id, char* version);
+    int get_firmware_version(tw_id_type id, char* version);
+    int get_bios_version(tw_id_type id, char* version);
+    int get_monitor_version(tw_id_type id, char* version);
+    virtual int get_driver_version(tw_id_type id, char* version) = 0;
+    int get_number_of_ports(tw_id_type id, int* ports);
+    int get_number_of_drives(tw_id_type id, int* drives);
+    int get_number_of_units(tw_id_type id, int* units);
+    int get_controller_log(tw_id_type id, unsigned char* buffer, int* length);
+    virtual int get_diagnostic_log(tw_id_type id, unsigned char* buffer, int* length);
+    int get_avmode(tw_id_type id, int* avmode);
+    int get_boot_unit(tw_id_type id, tw_id_type* unit_id);
+    int get_cache_policy(tw_id_type id, int* policy);
+    int get_jbod_policy(tw_id_type id, int* policy);
+
+    // Settings and tasks.
+    virtual int get_background_rebuild_rate(tw_id_type id, int* rate);
+    virtual int set_background_rebuild_rate(tw_id_type id, int rate);
+    virtual int get_background_verify_rate(tw_id_type id, int* rate);
+    virtual int set_background_verify_rate(tw_id_type id, int rate);
+    int get_selftest_flags(tw_id_type id, int* flags);
+    int set_selftest_flags(tw_id_type id, int flags);
+    int get_rebuild_task_item(tw_id_type id, int day, tw_task_window_type* item);
+    int set_rebuild_task_item(tw_id_type id, int day, tw_task_window_type item);
+    int get_verify_task_item(tw_id_type id, int day, tw_task_window_type* item);
+    int set_verify_task_item(tw_id_type id, int day, tw_task_window_type item);
+    int get_selftest_task_item(tw_id_type id, int day, int* start_time);
+    int set_selftest_task_item(tw_id_type id, int day, int start_time);
+    int get_task_schedule(tw_id_type id, tw_task_schedule_type* schedule);
+    int set_task_schedule(tw_id_type id, const tw_task_schedule_type* schedule);
+    int get_rebuild_schedule_state(tw_id_type id, int* state);
+    int get_verify_schedule_state(tw_id_type id, int* state);
+    int enable_rebuild_task_schedule(tw_id_type id);
+    int disable_rebuild_task_schedule(tw_id_type id);
+    int enable_verify_task_schedule(tw_id_type id);
+    int disable_verify_task_schedule(tw_id_type id);
+    int get_spinups_allowed(tw_id_type id, int* spinups);
+    int set_spinups_allowed(tw_id_type id, int spinups);
+    int get_stagger_time(tw_id_type id, int* stagger_time);
+    int set_stagger_time(tw_id_type id, int stagger_time);
+    int enable_avmode(tw_id_type id);
+    int disable_avmode(tw_id_type id);
+    int enable_jbod_online(tw_id_type id);
+    int disable_jbod_online(tw_id_type id);
+    int set_boot_unit(tw_id_type unit_id);
+    int disable_cache_on_unit_degrade(tw_id_type id);
+    int use_unit_cache_states(tw_id_type id);
+    int shutdown(tw_id_type id);
+    int pause_mediascan(tw_id_type id);
+    int resume_mediascan(tw_id_type id);
+
+    // Battery backup unit.
+    int bbu_is_present(tw_id_type id, int* present);
+    int bbu_battery_is_present(tw_id_type id, int* present);
+    int bbu_battery_test_in_progress(tw_id_type id, int* in_progress);
+    int bbu_battery_charge_in_progress(tw_id_type id, int* in_progress);
+    int bbu_enable(tw_id_type id);
+    int bbu_disable(tw_id_type id);
+    int bbu_initialize_battery(tw_id_type id);
+    int bbu_test_battery(tw_id_type id);
+    int get_bbu_status(tw_id_type id, int* status);
+    int get_bbu_status_summary(tw_id_type id, int* summary);
+    int get_bbu_online_state(tw_id_type id, int* state);
+    int get_bbu_battery_voltage_status(tw_id_type id, int* status);
+    int get_bbu_battery_temperature_status(tw_id_type id, int* status);
+    int get_bbu_battery_capacity(tw_id_type id, int* capacity);
+    int get_bbu_battery_charge_voltage(tw_id_type id, int* voltage);
+    int get_bbu_battery_installation_date(tw_id_type id, char* date);
+    int get_bbu_last_battery_test_date(tw_id_type id, char* date);
+    int get_bbu_serial_number(tw_id_type id, char* serial_number);
+    int get_bbu_firmware_version(tw_id_type id, char* version);
+    int get_bbu_boot_code_version(tw_id_type id, char* version);
+    int get_bbu_pcb_revision(tw_id_type id, char* pcb_revision);
+    int get_bbu_factory_data(tw_id_type id, char* factory_data);
+
+protected:
+    explicit controller_base(const twp::FamilyTable& table) : table_(table) {}
+
+    // One parameter of the family, read into `buffer` (p.size bytes) or
+    // written from `value` (p.size bytes).
+    virtual int read_param(tw_id_type id, const twp::Param& p, int unit, void* buffer) = 0;
+    virtual int write_param(tw_id_type id, const twp::Param& p, int unit, const void* value) = 0;
+
+    // The family has the item; if not, the error is cleared and set to API
+    // code 2, "Feature not supported".
+    bool supported(twp::Item item);
+    // A text item into `out` of `outSize` bytes, spaces stripped, terminated.
+    int get_text(tw_id_type id, twp::Item item, char* out, size_t outSize);
+    // A little-endian number of 1 to 4 bytes.
+    int get_number(tw_id_type id, twp::Item item, int* out);
+    int set_number(tw_id_type id, twp::Item item, int value);
+    // A number in [low, high], else `code` set and -1.
+    int set_checked(tw_id_type id, twp::Item item, int value, int low, int high, uint32_t code);
+    // A log item: as much as fits in *length, which then holds the count.
+    int get_log(tw_id_type id, twp::Item item, unsigned char* buffer, int* length);
+
+    const twp::FamilyTable& table_;
+
+private:
+    int get_schedule(tw_id_type id, tw_task_schedule_type* schedule);
+    int get_window(tw_id_type id, int day, bool rebuild, tw_task_window_type* item);
+    int set_window(tw_id_type id, int day, bool rebuild, tw_task_window_type item);
+};
