@@ -222,15 +222,19 @@ const std::vector<Command> kCommands = {
      "driver-loaded=0 unloads the driver, controller-found=0 leaves it without\n"
      "its controller, compatibility=N changes the number the firmware gives.\n",
      runTw},
-    {"tw", "DIR FUNCTION [CONTROLLER [VALUE]]", "call one function of the controller API against the module",
+    {"tw", "DIR FUNCTION [ARGS...]", "call one function of the controller API against the module",
      "Calls one function of the controller API in this process, against the\n"
      "module, after the API's state is made anew (its nodes made and its\n"
      "controllers found, as at a program's start), and prints FUNCTION = RESULT,\n"
      "the outputs (NAME: VALUE), and the error record: its flags and codes, then\n"
-     "the text tw_get_error_information gives. CONTROLLER is the controller's\n"
-     "number; setters take the VALUE to set (tw_set_boot_unit a unit number, the\n"
-     "task items a day). Exit status 0 when the function gave 0, 1 when it gave\n"
-     "-1. The functions:\n@TWFUNCTIONS@\n",
+     "the text tw_get_error_information gives. ARGS are the controller's number\n"
+     "and what the function takes after it: a setter the VALUE to set,\n"
+     "tw_set_boot_unit a unit number, a task item DAY (and START DURATION, or\n"
+     "START for the self-test), tw_set_task_schedule the 140 hex digits that\n"
+     "tw_get_task_schedule prints; the identifier makers take CONTROLLER and a\n"
+     "number (and SUBUNITS for a unit) and print the identifier's bytes. Exit\n"
+     "status 0 when the function gave 0, 1 when it gave -1, 2 for arguments it\n"
+     "cannot take. The functions:\n@TWFUNCTIONS@\n",
      runTwCall},
     {"hp", "DIR [set LABEL=VALUE... | remove]", "the HP array controller of slot 0 as its tool shows it; set it",
      kHpHelp, runHp},

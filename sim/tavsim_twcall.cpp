@@ -103,6 +103,91 @@ Caller logGetter(int (*f)(tw_id_type, unsigned char*, int*))
     };
 }
 
+// A day's window of the schedule: CONTROLLER DAY, and for a set START DURATION.
+Caller windowGetter(int (*f)(tw_id_type, int, tw_task_window_type*))
+{
+    return [f](const Args& a, std::string& out, std::string& why) {
+        tw_id_type id = controllerId(a, why);
+        int day = 0;
+        if (!why.empty() || a.size() != 2 || !number(a[1], day)) {
+            why = "expected CONTROLLER DAY";
+            return 0;
+        }
+        tw_task_window_type item{};
+        int rc = f(id, day, &item);
+        out = "start_time: " + std::to_string(item.start_time) + "\nduration: " + std::to_string(item.duration);
+        return rc;
+    };
+}
+
+Caller windowSetter(int (*f)(tw_id_type, int, tw_task_window_type))
+{
+    return [f](const Args& a, std::string&, std::string& why) {
+        tw_id_type id = controllerId(a, why);
+        int day = 0, start = 0, duration = 0;
+        if (!why.empty() || a.size() != 4 || !number(a[1], day) || !number(a[2], start) || !number(a[3], duration) ||
+            start < 0 || start > 0xffff || duration < 0 || duration > 0xffff) {
+            why = "expected CONTROLLER DAY START DURATION (START and DURATION 0 to 65535 minutes)";
+            return 0;
+        }
+        tw_task_window_type item{};
+        item.start_time = static_cast<uint16_t>(start);
+        item.duration = static_cast<uint16_t>(duration);
+        return f(id, day, item);
+    };
+}
+
+// Bytes as lower-case hex, and back; false for a text of another length or
+// with other characters.
+std::string hexText(const void* data, size_t size)
+{
+    static const char digits[] = "0123456789abcdef";
+    std::string out;
+    const auto* bytes = static_cast<const unsigned char*>(data);
+    for (size_t i = 0; i < size; ++i) {
+        out += digits[bytes[i] >> 4];
+        out += digits[bytes[i] & 15];
+    }
+    return out;
+}
+
+bool fromHex(const std::string& text, void* data, size_t size)
+{
+    if (text.size() != 2 * size) return false;
+    auto* bytes = static_cast<unsigned char*>(data);
+    for (size_t i = 0; i < size; ++i) {
+        unsigned v = 0;
+        for (int k = 0; k < 2; ++k) {
+            const char c = text[2 * i + k];
+            const int d = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+            if (d < 0) return false;
+            v = v * 16 + static_cast<unsigned>(d);
+        }
+        bytes[i] = static_cast<unsigned char>(v);
+    }
+    return true;
+}
+
+// An identifier made by one of the four constructors from NUMBERS, with its
+// bytes and what the reader of its kind gives back.
+Caller idMaker(int (*make)(int, int, tw_id_type*), int (*read)(tw_id_type, int*), const char* label)
+{
+    return [make, read, label](const Args& a, std::string& out, std::string& why) {
+        int c = 0, n = 0;
+        if (a.size() != 2 || !number(a[0], c) || !number(a[1], n)) {
+            why = "expected CONTROLLER NUMBER";
+            return 0;
+        }
+        tw_id_type id;
+        std::memset(&id, 0, sizeof id);
+        int rc = make(c, n, &id);
+        int back = -1;
+        if (rc == 0) read(id, &back);
+        out = "id: " + hexText(id.id, sizeof id.id) + "\n" + label + ": " + std::to_string(back);
+        return rc;
+    };
+}
+
 const std::map<std::string, Caller>& callers()
 {
     static const std::map<std::string, Caller> all = {
@@ -215,16 +300,24 @@ const std::map<std::string, Caller>& callers()
              tw_task_schedule_type schedule;
              std::memset(&schedule, 0, sizeof schedule);
              int rc = tw_get_task_schedule(id, &schedule);
-             static const char digits[] = "0123456789abcdef";
-             out = "schedule: ";
-             const auto* bytes = reinterpret_cast<const unsigned char*>(&schedule);
-             for (size_t i = 0; i < sizeof schedule; ++i) {
-                 out += digits[bytes[i] >> 4];
-                 out += digits[bytes[i] & 15];
-             }
+             out = "schedule: " + hexText(&schedule, sizeof schedule);
              return rc;
          }},
-        {"tw_get_rebuild_task_item",
+        {"tw_set_task_schedule",
+         [](const Args& a, std::string&, std::string& why) {
+             tw_id_type id = controllerId(a, why);
+             tw_task_schedule_type schedule;
+             if (!why.empty() || a.size() != 2 || !fromHex(a[1], &schedule, sizeof schedule)) {
+                 why = "expected CONTROLLER SCHEDULE (140 hex digits, as tw_get_task_schedule prints it)";
+                 return 0;
+             }
+             return tw_set_task_schedule(id, &schedule);
+         }},
+        {"tw_get_rebuild_task_item", windowGetter(tw_get_rebuild_task_item)},
+        {"tw_set_rebuild_task_item", windowSetter(tw_set_rebuild_task_item)},
+        {"tw_get_verify_task_item", windowGetter(tw_get_verify_task_item)},
+        {"tw_set_verify_task_item", windowSetter(tw_set_verify_task_item)},
+        {"tw_get_selftest_task_item",
          [](const Args& a, std::string& out, std::string& why) {
              tw_id_type id = controllerId(a, why);
              int day = 0;
@@ -232,10 +325,61 @@ const std::map<std::string, Caller>& callers()
                  why = "expected CONTROLLER DAY";
                  return 0;
              }
-             tw_task_window_type item{};
-             int rc = tw_get_rebuild_task_item(id, day, &item);
-             out = "start_time: " + std::to_string(item.start_time) + "\nduration: " + std::to_string(item.duration);
+             int start = 0;
+             int rc = tw_get_selftest_task_item(id, day, &start);
+             out = "start_time: " + std::to_string(start);
              return rc;
+         }},
+        {"tw_set_selftest_task_item",
+         [](const Args& a, std::string&, std::string& why) {
+             tw_id_type id = controllerId(a, why);
+             int day = 0, start = 0;
+             if (!why.empty() || a.size() != 3 || !number(a[1], day) || !number(a[2], start)) {
+                 why = "expected CONTROLLER DAY START";
+                 return 0;
+             }
+             return tw_set_selftest_task_item(id, day, start);
+         }},
+        {"tw_create_controller_id",
+         [](const Args& a, std::string& out, std::string& why) {
+             int c = 0;
+             if (a.size() != 1 || !number(a[0], c)) {
+                 why = "expected CONTROLLER";
+                 return 0;
+             }
+             tw_id_type id;
+             std::memset(&id, 0, sizeof id);
+             int rc = tw_create_controller_id(c, &id);
+             int back = -1;
+             if (rc == 0) tw_get_controller_number(id, &back);
+             out = "id: " + hexText(id.id, sizeof id.id) + "\ncontroller: " + std::to_string(back);
+             return rc;
+         }},
+        {"tw_create_unit_id",
+         [](const Args& a, std::string& out, std::string& why) {
+             int c = 0, u = 0;
+             int subunits[4] = {};
+             const size_t count = a.size() < 2 ? 0 : a.size() - 2;
+             bool ok = a.size() >= 2 && count <= 4 && number(a[0], c) && number(a[1], u);
+             for (size_t i = 0; ok && i < count; ++i) ok = number(a[2 + i], subunits[i]);
+             if (!ok) {
+                 why = "expected CONTROLLER UNIT [SUBUNIT...] (at most 4 subunits)";
+                 return 0;
+             }
+             tw_id_type id;
+             std::memset(&id, 0, sizeof id);
+             int rc = tw_create_unit_id(c, u, subunits, static_cast<int>(count), &id);
+             int back = -1;
+             if (rc == 0) tw_get_unit_number(id, &back);
+             out = "id: " + hexText(id.id, sizeof id.id) + "\nunit: " + std::to_string(back);
+             return rc;
+         }},
+        {"tw_create_drive_id", idMaker(tw_create_drive_id, tw_get_drive_number, "drive")},
+        {"tw_create_port_id", idMaker(tw_create_port_id, tw_get_port_number, "port")},
+        {"tw_get_api_copyright",
+         [](const Args&, std::string& out, std::string&) {
+             out = std::string("copyright: ") + tw_get_api_copyright();
+             return 0;
          }},
         {"tw_get_api_version",
          [](const Args&, std::string& out, std::string&) {

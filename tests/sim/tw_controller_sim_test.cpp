@@ -532,6 +532,18 @@ TEST(TwTavsim, ThreeWareSetArmsFaultsThatTheApiMeetsAndTheLogShows)
     EXPECT_NE(r.out.find("model: SIMRAID 9K-4\n"), std::string::npos) << "the fault is spent: " << r.out;
     EXPECT_EQ(simtest::tavsim({"tw", d, "tw_no_such_thing", "0"}).status, 2);
 
+    // The schedule goes out and comes back as the 140 hex digits it prints.
+    const std::string schedule = "2c01" + std::string(136, '0');
+    ASSERT_EQ(simtest::tavsim({"tw", d, "tw_set_task_schedule", "0", schedule}).status, 0);
+    EXPECT_NE(simtest::tavsim({"tw", d, "tw_get_task_schedule", "0"}).out.find("schedule: " + schedule + "\n"),
+              std::string::npos);
+    EXPECT_EQ(simtest::tavsim({"tw", d, "tw_set_task_schedule", "0", "2c01"}).status, 2);
+    ASSERT_EQ(simtest::tavsim({"tw", d, "tw_set_verify_task_item", "0", "3", "100", "60"}).status, 0);
+    EXPECT_NE(simtest::tavsim({"tw", d, "tw_get_verify_task_item", "0", "3"}).out.find("start_time: 100\nduration: 60\n"),
+              std::string::npos);
+    r = simtest::tavsim({"tw", d, "tw_create_unit_id", "0", "2", "1"});
+    EXPECT_NE(r.out.find("id: 0200ff020201ffff\nunit: 2\n"), std::string::npos) << r.out;
+
     // driver-loaded=0 takes "twa" out of /proc/devices: no controller for the API.
     ASSERT_EQ(simtest::tavsim({"3ware", d, "set", "driver-loaded=0"}).status, 0);
     EXPECT_FALSE(m.exists("/proc/scsi/3w-9xxx/0"));
