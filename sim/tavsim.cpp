@@ -202,6 +202,10 @@ const std::vector<Command> kCommands = {
      "lay in, show or kill the module's daemons (store, vmgr, mgr)", kDaemonsHelp, runDaemons},
     {"services", "DIR [--json] [--debug LEVEL] run COMMAND [ARGS]...",
      "run the daemons' service commands in one process: join, start, stop, leave", kServicesHelp, runServices},
+    {"keys", "DIR [--json] [set KEY VALUE | unset KEY | fail KEY TEXT | twice KEY V1 V2 | raw KEY VALUE]",
+     "the key source that answers the management plane; change a key", kKeysHelp, runKeys},
+    {"mgmt", "DIR [--local | --user NAME] [--json] COMMAND...", "run management commands through a session",
+     kMgmtHelp, runMgmt},
 };
 
 std::string joined(const std::vector<std::string>& words)

@@ -117,6 +117,10 @@ int runMd(const Call& call);
 int runDsp(const Call& call);
 int runBay(const Call& call);
 int runNvram(const Call& call);
+int runKeys(const Call& call);
+int runMgmt(const Call& call);
+extern const char kKeysHelp[];
+extern const char kMgmtHelp[];
 extern const char kNvramHelp[];
 // Prints the help of "tavsim nvram DIR SUB --help"; false when no subcommand is named.
 bool nvramSubcommandHelp(const std::vector<std::string>& args);
