@@ -226,7 +226,8 @@ std::string createModule(const std::string& dir, const CreateOptions& options)
                   writeText(root, Module::stateFile("md"), freshMdState()) &&
                   writeText(root, Module::stateFile("md.log"), "") &&
                   writeText(root, Module::stateFile("services"), "syslog running\ncrond running\n") &&
-                  writeText(root, Module::stateFile("keys"), defaultKeys(m.platform));
+                  writeText(root, Module::stateFile("keys"), defaultKeys(m.platform)) &&
+                  writeText(root, Module::stateFile("hostname"), hostnameOf(m.moduleSerial) + "\n");
         if (!ok) return "cannot write the files of the module";
         module.writeManifest(m);
         if (const std::string dsp = freshDspState(m, options.identityOnly); !dsp.empty())

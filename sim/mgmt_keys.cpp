@@ -1,5 +1,6 @@
 #include "mgmt_keys.h"
 
+#include <cctype>
 #include <sstream>
 
 #include "corvaneutils/tavsession.h"
@@ -18,11 +19,14 @@ namespace {
 
 const char kKeysFile[] = "keys";
 
+// "/KEY/": the registry matches by characters, and a key without its slash
+// would also answer every sibling it begins (".../config" and
+// ".../config_description").
 std::string registered(const std::string& key)
 {
     std::string k = key;
-    if (k.empty() || k[0] != '/') k.insert(0, "/");
-    while (k.size() > 1 && k.back() == '/') k.pop_back();
+    if (k.empty() || k[0] != '/') k = "/" + k;
+    if (k.back() != '/') k += '/';
     return k;
 }
 
@@ -150,6 +154,14 @@ std::string defaultKeys(int platform)
     return formatKeys(keys);
 }
 
+std::string hostnameOf(const std::string& serial)
+{
+    std::string name;
+    for (char c : serial)
+        if (std::isalnum(static_cast<unsigned char>(c)) || c == '-') name += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return name.empty() ? "obx" : name;
+}
+
 std::string setKeyLine(Module& module, const KeyLine& line)
 {
     if (line.key.empty() || line.key.find_first_of(" \t\n") != std::string::npos)
@@ -216,7 +228,8 @@ int KeySource::attach(TAVSession& session)
     for (const KeyLine& k : lines_) {
         for (int second = 0; second < (k.kind == KeyLine::Twice ? 2 : 1); ++second) {
             listeners_.push_back(std::make_unique<Listener>(Listener{this, k.key, second == 1}));
-            std::string key = registered(k.key) + (second ? "/" : "");
+            std::string key = registered(k.key);
+            if (second) key.pop_back();
             if (session.RegisterListener(key.c_str(), ++id, keySourceAnswer, LISTEN_GET | LISTEN_SET,
                                          listeners_.back().get()) == 0)
                 ++count;
@@ -229,7 +242,8 @@ int KeySource::answer(const Listener& listener, TavModParam* param, int action)
 {
     std::lock_guard<std::mutex> hold(mutex_);
     if (action == LISTEN_SET) {
-        // The registry hands over the rest of the command's key: "/VALUE".
+        // The registry hands over the rest of the command's key: "VALUE",
+        // or "/VALUE" to the second listener of !twice.
         std::string value = param->getValue(0) ? param->getValue(0) : "";
         if (!value.empty() && value[0] == '/') value.erase(0, 1);
         KeyLine line{listener.key, KeyLine::Value, value, ""};

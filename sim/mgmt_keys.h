@@ -7,9 +7,9 @@
 //   KEY !fail TEXT    the listener answers "FAILED:" with TEXT
 //   KEY !twice V1 V2  two listeners answer V1 and V2: "Extended Response"
 //   KEY !raw VALUE    the answer comes without its terminator (appendData)
-// A key is registered with a leading slash and without a trailing one, so
-// that a get of "KEY/" reaches it; the second listener of !twice has the
-// trailing slash, since the registry takes one get listener per key text.
+// A key is registered as "/KEY/", so that a get of it reaches no sibling; the
+// second listener of !twice is "/KEY", since the registry takes one get
+// listener per key text (it also answers the siblings that KEY begins).
 #pragma once
 
 #include <memory>
@@ -42,6 +42,9 @@ const char* keyKindName(KeyLine::Kind kind);
 // The nine keys of the unit's description, as a new module has them: the
 // model name of the platform's row, a software version, "NOMINAL" and so on.
 std::string defaultKeys(int platform);
+
+// The host name of a new module (sim/hostname): its serial number in lower case.
+std::string hostnameOf(const std::string& serial);
 
 // Changes one line of sim/keys under the module's lock (a new key goes at the
 // end); unset removes it. "" or why not.

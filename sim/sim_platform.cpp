@@ -1196,6 +1196,18 @@ int SimPlatform::bind(int fd, const struct sockaddr* address, socklen_t length)
     return fail(EAFNOSUPPORT);
 }
 
+int SimPlatform::gethostname(char* name, size_t length)
+{
+    Call call(*this);
+    Hit hit = checkFault(Op::Read, "/proc/sys/kernel/hostname");
+    if (hit.fires && hit.action == Fault::Action::Error) return fail(hit.error);
+    std::string host = module_.readState("hostname");
+    while (!host.empty() && (host.back() == '\n' || host.back() == '\r')) host.pop_back();
+    if (!name || host.size() + 1 > length) return fail(ENAMETOOLONG);
+    std::memcpy(name, host.c_str(), host.size() + 1);
+    return 0;
+}
+
 // No controllers in the IDE family: the answers of an absent library.
 int SimPlatform::InitMegaLib() { return 0; }
 

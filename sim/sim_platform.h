@@ -118,6 +118,8 @@ public:
     // A unix path lands in the module (refused, with a log line, when the
     // module's path does not fit sun_path); an internet listener gets loopback.
     int bind(int fd, const struct sockaddr* address, socklen_t length) override;
+    // The module's name, sim/hostname; faults as reads of "/proc/sys/kernel/hostname".
+    int gethostname(char* name, size_t length) override;
 
     // The process's fork handlers call these (see the scheduler's).
     void forkPrepare();

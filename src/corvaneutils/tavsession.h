@@ -86,6 +86,11 @@ public:
     char* processLocalCorvaneKey(const char* keyStr, char* returnBuff, int buffSize) override;
 
     TAVKeyRegistry& getKeyRegistry() { return keyregistry; }
+    int getModuleCount() const { return iModuleCount; }
+    TAVModule* getModule(int index) const
+    {
+        return index >= 0 && index < kModuleSlots ? module[index] : nullptr;
+    }
 
 private:
     int iModuleCount;

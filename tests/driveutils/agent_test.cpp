@@ -1,0 +1,204 @@
+#include <atomic>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "agent_fixture.h"
+#include "driveutils/tavsysutils.h"
+#include "tavutils/tavobxinfo.h"
+
+namespace {
+
+using tavtest::AgentTest;
+using tavtest::Console;
+using tavtest::fields;
+using tavtest::request;
+
+TEST_F(AgentTest, DescribesTheModuleOverUdpAndTcp)
+{
+    start();
+    Console a("127.0.0.2", 40001);
+    ASSERT_TRUE(a.bound());
+    auto reply = ask(a, request("40001"));
+    ASSERT_TRUE(reply);
+    std::vector<std::string> f = fields(*reply);
+    std::string host = platform.module().readState("hostname");
+    host.pop_back();
+    const std::vector<std::string> expected = {"OBXreply:ver0.01", "192.168.50.5", "13838", TavObxInfo::getSerialNumber(),
+                                               "block", host, "NOMINAL", hwaddrOf("bond0"),
+                                               "RAID5\tRAID 5 over all data drives", "3.2.1", "", "NO_SYSTEM_ID",
+                                               "13841", "OBX 1U", "0", "NONE"};
+    EXPECT_EQ(f, expected);
+    EXPECT_FALSE(std::string(TavObxInfo::getSerialNumber()).empty());
+
+    // A header in another case is answered; another header is not, and its
+    // sender is not remembered.
+    Console b("127.0.0.3", 40002);
+    ASSERT_TRUE(ask(b, request("40002", "obxREQUEST:VER0.01")));
+    Console c("127.0.0.4", 40003);
+    c.send(request("40003", "OBXrequest:ver0.02"));
+    EXPECT_FALSE(c.receive(300));
+
+    // Over TCP the reply comes down the connection, and the console is
+    // remembered at the port of its text.
+    int tcp = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in local{};
+    local.sin_family = AF_INET;
+    inet_pton(AF_INET, "127.0.0.5", &local.sin_addr);
+    ASSERT_EQ(::bind(tcp, reinterpret_cast<sockaddr*>(&local), sizeof local), 0);
+    sockaddr_in agent{};
+    agent.sin_family = AF_INET;
+    agent.sin_port = htons(TAVUDPThread::kAgentPort);
+    agent.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::connect(tcp, reinterpret_cast<sockaddr*>(&agent), sizeof agent), 0);
+    std::string req = request("40005");
+    ASSERT_EQ(::send(tcp, req.data(), req.size(), 0), static_cast<ssize_t>(req.size()));
+    std::string got;
+    char buffer[2048];
+    pollfd p{tcp, POLLIN, 0};
+    while (::poll(&p, 1, 3000) > 0) {
+        ssize_t n = ::recv(tcp, buffer, sizeof buffer, 0);
+        if (n <= 0) break;
+        got.append(buffer, static_cast<size_t>(n));
+    }
+    ::close(tcp);
+    EXPECT_EQ(fields(got), expected);
+
+    // A second request from a with another port replaces its port.
+    Console a2("127.0.0.2", 40011);
+    ASSERT_TRUE(ask(a2, request("40011")));
+    EXPECT_EQ(clientsBecome({"127.0.0.2:40011", "127.0.0.3:40002", "127.0.0.5:40005"}),
+              (std::vector<std::string>{"127.0.0.2:40011", "127.0.0.3:40002", "127.0.0.5:40005"}));
+
+    // An alert reaches every remembered console, with its text in field 11.
+    Console tcpConsole("127.0.0.5", 40005);
+    ASSERT_EQ(TAVUDPThread::postMessage("drive 3 is gone"), 0);
+    for (const Console* console : {&a2, &b, &tcpConsole}) {
+        auto alert = console->receive();
+        ASSERT_TRUE(alert);
+        std::vector<std::string> af = fields(*alert);
+        ASSERT_EQ(af.size(), 16u);
+        EXPECT_EQ(af[0], "OBXAlert:ver0.01");
+        EXPECT_EQ(af[10], "drive 3 is gone");
+    }
+    EXPECT_FALSE(a.receive(200)) << "the old port got the alert";
+}
+
+TEST_F(AgentTest, AlertsFromFourThreadsKeepEachPostersOrder)
+{
+    start();
+    Console one("127.0.0.2", 41001), two("127.0.0.3", 41002);
+    ASSERT_TRUE(ask(one, request("41001")));
+    ASSERT_TRUE(ask(two, request("41002")));
+    constexpr int kPosters = 4, kEach = 25;
+    std::vector<std::thread> posters;
+    for (int p = 0; p < kPosters; ++p)
+        posters.emplace_back([p] {
+            for (int i = 0; i < kEach; ++i)
+                EXPECT_EQ(TAVUDPThread::postMessage((std::to_string(p) + ":" + std::to_string(i)).c_str()), 0);
+        });
+    for (std::thread& t : posters) t.join();
+    for (const Console* console : {&one, &two}) {
+        int next[kPosters] = {};
+        for (int n = 0; n < kPosters * kEach; ++n) {
+            auto alert = console->receive();
+            ASSERT_TRUE(alert) << "alert " << n;
+            std::string text = fields(*alert)[10];
+            int poster = text[0] - '0';
+            ASSERT_TRUE(poster >= 0 && poster < kPosters) << text;
+            EXPECT_EQ(text.substr(2), std::to_string(next[poster]++));
+        }
+    }
+}
+
+TEST_F(AgentTest, StopsRestartsAndDropsPostsWhileStopped)
+{
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(TAVUDPThread::postMessage("early"), -1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "postMessage() Message [early] dropped because udp thread is inactive\n");
+    start();
+    Console console("127.0.0.2", 42001);
+    ASSERT_TRUE(ask(console, request("42001")));
+    stop();
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(TAVUDPThread::postMessage("late"), -1);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("[late] dropped"), std::string::npos);
+
+    // A new thread in the same process serves again; the old list of
+    // consoles is the host's and stays.
+    start();
+    ASSERT_TRUE(ask(console, request("42001")));
+    ASSERT_EQ(TAVUDPThread::postMessage("back"), 0);
+    auto alert = console.receive();
+    ASSERT_TRUE(alert);
+    EXPECT_EQ(fields(*alert)[10], "back");
+
+    // The local client on 13842 gets an alert without being remembered.
+    Console localClient("127.0.0.1", TAVUDPThread::kLocalClientPort);
+    EXPECT_EQ(TAVUDPThread::sendMessageToLocalClient("to the host"), 0);
+    auto local = localClient.receive();
+    ASSERT_TRUE(local);
+    EXPECT_EQ(fields(*local)[0], "OBXAlert:ver0.01");
+    EXPECT_EQ(fields(*local)[10], "to the host");
+
+    // The deprecated form posts.
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(TAVUDPThread::sendMessageToClients("old way"), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Warning: This API is deprecated please use postMessage(msg)\n");
+    alert = console.receive();
+    ASSERT_TRUE(alert);
+    EXPECT_EQ(fields(*alert)[10], "old way");
+}
+
+TEST_F(AgentTest, MalformedInputLeavesTheAgentServing)
+{
+    start();
+    Console bad("127.0.0.9", 43001);
+    std::vector<std::string> inputs = {
+        std::string(),
+        "OBXrequest:ver0.01",                                   // no zero byte
+        std::string("OBXrequest:ver0.01\0", 19),                // no port
+        request("-1"), request("70000"), request("99999999999999999999"), request("abc"),
+        request("1", "OBXrequest:ver0.0"),                      // one short
+        std::string(1024, 'x'),
+        std::string(2000, '\0'),
+    };
+    for (int i = 0; i < 200; ++i) {
+        std::string junk;
+        for (int n = 0; n < 1 + (i * 37) % 1500; ++n) junk += static_cast<char>((i * 131 + n * 7) & 0xff);
+        inputs.push_back(junk);
+    }
+    for (const std::string& input : inputs) bad.send(input);
+    // TCP: one that closes at once, one with junk, one silent past the time-out.
+    auto connectAgent = [] {
+        int s = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in agent{};
+        agent.sin_family = AF_INET;
+        agent.sin_port = htons(TAVUDPThread::kAgentPort);
+        agent.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ::connect(s, reinterpret_cast<sockaddr*>(&agent), sizeof agent);
+        return s;
+    };
+    ::close(connectAgent());
+    int junk = connectAgent();
+    ::send(junk, "garbage", 7, 0);
+    int silent = connectAgent();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1300));
+    ::close(junk);
+    ::close(silent);
+
+    Console good("127.0.0.2", 43002);
+    auto reply = ask(good, request("43002"));
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(fields(*reply).size(), 16u);
+    // Only the right header is remembered; "-1", "70000", "abc" had it, and
+    // their sender too: its port is that of the last one with it.
+    std::vector<std::string> remembered = clientsBecome({"127.0.0.9:1", "127.0.0.2:43002"});
+    std::set<std::string> addresses;
+    for (const std::string& c : remembered) addresses.insert(c.substr(0, c.find(':')));
+    EXPECT_EQ(addresses, (std::set<std::string>{"127.0.0.9", "127.0.0.2"}));
+}
+
+} // namespace
