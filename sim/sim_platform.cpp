@@ -1159,9 +1159,9 @@ int SimPlatform::setsockopt(int fd, int level, int name, const void* value, sock
     return ::setsockopt(fd, level, name, value, length);
 }
 
-// A unix-family path is a path of the module; an internet-family listener
-// binds to the loopback address whatever it asked for, so no test ever opens
-// a port to the network.
+// A unix-family path is a path of the module; an internet-family socket
+// binds to loopback for all addresses and is refused any other than a
+// loopback one, so no test ever opens a port to the network.
 int SimPlatform::bind(int fd, const struct sockaddr* address, socklen_t length)
 {
     Call call(*this);
@@ -1190,7 +1190,13 @@ int SimPlatform::bind(int fd, const struct sockaddr* address, socklen_t length)
         if (length < sizeof(sockaddr_in)) return fail(EINVAL);
         sockaddr_in in{};
         std::memcpy(&in, address, sizeof in);
-        in.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        // All addresses become loopback; a loopback address stays; any other
+        // is one the host does not have, as inside a test's namespace.
+        const uint32_t asked = ntohl(in.sin_addr.s_addr);
+        if (asked == INADDR_ANY)
+            in.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        else if ((asked >> 24) != 127)
+            return fail(EADDRNOTAVAIL);
         return ::bind(fd, reinterpret_cast<const sockaddr*>(&in), sizeof in);
     }
     return fail(EAFNOSUPPORT);

@@ -3,6 +3,7 @@
 #include <string>
 #include <thread>
 #include <vector>
+#include <sys/ioctl.h>
 
 #include "agent_fixture.h"
 #include "driveutils/tavsysutils.h"
@@ -199,6 +200,121 @@ TEST_F(AgentTest, MalformedInputLeavesTheAgentServing)
     std::set<std::string> addresses;
     for (const std::string& c : remembered) addresses.insert(c.substr(0, c.find(':')));
     EXPECT_EQ(addresses, (std::set<std::string>{"127.0.0.9", "127.0.0.2"}));
+}
+
+// The description built on the test's thread, with the session published
+// as the running agent would.
+class Description : public AgentTest {
+protected:
+    void SetUp() override
+    {
+        AgentTest::SetUp();
+        TAVUDPThread::udpInfo.store(&data);
+    }
+    void TearDown() override { TAVUDPThread::udpInfo.store(nullptr); }
+
+    std::string built(std::string* log = nullptr, const char* text = "")
+    {
+        char msg[TAVUDPThread::kMessageSize];
+        int length = -1;
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(TAVUDPThread::buildMessage(msg, "OBXAlert:ver0.01", -1, text, &length), 0);
+        std::string logged = testing::internal::GetCapturedStderr();
+        if (log) *log = logged;
+        EXPECT_GE(length, 0);
+        EXPECT_LE(length, TAVUDPThread::kMessageSize);
+        return std::string(msg, static_cast<size_t>(length));
+    }
+};
+
+TEST_F(Description, MissingPartsLeaveEmptyFieldsInTheirPlaces)
+{
+    sim::unsetKeyLine(platform.module(), "tav/public/system/ondra/system_id");
+    sim::unsetKeyLine(platform.module(), "tav/public/storage/raid/config_description");
+    std::string log;
+    std::vector<std::string> f = fields(built(&log, "the alert"));
+    ASSERT_EQ(f.size(), 16u);
+    EXPECT_EQ(f[8], "RAID5\t");
+    EXPECT_EQ(f[10], "the alert");
+    EXPECT_EQ(f[11], "");
+    EXPECT_EQ(f[12], "13841");
+    EXPECT_EQ(f[15], "NONE");
+    EXPECT_NE(log.find("Key: '/tav/public/system/ondra/system_id/' FAILED:"), std::string::npos);
+
+    // No bond with an address: no address and no MAC, and the description
+    // still goes out.
+    platform.module().writeState("interfaces", "lo hwaddr=00:00:00:00:00:00 flags=up address=127.0.0.1\n"
+                                               "bond0 hwaddr=02:00:00:00:00:01 flags=up,master mtu=9000\n");
+    f = fields(built(&log));
+    EXPECT_EQ(f[1], "");
+    EXPECT_EQ(f[7], "");
+    EXPECT_NE(log.find("Warning: Could not get OBX local IP\n"), std::string::npos);
+    EXPECT_NE(log.find("Warning: cannot get MAC addr, -1\n"), std::string::npos);
+
+    // bond1 comes before bond0, and its MAC is the one sent.
+    platform.module().writeState("interfaces",
+                                 "bond0 hwaddr=02:00:00:00:00:01 flags=up,master address=10.1.0.1\n"
+                                 "bond1 hwaddr=02:00:00:00:00:02 flags=up,master address=10.2.0.1\n");
+    f = fields(built());
+    EXPECT_EQ(f[1], "10.2.0.1");
+    EXPECT_EQ(f[7], "02:00:00:00:00:02");
+
+    platform.arm(sim::Fault::failing(sim::Op::Read, "/proc/sys/kernel/hostname", 1, EIO));
+    sim::Fault mac = sim::Fault::failing(sim::Op::Ioctl, "socket", 1, EIO);
+    mac.request = SIOCGIFHWADDR;
+    platform.arm(mac);
+    f = fields(built(&log));
+    EXPECT_EQ(f[5], "");
+    EXPECT_EQ(f[7], "");
+    EXPECT_NE(log.find("Warning: cannot get hostname\n"), std::string::npos);
+    EXPECT_NE(log.find("Warning: cannot get MAC addr, -4\n"), std::string::npos);
+}
+
+TEST_F(Description, LongValuesNeverPassTheBuffer)
+{
+    // A value of 2000 characters is skipped, and every field after it lies
+    // past the end: the length stops at 1024.
+    sim::setKeyLine(platform.module(), {"tav/public/system/info/model", sim::KeyLine::Value, std::string(2000, 'm'), ""});
+    std::string d = built();
+    EXPECT_EQ(d.size(), 1024u);
+    std::vector<std::string> f = fields(d);
+    EXPECT_EQ(f[12], "13841");
+    EXPECT_EQ(f[13], "");   // the model did not fit, and nothing behind it
+    EXPECT_EQ(d.find_first_not_of('\0', d.find("13841") + 6), std::string::npos);
+
+    // A reply without a terminator, and one of two listeners, give what
+    // fits and an empty field.
+    sim::setKeyLine(platform.module(), {"tav/public/system/info/model", sim::KeyLine::Raw, "RAWMODEL", ""});
+    sim::setKeyLine(platform.module(), {"tav/public/storage/raid/status", sim::KeyLine::Twice, "A", "B"});
+    TAVSession fresh;
+    sim::KeySource source(platform.module());
+    source.attach(fresh);
+    UDP_DATA other{&list, &fresh};
+    TAVUDPThread::udpInfo.store(&other);
+    std::string log;
+    f = fields(built(&log));
+    TAVUDPThread::udpInfo.store(&data);
+    EXPECT_EQ(f[13], "RAWMODEL");
+    EXPECT_EQ(f[6], "");
+    EXPECT_NE(log.find("Extended Response, key='/tav/public/storage/raid/status/'"), std::string::npos);
+}
+
+TEST_F(AgentTest, RepliesFromTheFirstInterfaceThatBinds)
+{
+    // 10.0.0.5 is no address of this host: the walk goes on to lo.
+    platform.module().writeState("interfaces",
+                                 "eth0 hwaddr=02:00:00:00:00:05 flags=up address=10.0.0.5\n"
+                                 "lo hwaddr=00:00:00:00:00:00 flags=up address=127.0.0.1\n"
+                                 "bond0 hwaddr=02:00:00:00:00:01 flags=up,master address=10.1.0.1\n");
+    testing::internal::CaptureStderr();
+    start();
+    Console console("127.0.0.2", 44001);
+    auto reply = ask(console, request("44001"));
+    stop();
+    std::string log = testing::internal::GetCapturedStderr();
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(fields(*reply)[1], "10.1.0.1");
+    EXPECT_NE(log.find("UDPTHREAD: could not bind to 10.0.0.5\n"), std::string::npos);
 }
 
 } // namespace
