@@ -145,5 +145,8 @@ const char* TAVCommand::GetReturnValue(int index) const
 bool TAVCommand::IsSubKey(const char* key) const
 {
     if (!key || !pKey) return false;
-    return std::strncmp(pKey, key, std::strlen(key)) == 0;
+    // strncmp over strlen(key), in one pass that stops at the first difference.
+    for (const char* own = pKey; *key; ++own, ++key)
+        if (*own != *key) return false;
+    return true;
 }
