@@ -206,6 +206,11 @@ const std::vector<Command> kCommands = {
      "the key source that answers the management plane; change a key", kKeysHelp, runKeys},
     {"mgmt", "DIR [--local | --user NAME] [--json] COMMAND...", "run management commands through a session",
      kMgmtHelp, runMgmt},
+    {"net", "DIR [--json] [set|add|del IFACE [address=A] [netmask=M] [hwaddr=H] [up|down]]",
+     "the module's network interfaces; change one", kNetHelp, runNet},
+    {"agent",
+     "DIR [--tcp] [--from 127.0.0.N]... [--port P] [--header TEXT] [--alert TEXT]... [--local-client] [--flood N] [--json]",
+     "run the management agent in a private network namespace with consoles on loopback", kAgentHelp, runAgent},
 };
 
 std::string joined(const std::vector<std::string>& words)

@@ -107,3 +107,48 @@ TEST(TavsimMgmt, KeysAndCommandsFromTheCommandLine)
 }
 
 } // namespace
+
+namespace {
+
+TEST(TavsimNet, ShowsAndChangesTheInterfaces)
+{
+    TempModule m;
+    const std::string& d = m.dir();
+    EXPECT_EQ(tavsim({"net", d, "set", "eth0", "address=10.9.9.9", "down"}).status, 0);
+    EXPECT_EQ(tavsim({"net", d, "add", "bond1", "address=10.3.0.1", "hwaddr=02:00:00:00:00:07", "up"}).status, 0);
+    EXPECT_EQ(tavsim({"net", d, "add", "bond1"}).status, 1);
+    EXPECT_EQ(tavsim({"net", d, "del", "eth1"}).status, 0);
+    EXPECT_EQ(tavsim({"net", d, "del", "eth1"}).status, 1);
+    EXPECT_EQ(tavsim({"net", d, "set", "eth0", "address=300.1.1.1"}).status, 2);
+    EXPECT_EQ(tavsim({"net", d, "set", "eth0", "hwaddr=02:00"}).status, 2);
+    EXPECT_EQ(tavsim({"net", d, "frob"}).status, 2);
+    Captured shown = tavsim({"net", d});
+    EXPECT_NE(shown.out.find("eth0   down       10.9.9.9"), std::string::npos) << shown.out;
+    EXPECT_NE(shown.out.find("bond1  up         10.3.0.1      0.0.0.0        02:00:00:00:00:07"), std::string::npos);
+    EXPECT_EQ(shown.out.find("eth1"), std::string::npos);
+    EXPECT_NE(tavsim({"net", d, "--json"}).out.find("\"address\": \"10.3.0.1\""), std::string::npos);
+}
+
+// Runs the agent in a namespace of this test's process.
+TEST(TavsimAgent, ConsolesDescriptionsAlertsAndTheLog)
+{
+    TempModule m;
+    const std::string& d = m.dir();
+    EXPECT_EQ(tavsim({"agent", d, "--from", "10.0.0.1"}).status, 2);
+    EXPECT_EQ(tavsim({"agent", d, "--port", "0"}).status, 2);
+    Captured run = tavsim({"agent", d, "--from", "127.0.0.2", "--from", "127.0.0.3", "--alert", "bay 2 is empty",
+                           "--local-client", "--flood", "20"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_NE(run.out.find("7      raid_status       NOMINAL\n"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("consoles remembered\nCONSOLE\n127.0.0.2:40000\n127.0.0.3:40000\n"), std::string::npos);
+    EXPECT_NE(run.out.find("127.0.0.3        bay 2 is empty\n127.0.0.1:13842  bay 2 is empty\n"), std::string::npos);
+    EXPECT_NE(run.out.find("agent log\n  runUdpThread\n"), std::string::npos);
+    EXPECT_NE(run.out.find("  msg not OBXrequest:ver0.01\n"), std::string::npos);
+
+    // Over TCP, with a header the agent does not know: no description.
+    Captured wrong = tavsim({"agent", d, "--tcp", "--header", "OBXrequest:ver9", "--json"});
+    EXPECT_EQ(wrong.status, 1);
+    EXPECT_NE(wrong.out.find("\"remembered\": []"), std::string::npos) << wrong.out;
+}
+
+} // namespace
