@@ -1207,8 +1207,12 @@ int SimPlatform::gethostname(char* name, size_t length)
     Call call(*this);
     Hit hit = checkFault(Op::Read, "/proc/sys/kernel/hostname");
     if (hit.fires && hit.action == Fault::Action::Error) return fail(hit.error);
-    std::string host = module_.readState("hostname");
-    while (!host.empty() && (host.back() == '\n' || host.back() == '\r')) host.pop_back();
+    // Read again only when the file changed: the agent asks at every reply.
+    if (module_.stateChanged("hostname", hostnameStamp_)) {
+        hostname_ = module_.readState("hostname");
+        while (!hostname_.empty() && (hostname_.back() == '\n' || hostname_.back() == '\r')) hostname_.pop_back();
+    }
+    const std::string& host = hostname_;
     if (!name || host.size() + 1 > length) return fail(ENAMETOOLONG);
     std::memcpy(name, host.c_str(), host.size() + 1);
     return 0;

@@ -215,6 +215,8 @@ private:
     std::map<FILE*, Pipe*> pipes_;
     std::vector<Fault> faults_;
     Module::Stamp faultStamp_;
+    Module::Stamp hostnameStamp_;
+    std::string hostname_;  // sim/hostname as last read
     std::map<std::pair<Op, std::string>, uint64_t> counts_;
     bool powerCut_ = false;
     bool bench_ = false;
