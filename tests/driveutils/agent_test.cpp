@@ -317,4 +317,61 @@ TEST_F(AgentTest, RepliesFromTheFirstInterfaceThatBinds)
     EXPECT_NE(log.find("UDPTHREAD: could not bind to 10.0.0.5\n"), std::string::npos);
 }
 
+// A port held by another socket of this namespace.
+int holdPort(int type)
+{
+    int s = ::socket(AF_INET, type, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(TAVUDPThread::kAgentPort);
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || (type == SOCK_STREAM && ::listen(s, 1) != 0)) {
+        ::close(s);
+        return -1;
+    }
+    return s;
+}
+
+TEST_F(AgentTest, MakesAFailedTcpSocketAgainAtEachPass)
+{
+    int held = holdPort(SOCK_STREAM);
+    ASSERT_GE(held, 0);
+    testing::internal::CaptureStderr();
+    start();
+    Console console("127.0.0.2", 46001);
+    ASSERT_TRUE(ask(console, request("46001")));
+    ::close(held);
+    ASSERT_TRUE(ask(console, request("46001")));
+    // The next pass made it: a request over TCP is answered.
+    int tcp = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in agent{};
+    agent.sin_family = AF_INET;
+    agent.sin_port = htons(TAVUDPThread::kAgentPort);
+    agent.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(::connect(tcp, reinterpret_cast<sockaddr*>(&agent), sizeof agent), 0);
+    ::close(tcp);
+    stop();
+    std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("TAVUDPThread:: Unable to open TCP socket\n"), std::string::npos);
+    EXPECT_NE(log.find("TAVUDPThread:: Unable to open TCP socket post initialization\n"), std::string::npos);
+    EXPECT_NE(log.find("TAVUDPThread::Notice:Succesfully Created TCP socket post initialization\n"), std::string::npos);
+    EXPECT_NE(log.find("bind: "), std::string::npos);
+}
+
+TEST_F(AgentTest, EndsWhenItsUdpSocketCannotBeMade)
+{
+    int held = holdPort(SOCK_DGRAM);   // without SO_REUSEADDR: the agent's bind fails
+    ASSERT_GE(held, 0);
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(pthread_create(&thread, nullptr, TAVUDPThread::runUdpThread, &data), 0);
+    pthread_join(thread, nullptr);
+    std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("TAVUDPThread:: Unable to open UDP socket\n"), std::string::npos);
+    EXPECT_NE(log.find("TCP socket:"), std::string::npos);
+    // The pipe is closed again: a post is dropped.
+    EXPECT_EQ(TAVUDPThread::postMessage("nobody"), -1);
+    EXPECT_EQ(TAVUDPThread::postPipeReadEnd(), -1);
+    ::close(held);
+}
+
 } // namespace
