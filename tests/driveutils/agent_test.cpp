@@ -268,6 +268,15 @@ TEST_F(Description, MissingPartsLeaveEmptyFieldsInTheirPlaces)
     EXPECT_EQ(f[7], "");
     EXPECT_NE(log.find("Warning: cannot get hostname\n"), std::string::npos);
     EXPECT_NE(log.find("Warning: cannot get MAC addr, -4\n"), std::string::npos);
+
+    // Address queries that fail: no bond has an address.
+    sim::Fault address = sim::Fault::failing(sim::Op::Ioctl, "socket", 1, EIO, -1);
+    address.request = SIOCGIFADDR;
+    platform.arm(address);
+    f = fields(built(&log));
+    EXPECT_EQ(f[1], "");
+    EXPECT_EQ(f[7], "");
+    EXPECT_NE(log.find("Warning: Could not get OBX local IP\n"), std::string::npos);
 }
 
 TEST_F(Description, LongValuesNeverPassTheBuffer)
