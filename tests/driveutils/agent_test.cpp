@@ -350,8 +350,10 @@ TEST_F(AgentTest, MakesAFailedTcpSocketAgainAtEachPass)
     Console console("127.0.0.2", 46001);
     ASSERT_TRUE(ask(console, request("46001")));
     ::close(held);
+    // The pass that serves the first of these may have begun before the
+    // port was free; the one after it makes the socket.
     ASSERT_TRUE(ask(console, request("46001")));
-    // The next pass made it: a request over TCP is answered.
+    ASSERT_TRUE(ask(console, request("46001")));
     int tcp = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in agent{};
     agent.sin_family = AF_INET;
