@@ -308,6 +308,21 @@ TEST_F(Description, LongValuesNeverPassTheBuffer)
     EXPECT_NE(log.find("Extended Response, key='/tav/public/storage/raid/status/'"), std::string::npos);
 }
 
+TEST_F(Description, KeysAreReadAndSetPastTheGrants)
+{
+    // The session grants nobody anything; the agent reads past that.
+    EXPECT_EQ(TAVUDPThread::getCorvaneKey("tav/public/storage/raid/status"), "NOMINAL");
+    EXPECT_EQ(TAVUDPThread::setCorvaneKey(&session, "tav/public/storage/raid/status/DEGRADED"), "");
+    EXPECT_EQ(TAVUDPThread::getCorvaneKey(&session, "/tav/public/storage/raid/status/"), "DEGRADED");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(TAVUDPThread::setCorvaneKey(&session, "tav/public/storage/raid/status/"), "");
+    EXPECT_EQ(TAVUDPThread::getCorvaneKey("tav/public/nothing"), "");
+    EXPECT_EQ(TAVUDPThread::getCorvaneKey(nullptr, "tav/public/storage/raid/status"), "");
+    std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("SYNTAX FAILURE, key='/tav/public/storage/raid/status/'\n"), std::string::npos);
+    EXPECT_NE(log.find("Key: '/tav/public/nothing/' FAILED: attribute not available."), std::string::npos);
+}
+
 TEST_F(AgentTest, RepliesFromTheFirstInterfaceThatBinds)
 {
     // 10.0.0.5 is no address of this host: the walk goes on to lo.
