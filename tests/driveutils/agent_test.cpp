@@ -16,6 +16,22 @@ using tavtest::Console;
 using tavtest::fields;
 using tavtest::request;
 
+TEST(TavUdpList, ReplacesThePortAtAnAddressAndNeverRemoves)
+{
+    TavUdpList list;
+    EXPECT_EQ(list.udpsocket, -1);
+    EXPECT_EQ(list.tcpSocket, -1);
+    list.addClient(htons(1), htonl(0x7f000002));
+    list.addClient(htons(2), htonl(0x7f000003));
+    list.addClient(htons(3), htonl(0x7f000002));
+    list.addClient(0, htonl(0x7f000004));
+    ASSERT_EQ(list.list->size(), 3);
+    EXPECT_EQ((*list.list)[0]->port, htons(3));
+    EXPECT_EQ((*list.list)[1]->port, htons(2));
+    EXPECT_EQ((*list.list)[2]->port, 0);
+    EXPECT_EQ((*list.list)[2]->address, htonl(0x7f000004));
+}
+
 TEST_F(AgentTest, DescribesTheModuleOverUdpAndTcp)
 {
     start();
