@@ -14,6 +14,7 @@
 #include "charon.h"
 #include "dsp.h"
 #include "md_kernel.h"
+#include "mgmt_keys.h"
 #include "nvram.h"
 #include "tw_kernel.h"
 
@@ -251,7 +252,9 @@ std::string createModule(const std::string& dir, const CreateOptions& options)
                   writeText(root, Module::stateFile("ata.log"), "") && writeText(root, Module::stateFile("mounts"), "") &&
                   writeText(root, Module::stateFile("md"), freshMdState()) &&
                   writeText(root, Module::stateFile("md.log"), "") &&
-                  writeText(root, Module::stateFile("services"), "syslog running\ncrond running\n");
+                  writeText(root, Module::stateFile("services"), "syslog running\ncrond running\n") &&
+                  writeText(root, Module::stateFile("keys"), defaultKeys(m.platform)) &&
+                  writeText(root, Module::stateFile("hostname"), hostnameOf(m.moduleSerial) + "\n");
         if (!ok) return "cannot write the files of the module";
         module.writeManifest(m);
         if (const std::string dsp = freshDspState(m, options.identityOnly); !dsp.empty())

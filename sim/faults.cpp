@@ -243,8 +243,9 @@ bool Fault::parseWords(const std::vector<std::string>& words, Fault& out, std::s
         why = "unknown operation " + words[0] + "; the operations: open read write lseek fsync ioctl stat unlink rename";
         return false;
     }
-    if (path.empty() || (path[0] != '/' && path != "*")) {
-        why = "path " + path + ": give an absolute path of the module (/dev/...), a prefix ending in *, or *";
+    // "socket" names every socket, for the interface queries made on one.
+    if (path.empty() || (path[0] != '/' && path != "*" && path != "socket")) {
+        why = "path " + path + ": give an absolute path of the module (/dev/...), a prefix ending in *, *, or socket";
         return false;
     }
     f.path = path;

@@ -9,7 +9,8 @@
 //   ioctl /dev/ide/host0/bus0/target0/lun0/disc nth=1 times=1 request=0x31f errno=EIO
 //   write * nth=5 times=1 powercut
 //
-// PATH is absolute (the module's view), a prefix ending in "*", or "*".
+// PATH is absolute (the module's view), a prefix ending in "*", "*", or
+// "socket" for the interface queries on every socket (ioctl).
 // Numbers are decimal; a request is a name (BLKRRPART, HDIO_GETGEO, ...), a
 // decimal number or 0x and hex, and is written in hex. Words that could never
 // fire are refused: times=0, request= on another operation than ioctl, short=

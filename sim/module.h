@@ -11,6 +11,9 @@
 //   sim/mounts         mounted file systems: "SOURCE TARGET TYPE"
 //   sim/services       "NAME running|stopped"
 //   sim/interfaces     the network interfaces (net_interfaces.h)
+//   sim/hostname       the module's host name (gethostname)
+//   sim/keys           the key source of the management plane: "KEY VALUE" lines
+//                      and fault markers (mgmt_keys.h)
 //   sim/tables/bayN    the partitions of bay N as last read: "part N START SIZE" (sectors)
 //   sim/identify/bayN  the identify data the kernel read when it found bay N's
 //                      drive, in hex (ATA drives; empty for none)

@@ -142,7 +142,17 @@ int NetModel::ioctl(DeviceContext& ctx, OpenNode&, unsigned long request, void* 
         return fail(EPERM);
     }
     if (!arg) return fail(EFAULT);
-    std::vector<Interface> all = parseInterfaces(ctx.module.readState("interfaces"));
+    std::vector<Interface> all;
+    {
+        // Parsed once and again only when the file changed: the agent asks
+        // several times a request.
+        std::lock_guard<std::mutex> hold(cacheMutex_);
+        if (cachedFor_ != &ctx.module || ctx.module.stateChanged("interfaces", stamp_)) {
+            cachedFor_ = &ctx.module;
+            cached_ = parseInterfaces(ctx.module.readState("interfaces"));
+        }
+        all = cached_;
+    }
     if (request == SIOCGIFCONF) return interfaceList(all, static_cast<ifconf*>(arg));
     auto* req = static_cast<ifreq*>(arg);
     if (request == SIOCGIFNAME) {

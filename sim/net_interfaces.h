@@ -11,10 +11,12 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "device_model.h"
+#include "module.h"
 
 namespace sim {
 
@@ -43,6 +45,12 @@ class NetModel : public DeviceModel {
 public:
     int open(DeviceContext& ctx, OpenNode& n, int flags) override;
     int ioctl(DeviceContext& ctx, OpenNode& n, unsigned long request, void* arg) override;
+
+private:
+    std::mutex cacheMutex_;
+    const Module* cachedFor_ = nullptr;
+    Module::Stamp stamp_;
+    std::vector<Interface> cached_;
 };
 
 } // namespace sim

@@ -1198,9 +1198,9 @@ int SimPlatform::setsockopt(int fd, int level, int name, const void* value, sock
     return ::setsockopt(fd, level, name, value, length);
 }
 
-// A unix-family path is a path of the module; an internet-family listener
-// binds to the loopback address whatever it asked for, so no test ever opens
-// a port to the network.
+// A unix-family path is a path of the module; an internet-family socket
+// binds to loopback for all addresses and is refused any other than a
+// loopback one, so no test ever opens a port to the network.
 int SimPlatform::bind(int fd, const struct sockaddr* address, socklen_t length)
 {
     Call call(*this);
@@ -1229,10 +1229,32 @@ int SimPlatform::bind(int fd, const struct sockaddr* address, socklen_t length)
         if (length < sizeof(sockaddr_in)) return fail(EINVAL);
         sockaddr_in in{};
         std::memcpy(&in, address, sizeof in);
-        in.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        // All addresses become loopback; a loopback address stays; any other
+        // is one the host does not have, as inside a test's namespace.
+        const uint32_t asked = ntohl(in.sin_addr.s_addr);
+        if (asked == INADDR_ANY)
+            in.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        else if ((asked >> 24) != 127)
+            return fail(EADDRNOTAVAIL);
         return ::bind(fd, reinterpret_cast<const sockaddr*>(&in), sizeof in);
     }
     return fail(EAFNOSUPPORT);
+}
+
+int SimPlatform::gethostname(char* name, size_t length)
+{
+    Call call(*this);
+    Hit hit = checkFault(Op::Read, "/proc/sys/kernel/hostname");
+    if (hit.fires && hit.action == Fault::Action::Error) return fail(hit.error);
+    // Read again only when the file changed: the agent asks at every reply.
+    if (module_.stateChanged("hostname", hostnameStamp_)) {
+        hostname_ = module_.readState("hostname");
+        while (!hostname_.empty() && (hostname_.back() == '\n' || hostname_.back() == '\r')) hostname_.pop_back();
+    }
+    const std::string& host = hostname_;
+    if (!name || host.size() + 1 > length) return fail(ENAMETOOLONG);
+    std::memcpy(name, host.c_str(), host.size() + 1);
+    return 0;
 }
 
 // No controllers in the IDE family: the answers of an absent library.

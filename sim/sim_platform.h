@@ -119,6 +119,8 @@ public:
     // A unix path lands in the module (refused, with a log line, when the
     // module's path does not fit sun_path); an internet listener gets loopback.
     int bind(int fd, const struct sockaddr* address, socklen_t length) override;
+    // The module's name, sim/hostname; faults as reads of "/proc/sys/kernel/hostname".
+    int gethostname(char* name, size_t length) override;
 
     // The process's fork handlers call these (see the scheduler's).
     void forkPrepare();
@@ -217,6 +219,8 @@ private:
     std::map<FILE*, Pipe*> pipes_;
     std::vector<Fault> faults_;
     Module::Stamp faultStamp_;
+    Module::Stamp hostnameStamp_;
+    std::string hostname_;  // sim/hostname as last read
     std::map<std::pair<Op, std::string>, uint64_t> counts_;
     bool powerCut_ = false;
     bool bench_ = false;

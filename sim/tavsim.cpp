@@ -91,7 +91,9 @@ const char kFaultHelp[] =
     "\n"
     "  OP         open read write lseek fsync ioctl stat unlink rename (by source)\n"
     "             popen (by the command's first word)\n"
-    "  PATH       an absolute path of the module, a prefix ending in *, or *\n"
+    "  PATH       an absolute path of the module, a prefix ending in *, or *;\n"
+    "             socket: the interface queries on every socket (ioctl); the\n"
+    "             module's host name is read /proc/sys/kernel/hostname\n"
     "  nth=N      from the Nth matching call of each process on (default 1)\n"
     "  times=K    K calls (default 1), or -1: every call from then on\n"
     "  request=R  ioctl only: @REQUESTS@,\n"
@@ -244,6 +246,15 @@ const std::vector<Command> kCommands = {
      "lay in, show or kill the module's daemons (store, vmgr, mgr)", kDaemonsHelp, runDaemons},
     {"services", "DIR [--json] [--debug LEVEL] run COMMAND [ARGS]...",
      "run the daemons' service commands in one process: join, start, stop, leave", kServicesHelp, runServices},
+    {"keys", "DIR [--json] [set KEY VALUE | unset KEY | fail KEY TEXT | twice KEY V1 V2 | raw KEY VALUE]",
+     "the key source that answers the management plane; change a key", kKeysHelp, runKeys},
+    {"mgmt", "DIR [--local | --user NAME] [--json] COMMAND...", "run management commands through a session",
+     kMgmtHelp, runMgmt},
+    {"net", "DIR [--json] [set|add|del IFACE [address=A] [netmask=M] [hwaddr=H] [up|down]]",
+     "the module's network interfaces; change one", kNetHelp, runNet},
+    {"agent",
+     "DIR [--tcp] [--from 127.0.0.N]... [--port P] [--header TEXT] [--alert TEXT]... [--local-client] [--flood N] [--json]",
+     "run the management agent in a private network namespace with consoles on loopback", kAgentHelp, runAgent},
 };
 
 std::string joined(const std::vector<std::string>& words)

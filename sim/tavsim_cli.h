@@ -121,6 +121,14 @@ int runMd(const Call& call);
 int runDsp(const Call& call);
 int runBay(const Call& call);
 int runNvram(const Call& call);
+int runKeys(const Call& call);
+int runMgmt(const Call& call);
+int runNet(const Call& call);
+int runAgent(const Call& call);
+extern const char kAgentHelp[];
+extern const char kNetHelp[];
+extern const char kKeysHelp[];
+extern const char kMgmtHelp[];
 extern const char kNvramHelp[];
 // Prints the help of "tavsim nvram DIR SUB --help"; false when no subcommand is named.
 bool nvramSubcommandHelp(const std::vector<std::string>& args);

@@ -81,6 +81,7 @@ public:
     {
         return ::setsockopt(fd, level, name, value, length);
     }
+    int gethostname(char* name, size_t length) override { return ::gethostname(name, length); }
     int InitMegaLib() override { return megalib::library().InitMegaLib(); }
     int GetDllVersion(char* major, char* minor) override { return megalib::library().GetDllVersion(major, minor); }
     int MegaLibCommand(int opcode, int adapter, int channel, int target, int size, void* buffer) override

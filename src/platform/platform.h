@@ -93,6 +93,8 @@ public:
     virtual int socket(int domain, int type, int protocol) = 0;
     virtual int setsockopt(int fd, int level, int name, const void* value, socklen_t length) = 0;
     virtual int bind(int fd, const struct sockaddr* address, socklen_t length) = 0;
+    // The host's name, as gethostname(2).
+    virtual int gethostname(char* name, size_t length) = 0;
 
     // The closed vendor controller library.
     virtual int InitMegaLib() = 0;
@@ -188,6 +190,7 @@ public:
     {
         return inner_.bind(fd, address, length);
     }
+    int gethostname(char* name, size_t length) override { return inner_.gethostname(name, length); }
     int InitMegaLib() override { return inner_.InitMegaLib(); }
     int GetDllVersion(char* major, char* minor) override { return inner_.GetDllVersion(major, minor); }
     int MegaLibCommand(int opcode, int adapter, int channel, int target, int size, void* buffer) override
@@ -263,5 +266,6 @@ inline int bind(int fd, const struct sockaddr* address, socklen_t length)
 {
     return current().bind(fd, address, length);
 }
+inline int gethostname(char* name, size_t length) { return current().gethostname(name, length); }
 
 } // namespace plat

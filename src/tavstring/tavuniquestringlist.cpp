@@ -14,8 +14,10 @@ TAVUniqueStringList::TAVUniqueStringList() : iStringCount(0), pcString(), stale(
 
 TAVUniqueStringList::~TAVUniqueStringList()
 {
-    // Every slot, not only the counted ones: Set may leave data past the count.
-    for (int slot = 0; slot < kCapacity; ++slot) release(slot);
+    // Every slot, not only the counted ones: Set may leave data past the
+    // count. Empty slots are passed over: a list lives as long as a command.
+    for (int slot = 0; slot < kCapacity; ++slot)
+        if (pcString[slot].pData) release(slot);
 }
 
 void TAVUniqueStringList::release(int slot)

@@ -1,0 +1,134 @@
+#include "corvaneutils/tavsession.h"
+
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "corvaneutils/tav_msg.h"
+#include "tavstring/tavstrtokenize.h"
+
+TAVExport::~TAVExport() = default;
+
+TAVListener::~TAVListener() = default;
+
+int TAVListener::ReservedSlot() { return 0; }
+
+TAVSession::TAVSession() : iModuleCount(0), module{}, pModulePath{}, sys_funcs{}, CpGlobalExport(nullptr)
+{
+    sys_funcs.session = this;
+    setpModulePath("./modules");
+}
+
+TAVSession::~TAVSession() = default;
+
+void TAVSession::setpModulePath(const char* path)
+{
+    if (!path) return;
+    snprintf(pModulePath, sizeof pModulePath, "%s", path);   // truncates silently
+}
+
+void TAVSession::setCpGlobalExport(TAVExport* globalExport)
+{
+    CpGlobalExport = globalExport;
+    sys_funcs.global = globalExport;
+}
+
+int TAVSession::RegisterListener(const char* key, int keyId, module_callback callback, int action, void* sessionData)
+{
+    return keyregistry.Add(key, keyId, action, callback, sessionData);
+}
+
+int TAVSession::RegisterSecurity(const char* key, const char* description, int modifier)
+{
+    return keyregistry.AddSecurityKey(key, description, modifier);
+}
+
+namespace {
+
+// A decimal mode of a grant reply, saturating instead of overflowing.
+TavCmd parseMode(const char* text)
+{
+    long long value = std::strtoll(text, nullptr, 10);
+    if (value > INT_MAX) value = INT_MAX;
+    if (value < INT_MIN) value = INT_MIN;
+    return TavCmd(static_cast<unsigned int>(static_cast<int>(value)));
+}
+
+} // namespace
+
+int TAVSession::RegisterUser(const char* uname, bool localUser)
+{
+    if (localUser) {
+        keyregistry.AddUserSecurityKey("/tav/public/", TavCmd(1));
+        keyregistry.MergeKeys();
+        return 0;
+    }
+    std::string text = "get:/tav/public/security/admin/user/access-int/";
+    text += uname ? uname : "";
+    text += "/";
+    auto* message = new tav_msg();
+    message->SetData(text.size() + 1, text.c_str());
+    auto* command = new TAVCommand(message);
+    command->CheckSyntax();
+    HandleMessage(command);
+    if (command->GetReturnCount() == 1) {
+        // The reply need not end in a terminator: only its size is read.
+        std::string reply(command->GetReturnValue(0), static_cast<size_t>(command->GetReturnValueSize(0)));
+        reply.resize(std::strlen(reply.c_str()));
+        char* state = nullptr;
+        tavTokenize_r(reply.data(), ":", &state);   // the word "OK"
+        for (;;) {
+            char* grantKey = tavTokenize_r(nullptr, ":", &state);
+            if (!grantKey) break;
+            char* mode = tavTokenize_r(nullptr, ":", &state);
+            if (!mode) break;   // a last key without its mode is ignored
+            keyregistry.AddUserSecurityKey(grantKey, parseMode(mode));
+        }
+        keyregistry.MergeKeys();
+    }
+    delete command;
+    return 0;
+}
+
+int TAVSession::HandleMessage(TAVCommand* command)
+{
+    if (!command) return -1;
+    return keyregistry.Dispatch(command);
+}
+
+int TAVSession::HandleAllMessage(TAVCommand* command, int action)
+{
+    if (!command) return -1;
+    return keyregistry.KeyGetAll(command, action);
+}
+
+int TAVSession::HandleAllMessage(TAVCommand* command) { return HandleAllMessage(command, LISTEN_GET); }
+
+char* TAVSession::processLocalCorvaneKey(const char* keyStr, char* returnBuff, int buffSize)
+{
+    if (!returnBuff || buffSize < 1) return returnBuff;
+    returnBuff[0] = '\0';
+    const size_t size = static_cast<size_t>(buffSize);
+    const char* shown = keyStr ? keyStr : "";
+    TAVCommand command(keyStr);
+    if (command.CheckSyntax() != 0) {
+        snprintf(returnBuff, size, "SYNTAX FAILURE, key='%s'\n", shown);
+        return returnBuff;
+    }
+    HandleAllMessage(&command, std::strstr(keyStr, "set:") ? LISTEN_SET : LISTEN_GET);
+    int count = command.GetReturnCount();
+    if (count == 0) {
+        snprintf(returnBuff, size, "No Response, key='%s'\n", shown);
+    } else if (count > 1) {
+        snprintf(returnBuff, size, "Extended Response, key='%s'\n", shown);
+    } else {
+        // Within the reply's size and the buffer, and always terminated.
+        size_t length = static_cast<size_t>(command.GetReturnValueSize(0));
+        if (length > size - 1) length = size - 1;
+        std::strncpy(returnBuff, command.GetReturnValue(0), length);
+        returnBuff[length] = '\0';
+    }
+    return returnBuff;
+}
