@@ -63,6 +63,7 @@ public:
     int socket(int, int, int) override { return refused<int>("socket", nullptr, -1); }
     int setsockopt(int, int, int, const void*, socklen_t) override { return refused<int>("setsockopt", nullptr, -1); }
     int bind(int, const struct sockaddr*, socklen_t) override { return refused<int>("bind", nullptr, -1); }
+    int gethostname(char*, size_t) override { return refused<int>("gethostname", nullptr, -1); }
     int InitMegaLib() override { return refused<int>("InitMegaLib", nullptr, -1); }
     int GetDllVersion(char*, char*) override { return refused<int>("GetDllVersion", nullptr, -1); }
     int MegaLibCommand(int, int, int, int, int, void*) override { return refused<int>("MegaLibCommand", nullptr, -1); }
