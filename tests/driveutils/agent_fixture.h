@@ -74,6 +74,18 @@ private:
 };
 
 // "OBXrequest:ver0.01\0PORT\0".
+// A TCP connection to the agent on loopback; -1 when none could be made.
+inline int connectAgent()
+{
+    int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in agent{};
+    agent.sin_family = AF_INET;
+    agent.sin_port = htons(TAVUDPThread::kAgentPort);
+    agent.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::connect(s, reinterpret_cast<sockaddr*>(&agent), sizeof agent);
+    return s;
+}
+
 inline std::string request(const std::string& port, const std::string& header = "OBXrequest:ver0.01")
 {
     return header + std::string(1, '\0') + port + std::string(1, '\0');

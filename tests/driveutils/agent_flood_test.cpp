@@ -13,6 +13,7 @@
 namespace {
 
 using tavtest::AgentTest;
+using tavtest::connectAgent;
 using tavtest::Console;
 using tavtest::fields;
 using tavtest::request;
@@ -24,17 +25,6 @@ long residentKiB()
     while (std::getline(status, line))
         if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
     return -1;
-}
-
-int connectAgent()
-{
-    int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in agent{};
-    agent.sin_family = AF_INET;
-    agent.sin_port = htons(TAVUDPThread::kAgentPort);
-    agent.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::connect(s, reinterpret_cast<sockaddr*>(&agent), sizeof agent);
-    return s;
 }
 
 TEST_F(AgentTest, SurvivesAFloodAndRemembersOnlyTheRightHeader)

@@ -12,6 +12,7 @@
 namespace {
 
 using tavtest::AgentTest;
+using tavtest::connectAgent;
 using tavtest::Console;
 using tavtest::fields;
 using tavtest::request;
@@ -189,15 +190,6 @@ TEST_F(AgentTest, MalformedInputLeavesTheAgentServing)
     }
     for (const std::string& input : inputs) bad.send(input);
     // TCP: one that closes at once, one with junk, one silent past the time-out.
-    auto connectAgent = [] {
-        int s = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in agent{};
-        agent.sin_family = AF_INET;
-        agent.sin_port = htons(TAVUDPThread::kAgentPort);
-        agent.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ::connect(s, reinterpret_cast<sockaddr*>(&agent), sizeof agent);
-        return s;
-    };
     ::close(connectAgent());
     int junk = connectAgent();
     ::send(junk, "garbage", 7, 0);
