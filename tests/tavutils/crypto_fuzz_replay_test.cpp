@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 int elfFuzzOne(const uint8_t* data, size_t size);
+int cryptoKeyFuzzOne(const uint8_t* data, size_t size);
 
 namespace {
 
@@ -26,5 +27,6 @@ int replay(const char* target, int (*body)(const uint8_t*, size_t))
 }
 
 TEST(CryptoFuzzReplay, ElfFiles) { EXPECT_GT(replay("elf", elfFuzzOne), 0); }
+TEST(CryptoFuzzReplay, KeyRecords) { EXPECT_GT(replay("crypto_key", cryptoKeyFuzzOne), 0); }
 
 } // namespace
