@@ -54,6 +54,10 @@ public:
     void openlog(const char*, int, int) override { refuse("openlog", nullptr); }
     void syslog(int, const char*) override { refuse("syslog", nullptr); }
     void closelog() override { refuse("closelog", nullptr); }
+    void* dlopen(const char* path, int) override { return refused<void*>("dlopen", path, nullptr); }
+    void* dlsym(void*, const char* symbol) override { return refused<void*>("dlsym", symbol, nullptr); }
+    int dlclose(void*) override { return refused<int>("dlclose", nullptr, -1); }
+    char* dlerror() override { return refused<char*>("dlerror", nullptr, nullptr); }
     time_t time(time_t*) override { return refused<time_t>("time", nullptr, -1); }
     int gettimeofday(struct timeval*) override { return refused<int>("gettimeofday", nullptr, -1); }
     unsigned int sleep(unsigned int) override { return refused<unsigned int>("sleep", nullptr, 0); }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <dlfcn.h>
 #include <climits>
 #include <cstring>
 #include <fcntl.h>
@@ -1087,6 +1088,67 @@ void SimPlatform::closelog()
     Call call(*this);
     syslogIdent_.clear();
     syslogFacility_ = 8;
+}
+
+// ---- shared objects ----
+
+void* SimPlatform::dlopen(const char* path, int flags)
+{
+    Call call(*this);
+    Resolved r;
+    if (!path || !resolve(path, r, false)) {
+        dlError_ = std::string("refused ") + (path ? path : "(null)") + ": outside the module";
+        return nullptr;
+    }
+    if (r.kind != Resolved::Mapped || (r.vpath.rfind("/modules/", 0) != 0 && r.vpath.rfind("modules/", 0) != 0)) {
+        refuse(path, "no module's shared object");
+        dlError_ = std::string("refused ") + path + ": no module's shared object";
+        return nullptr;
+    }
+    Hit hit = checkFault(Op::Open, r.vpath);
+    if (hit.fires && hit.action == Fault::Action::Error) {
+        dlError_ = std::string(path) + ": " + std::strerror(hit.error);
+        return nullptr;
+    }
+    int fd = module_.host().open(r.vpath, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        dlError_ = std::string(path) + ": " + std::strerror(errno);
+        return nullptr;
+    }
+    const std::string opened = "/proc/self/fd/" + std::to_string(fd);
+    void* handle = ::dlopen(opened.c_str(), flags);
+    if (!handle) {
+        const char* text = ::dlerror();
+        dlError_ = text ? text : "dlopen failed";
+        ::close(fd);
+        return nullptr;
+    }
+    dlFds_.emplace_back(handle, fd);
+    return handle;
+}
+
+void* SimPlatform::dlsym(void* handle, const char* symbol) { return ::dlsym(handle, symbol); }
+
+int SimPlatform::dlclose(void* handle)
+{
+    Call call(*this);
+    int rc = ::dlclose(handle);
+    for (auto it = dlFds_.rbegin(); it != dlFds_.rend(); ++it) {
+        if (it->first != handle) continue;
+        ::close(it->second);
+        dlFds_.erase(std::next(it).base());
+        break;
+    }
+    return rc;
+}
+
+char* SimPlatform::dlerror()
+{
+    std::lock_guard<std::recursive_mutex> guard(mu_);
+    if (dlError_.empty()) return ::dlerror();
+    dlShown_.swap(dlError_);
+    dlError_.clear();
+    return dlShown_.data();
 }
 
 // ---- time ----

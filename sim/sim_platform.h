@@ -108,6 +108,12 @@ public:
     void openlog(const char* ident, int option, int facility) override;
     void syslog(int priority, const char* text) override;
     void closelog() override;
+    // A module's shared object, by its path under "./modules": opened beneath
+    // the module directory, links refused, and loaded through its descriptor.
+    void* dlopen(const char* path, int flags) override;
+    void* dlsym(void* handle, const char* symbol) override;
+    int dlclose(void* handle) override;
+    char* dlerror() override;
     time_t time(time_t* out) override;
     int gettimeofday(struct timeval* tv) override;
     unsigned int sleep(unsigned int seconds) override;
@@ -218,6 +224,12 @@ private:
     std::map<uintptr_t, Mapping> mappings_;
     std::map<FILE*, Pipe*> pipes_;
     std::vector<Fault> faults_;
+    std::string dlError_;   // a refusal of dlopen, for the next dlerror
+    std::string dlShown_;   // what dlerror gave last
+    // The descriptors that loaded objects were opened by, held while they
+    // are loaded: the loader knows an object by its "/proc/self/fd/N" name,
+    // which must not be reused for another file in the meantime.
+    std::vector<std::pair<void*, int>> dlFds_;
     Module::Stamp faultStamp_;
     Module::Stamp hostnameStamp_;
     std::string hostname_;  // sim/hostname as last read

@@ -1,6 +1,7 @@
 #include "corvaneutils/tavmodule.h"
 
 #include <climits>
+#include <dlfcn.h>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -201,12 +202,115 @@ int checkVersion(const char* version, const char* vendor, const char* name)
     return -1;
 }
 
+namespace {
+
+// The modules that passed, by file name. Kept as names rather than pointers
+// to the modules, which are deleted while the list lives on; the answer of
+// isCertified is the same. No lock: sessions load modules one at a time.
+std::vector<std::string>& certified()
+{
+    static std::vector<std::string>* names = new std::vector<std::string>;
+    return *names;
+}
+
+const char* orNull(const char* text) { return text ? text : "(null)"; }
+
+} // namespace
+
 TAVModule::TAVModule(TAVExport* globalExport)
-    : handle(nullptr), error(nullptr), my_funcs{}, pModule{}, CpGlobalExport(globalExport)
+    : handle(nullptr), error(nullptr), my_funcs{}, pModule{}, OpenSession(nullptr), CloseSession(nullptr),
+      CpGlobalExport(globalExport)
 {
 }
 
-TAVModule::~TAVModule() = default;
+TAVModule::~TAVModule() { Close(); }
+
+bool TAVModule::isCertified(const char* name)
+{
+    if (!name) return false;
+    for (const std::string& passed : certified())
+        if (passed == name) return true;
+    return false;
+}
+
+int TAVModule::Open(const char* name, system_funcs* sysFuncs, int verify, tav_cryptoKey* tavKey,
+                    tav_cryptoKey* vendorKey)
+{
+    if (!name || !sysFuncs) {
+        TAV_LOG(0, "Received NULL parameters to TAVModule :: Open()");
+        return -4;
+    }
+    handle = nullptr;
+    std::strncpy(pModule, name, sizeof pModule - 1);
+    pModule[sizeof pModule - 1] = '\0';
+    sysFuncs->global = this;
+
+    if (verify == 0) {
+        if (!isCertified(name)) return -4;
+    } else if (CheckSignature(name, tavKey, vendorKey) != 0) {
+        TAV_LOG(0, "ERROR:  Module signature failed to verify\n");
+        return -4;
+    }
+
+    TAV_LOG(0, "Loading... %s\n", name);
+    handle = plat::dlopen(name, RTLD_NOW);
+    error = plat::dlerror();
+    if (!handle) {
+        TAV_LOG(0, "LOADER ERROR: %s\n", orNull(error));
+        return -1;
+    }
+    // Both functions or neither: without CloseSession there is nothing to
+    // close the session with, so the object is only unloaded.
+    OpenSession = reinterpret_cast<OpenSessionFn>(plat::dlsym(handle, "OpenSession"));
+    if (OpenSession) CloseSession = reinterpret_cast<CloseSessionFn>(plat::dlsym(handle, "CloseSession"));
+    if (!OpenSession || !CloseSession) {
+        error = plat::dlerror();
+        TAV_LOG(0, "LOADER ERROR: %s\n", orNull(error));
+        plat::dlclose(handle);
+        handle = nullptr;
+        OpenSession = nullptr;
+        CloseSession = nullptr;
+        return -2;
+    }
+
+    my_funcs.iStructVersion = 1;
+    my_funcs.iStructSize = kModuleFuncsSize;
+    if (OpenSession(&my_funcs, sysFuncs) != 0) {
+        TAV_LOG(0, "LOADER ERROR: Module Refused to Load\n");
+        Close();
+        return -1;
+    }
+    if (my_funcs.iStructVersion != 1 && my_funcs.iStructSize != kModuleFuncsSize) {
+        TAV_LOG(0, "WARNING: Open Session Returned Structure Mismatch:\n");
+        TAV_LOG(0, "     Struct_Version: %i ( Should Be: %i )\n", my_funcs.iStructVersion, 1);
+        TAV_LOG(0, "     Struct_Size:    %i ( Should Be: %i )\n", static_cast<int>(my_funcs.iStructSize),
+                static_cast<int>(kModuleFuncsSize));
+    }
+    if (verify == 0) return isCertified(name) ? 0 : -1;
+
+    int rc = checkVersion(my_funcs.pModuleVersion, my_funcs.pModuleVendor, my_funcs.pModuleName);
+    if (rc == 0) {
+        if (!isCertified(pModule)) certified().push_back(pModule);
+        return 0;
+    }
+    TAV_LOG(0, "WARNING: bad version, module %s %s:%d\n", orNull(my_funcs.pModuleVendor),
+            orNull(my_funcs.pModuleName), rc);
+    return rc;
+}
+
+int TAVModule::Close()
+{
+    if (!handle) {
+        TAV_LOG(0, "LOADER: Closing Module handle NOT Necessary [%s]\n", pModule);
+        return 0;
+    }
+    TAV_LOG(0, "LOADER: Closing Module handle [%s]\n", pModule);
+    if (CloseSession) CloseSession(&my_funcs);
+    TAV_LOG(0, "LOADER: ClosedSession Module handle [%s]\n", pModule);
+    plat::dlclose(handle);
+    handle = nullptr;
+    return 0;
+}
 
 int TAVModule::CheckSignature(const char* name, tav_cryptoKey* tavKey, tav_cryptoKey* vendorKey)
 {

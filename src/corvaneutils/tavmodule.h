@@ -40,7 +40,20 @@ int checkVersion(const char* version, const char* vendor, const char* name);
 class TAVModule : public TAVExport {
 public:
     explicit TAVModule(TAVExport* globalExport);
+    // Closes the module, no more.
     ~TAVModule() override;
+    TAVModule(const TAVModule&) = delete;
+    TAVModule& operator=(const TAVModule&) = delete;
+
+    // Verifies (`verify` non-zero) or finds certified before (`verify` 0),
+    // loads, and opens the module's session; a code of the table, or the
+    // version check's -1.
+    int Open(const char* name, system_funcs* sysFuncs, int verify, tav_cryptoKey* tavKey, tav_cryptoKey* vendorKey);
+    // Closes the module's session and unloads it; 0.
+    int Close();
+
+    // True if a module of this very file name has passed Open before.
+    static bool isCertified(const char* name);
 
     // 0 if the module is signed by a key equal to `vendorKey`, which the
     // maker's `tavKey` has signed; -4 otherwise.
@@ -57,9 +70,14 @@ public:
     int Export(CORE_EXPORT_STRUCT* data) override;
 
 private:
+    typedef int (*OpenSessionFn)(module_funcs*, system_funcs*);
+    typedef int (*CloseSessionFn)(module_funcs*);
+
     void* handle;
     char* error;
     module_funcs my_funcs;
     char pModule[513];
+    OpenSessionFn OpenSession;
+    CloseSessionFn CloseSession;
     TAVExport* CpGlobalExport;
 };

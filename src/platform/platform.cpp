@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
@@ -66,6 +67,10 @@ public:
     void openlog(const char* ident, int option, int facility) override { ::openlog(ident, option, facility); }
     void syslog(int priority, const char* text) override { ::syslog(priority, "%s", text); }
     void closelog() override { ::closelog(); }
+    void* dlopen(const char* path, int flags) override { return ::dlopen(path, flags); }
+    void* dlsym(void* handle, const char* symbol) override { return ::dlsym(handle, symbol); }
+    int dlclose(void* handle) override { return ::dlclose(handle); }
+    char* dlerror() override { return ::dlerror(); }
     time_t time(time_t* out) override { return ::time(out); }
     int gettimeofday(struct timeval* tv) override { return ::gettimeofday(tv, nullptr); }
     unsigned int sleep(unsigned int seconds) override { return ::sleep(seconds); }

@@ -78,6 +78,12 @@ public:
     virtual void syslog(int priority, const char* text) = 0;
     virtual void closelog() = 0;
 
+    // Shared objects loaded into the program (the management modules).
+    virtual void* dlopen(const char* path, int flags) = 0;
+    virtual void* dlsym(void* handle, const char* symbol) = 0;
+    virtual int dlclose(void* handle) = 0;
+    virtual char* dlerror() = 0;
+
     // Time. waitTimeout is a wait that is only a wait: a select on no descriptors.
     virtual time_t time(time_t* out) = 0;
     virtual int gettimeofday(struct timeval* tv) = 0;
@@ -175,6 +181,10 @@ public:
     void openlog(const char* ident, int option, int facility) override { inner_.openlog(ident, option, facility); }
     void syslog(int priority, const char* text) override { inner_.syslog(priority, text); }
     void closelog() override { inner_.closelog(); }
+    void* dlopen(const char* path, int flags) override { return inner_.dlopen(path, flags); }
+    void* dlsym(void* handle, const char* symbol) override { return inner_.dlsym(handle, symbol); }
+    int dlclose(void* handle) override { return inner_.dlclose(handle); }
+    char* dlerror() override { return inner_.dlerror(); }
     time_t time(time_t* out) override { return inner_.time(out); }
     int gettimeofday(struct timeval* tv) override { return inner_.gettimeofday(tv); }
     unsigned int sleep(unsigned int seconds) override { return inner_.sleep(seconds); }
@@ -251,6 +261,10 @@ inline FILE* freopen(const char* path, const char* mode, FILE* stream)
 inline void openlog(const char* ident, int option, int facility) { current().openlog(ident, option, facility); }
 inline void syslog(int priority, const char* text) { current().syslog(priority, text); }
 inline void closelog() { current().closelog(); }
+inline void* dlopen(const char* path, int flags) { return current().dlopen(path, flags); }
+inline void* dlsym(void* handle, const char* symbol) { return current().dlsym(handle, symbol); }
+inline int dlclose(void* handle) { return current().dlclose(handle); }
+inline char* dlerror() { return current().dlerror(); }
 inline time_t time(time_t* out) { return current().time(out); }
 inline int gettimeofday(struct timeval* tv) { return current().gettimeofday(tv); }
 inline unsigned int sleep(unsigned int seconds) { return current().sleep(seconds); }
