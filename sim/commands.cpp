@@ -1,5 +1,7 @@
 #include "commands.h"
 
+#include <algorithm>
+#include <dirent.h>
 #include <functional>
 #include <map>
 #include <optional>
@@ -385,6 +387,33 @@ CommandResult CommandTable::run(Module& module, const std::string& line, const s
     return result;
 }
 
+// "ls DIR/*.module": the module files of a directory of the module, sorted
+// bytewise as ls sorts them in the C locale, each named as the pattern gave
+// its directory. Nothing and status 2 when none matches.
+static CommandResult listModules(CommandContext& ctx, const Words& argv)
+{
+    static const std::string suffix = "/*.module";
+    if (argv.size() != 2 || argv[1].size() <= suffix.size() ||
+        argv[1].compare(argv[1].size() - suffix.size(), suffix.size(), suffix) != 0)
+        return CommandResult{2, ""};
+    const std::string dir = argv[1].substr(0, argv[1].size() - suffix.size());
+    std::string rel = dir.compare(0, 2, "./") == 0 ? dir.substr(2) : dir;
+    if (rel.find("..") != std::string::npos) return CommandResult{2, ""};
+    DIR* d = ctx.module.host().opendir(rel);
+    if (!d) return CommandResult{2, ""};
+    std::vector<std::string> names;
+    while (struct dirent* entry = ::readdir(d)) {
+        std::string name = entry->d_name;
+        if (name.size() > 7 && name[0] != '.' && name.compare(name.size() - 7, 7, ".module") == 0) names.push_back(name);
+    }
+    ::closedir(d);
+    if (names.empty()) return CommandResult{2, ""};
+    std::sort(names.begin(), names.end());
+    std::string out;
+    for (const std::string& name : names) out += dir + "/" + name + "\n";
+    return CommandResult{0, out};
+}
+
 CommandTable CommandTable::standard()
 {
     CommandTable t;
@@ -429,6 +458,7 @@ CommandTable CommandTable::standard()
             });
     // Shell helpers of pipelines.
     t.add({"echo"}, echo);
+    t.add({"ls"}, listModules);
     t.add({"grep"}, grep);
     // Vendor tools.
     addHpCliRules(t);

@@ -123,6 +123,20 @@ void TAVKeyRegistry::Clear()
     usersec->setRoot(make<TavKeyModeNode>());
 }
 
+void TAVKeyRegistry::RemoveSince(int keyCount, int secCount)
+{
+    while (key->size() > keyCount && key->size() > 0) {
+        TavKeyHolder* holder = key->remove(key->size() - 1);
+        for (int i = mergedkey->size() - 1; i >= 0; --i)
+            if ((*mergedkey)[i] == holder) mergedkey->remove(i);
+        delete holder;
+    }
+    while (sec->size() > secCount && sec->size() > 0) {
+        delete sec->remove(sec->size() - 1);
+        --iSecurityKeyCount;
+    }
+}
+
 int TAVKeyRegistry::AddSecurityKey(const char* keyText, const char* description, int /*modifier*/)
 {
     if (!keyText || !description) return -4;

@@ -79,6 +79,10 @@ public:
     // 0; -1 for a null key or a key of no segment, which adds nothing.
     int AddUserSecurityKey(const char* key, TavCmd mode);
     int MergeKeys();
+    // Takes out the holders and security entries added after there were
+    // `keyCount` and `secCount` of them, merged references included: what a
+    // module registered before it was refused and unloaded.
+    void RemoveSince(int keyCount, int secCount);
 
     int GetSecurityEntCount() const { return sec->size(); }
     const char* GetSecurityEntKey(int index) const;

@@ -7,7 +7,14 @@
 #include <string>
 
 #include "corvaneutils/tav_msg.h"
+#include "corvaneutils/tavmodule.h"
+#include "platform/platform.h"
 #include "tavstring/tavstrtokenize.h"
+#include "tavutils/tav_error.h"
+
+static int giDebug_tavsession = 0;
+#define TAV_DEBUG_FLAG giDebug_tavsession
+#include "driveutils/tavlog.h"
 
 TAVExport::~TAVExport() = default;
 
@@ -21,7 +28,108 @@ TAVSession::TAVSession() : iModuleCount(0), module{}, pModulePath{}, sys_funcs{}
     setpModulePath("./modules");
 }
 
-TAVSession::~TAVSession() = default;
+TAVSession::TAVSession(TAVExport* globalExport, int verify)
+    : iModuleCount(0), module{}, pModulePath{}, sys_funcs{}, CpGlobalExport(globalExport)
+{
+    TAV_LOG(0, "Load Session....\n");
+    sys_funcs.session = this;
+    sys_funcs.global = globalExport;
+    TAV_LOG(0, "Load Session....Modules\n");
+    setpModulePath("./modules");
+    loadModules("./modules", verify);
+}
+
+TAVSession::~TAVSession()
+{
+    if (unloadModules() != 0) TAV_LOG(0, "WARNING: TAVSession->unloadModules in ~TAVSession FAILED\n");
+}
+
+void TAVSession::initCryptoKeys(int verify)
+{
+    if (verify != 1) return;
+    static const char* const keyFile = "./configs/etc/marrowby/module_keys";
+    FILE* keys = plat::fopen(keyFile, "r");
+    if (!keys) {
+        TAV_LOG(0, "Warning: key file %s can't be opened to read\n", keyFile);
+        return;
+    }
+    // A short or garbled file leaves a key unread, or of numbers that verify
+    // nothing: every module then fails its check, and the session goes on.
+    try {
+        tavKey.readBothKeys(keys);
+        vendorKey.readDecoderKey(keys);
+    } catch (const tav_error& e) {
+        TAV_LOG(0, "ERROR:  %s\n", e.getMsg() ? e.getMsg() : "");
+    }
+    std::fclose(keys);
+}
+
+int TAVSession::loadModules(const char* path, int verify)
+{
+    setpModulePath(path ? path : "./modules");
+    initCryptoKeys(verify);
+    const std::string command = std::string("ls ") + pModulePath + "/*.module";
+    FILE* listing = plat::popen(command.c_str(), "r");
+    if (!listing) return 1;
+    iModuleCount = 0;
+    char line[kPathSize];
+    while (std::fgets(line, sizeof line, listing)) {
+        line[std::strcspn(line, "\n")] = '\0';
+        TAV_LOG(0, "About to open: %s\n", line);
+        if (iModuleCount >= kModuleSlots - 1) {
+            TAV_LOG(0, "Failed to open: %s : Out of Memory\n", line);
+            continue;
+        }
+        try {
+            loadModule(line, verify);
+        } catch (...) {
+            TAV_LOG(0, "WARNING: TAVModule threw an unhandled exception\n");
+        }
+    }
+    plat::pclose(listing);
+    keyregistry.AddUserSecurityKey("/tav/public/security/admin/user/access-int/", TavCmd::GET);
+    keyregistry.MergeKeys();
+    return 0;
+}
+
+int TAVSession::loadModule(const char* name, int verify)
+{
+    sys_funcs.iStructSize = kSystemFuncsSize;
+    sys_funcs.iStructVersion = 1;
+    const int keys = keyregistry.GetKeyCount();
+    const int security = keyregistry.GetSecurityEntCount();
+    TAVModule* loaded = new TAVModule(CpGlobalExport);
+    module[iModuleCount] = loaded;
+    int rc = loaded->Open(name, &sys_funcs, verify, &tavKey, &vendorKey);
+    if (rc == 0) {
+        TAV_LOG(0, "Module: %s\r\n", name);
+        if (loaded->GetInfo(1)) TAV_LOG(0, "  Name:    %s\r\n", loaded->GetInfo(1));
+        if (loaded->GetInfo(2)) TAV_LOG(0, "  Vendor:  %s\r\n", loaded->GetInfo(2));
+        if (loaded->GetInfo(3)) TAV_LOG(0, "  Version: %s\r\n", loaded->GetInfo(3));
+        ++iModuleCount;
+        return 0;
+    }
+    // Its listeners would call into unloaded code: they leave with it.
+    keyregistry.RemoveSince(keys, security);
+    delete loaded;
+    module[iModuleCount] = nullptr;
+    TAV_LOG(0, "WARNING: Failed to load module %s:%i\n", name, rc);
+    return rc;
+}
+
+int TAVSession::unloadModules()
+{
+    TAV_LOG(0, "TAVSession :: unloadModules()\n");
+    for (int i = kModuleSlots - 2; i >= 0; --i) {
+        if (!module[i]) continue;
+        TAV_LOG(0, "TAVSession :: delete module[%i]\n", i);
+        delete module[i];
+        module[i] = nullptr;
+    }
+    iModuleCount = 0;
+    keyregistry.Clear();
+    return 0;
+}
 
 void TAVSession::setpModulePath(const char* path)
 {

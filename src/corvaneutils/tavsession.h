@@ -4,6 +4,7 @@
 
 #include "corvaneutils/tavcommand.h"
 #include "corvaneutils/tavkeyregistry.h"
+#include "tavutils/tav_cryptokey.h"
 
 class TAVModule;
 
@@ -60,9 +61,20 @@ public:
 
     // Builds without loading modules; the path is "./modules".
     TAVSession();
+    // Builds and loads the modules of "./modules"; `verify` as loadModules.
+    TAVSession(TAVExport* globalExport, int verify);
     TAVSession(const TAVSession&) = delete;
     TAVSession& operator=(const TAVSession&) = delete;
     ~TAVSession() override;
+
+    // Loads every "*.module" of `path` (null: "./modules"), with their
+    // signatures checked unless `verify` is 0; 1 if the listing failed.
+    int loadModules(const char* path, int verify);
+    // The result of TAVModule::Open; a module that fails is deleted.
+    int loadModule(const char* name, int verify);
+    int unloadModules();
+    // Reads the maker's and the vendor's keys when `verify` is 1.
+    void initCryptoKeys(int verify);
 
     void setpModulePath(const char* path);
     const char* getpModulePath() const { return pModulePath; }
@@ -98,6 +110,7 @@ private:
     TAVKeyRegistry keyregistry;
     char pModulePath[kPathSize];
     system_funcs sys_funcs;
-    // The two key pairs of signed modules come with module loading.
     TAVExport* CpGlobalExport;
+    tav_cryptoKey tavKey;     // the maker's
+    tav_cryptoKey vendorKey;  // the one known vendor's public key
 };
