@@ -3,9 +3,13 @@
 //   SAMPLE_NO_CLOSE      no CloseSession
 //   SAMPLE_REFUSE        OpenSession refuses
 //   SAMPLE_MISMATCH      2: both structure fields changed, 1: only one
-// It registers "/tav/public/test/hello/" in the session that opens it, and
-// calls nothing of the program but the session's own virtual functions.
+//   SAMPLE_ACCESS        answers "hello" and the question of a user's
+//                        grants, giving every user get on the hello key
+// It registers "/tav/public/test/hello/" in the session that opens it. Only
+// the responder calls into the program (TavModParam): the program that loads
+// it exports its symbols.
 #include "corvaneutils/tavmodule.h"
+#include "tavutils/tavmodparam.h"
 
 namespace {
 
@@ -15,7 +19,12 @@ char gVendor[] = "vendorx";
 char gVersion[] = SAMPLE_VERSION;
 #endif
 
+#ifdef SAMPLE_ACCESS
+int hello(TavModParam* param, int, int, void*) { return param->appendMessage("hello"); }
+int access(TavModParam* param, int, int, void*) { return param->appendMessage("/tav/public/test/hello/:1:"); }
+#else
 int hello(TavModParam*, int, int, void*) { return 0; }
+#endif
 
 } // namespace
 
@@ -34,7 +43,12 @@ extern "C" __attribute__((visibility("default"))) int OpenSession(module_funcs* 
     funcs->iStructSize = 40;
 #endif
 #endif
+#ifdef SAMPLE_ACCESS
+    sys->session->RegisterListener("/tav/public/test/hello/", 1, hello, 4, nullptr);
+    sys->session->RegisterListener("/tav/public/security/admin/user/access-int/", 2, access, 4, nullptr);
+#else
     sys->session->RegisterListener("/tav/public/test/hello/", 1, hello, 1, nullptr);
+#endif
 #ifdef SAMPLE_REFUSE
     return 1;
 #else

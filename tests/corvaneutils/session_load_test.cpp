@@ -130,4 +130,24 @@ TEST_F(SessionLoad, VerifiedInOneSessionOpenedUnverifiedInTheNext)
     log_ = testing::internal::GetCapturedStderr();
 }
 
+TEST_F(SessionLoad, ARemoteUserGetsWhatTheModuleGrants)
+{
+    keys();
+    add(SAMPLE_ACCESS, "access");
+    testing::internal::CaptureStderr();
+    TAVSession session(nullptr, 1);
+    ASSERT_EQ(session.getModuleCount(), 1);
+    char buffer[256];
+    EXPECT_STREQ(session.processLocalCorvaneKey("get:/tav/public/security/admin/user/access-int/kim/", buffer,
+                                                sizeof buffer),
+                 "OK:/tav/public/test/hello/:1:");
+    session.RegisterUser("kim", false);
+    TAVCommand command("get:/tav/public/test/hello/");
+    ASSERT_EQ(command.CheckSyntax(), 0);
+    session.HandleMessage(&command);
+    ASSERT_EQ(command.GetReturnCount(), 1);
+    EXPECT_STREQ(command.GetReturnValue(0), "OK:hello");
+    log_ = testing::internal::GetCapturedStderr();
+}
+
 } // namespace
