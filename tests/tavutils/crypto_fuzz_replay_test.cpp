@@ -10,6 +10,7 @@
 
 int elfFuzzOne(const uint8_t* data, size_t size);
 int cryptoKeyFuzzOne(const uint8_t* data, size_t size);
+int moduleVersionFuzzOne(const uint8_t* data, size_t size);
 
 namespace {
 
@@ -28,5 +29,6 @@ int replay(const char* target, int (*body)(const uint8_t*, size_t))
 
 TEST(CryptoFuzzReplay, ElfFiles) { EXPECT_GT(replay("elf", elfFuzzOne), 0); }
 TEST(CryptoFuzzReplay, KeyRecords) { EXPECT_GT(replay("crypto_key", cryptoKeyFuzzOne), 0); }
+TEST(CryptoFuzzReplay, ModuleVersions) { EXPECT_GT(replay("module_version", moduleVersionFuzzOne), 0); }
 
 } // namespace
