@@ -57,5 +57,5 @@ extern "C" __attribute__((visibility("default"))) int OpenSession(module_funcs* 
 }
 
 #ifndef SAMPLE_NO_CLOSE
-extern "C" __attribute__((visibility("default"))) void CloseSession(module_funcs*) {}
+extern "C" __attribute__((visibility("default"))) int CloseSession(module_funcs*) { return 0; }
 #endif
