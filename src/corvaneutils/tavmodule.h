@@ -70,6 +70,8 @@ public:
     int Export(CORE_EXPORT_STRUCT* data) override;
 
 private:
+    // A module's two exported functions. CloseSession's result is not used;
+    // modules declare it int, as OpenSession.
     typedef int (*OpenSessionFn)(module_funcs*, system_funcs*);
     typedef int (*CloseSessionFn)(module_funcs*);
 
