@@ -1,4 +1,6 @@
 // Opening and closing signed sample modules in a simulated module.
+#include <cerrno>
+#include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -138,6 +140,50 @@ TEST_F(ModuleOpen, StructureMismatchWarnsOnlyWhenBothFieldsChanged)
     TAVModule one(nullptr);
     EXPECT_EQ(open(one, add(SAMPLE_MISMATCH1, "one"), 1), 0);
     EXPECT_FALSE(logged("Mismatch")) << log_;
+}
+
+} // namespace
+
+namespace {
+
+// Every open and read of the module file fails in turn: each run refuses the
+// module with its text, or passes it whole where stdio read the bytes again
+// (a failed read-ahead after a seek), and it passes once the fault is gone.
+TEST_F(ModuleOpen, FaultSweepAcrossTheReadsOfOneCheck)
+{
+    const std::string path = add(SAMPLE_GOOD, "swept");
+    int points = 0, refused = 0;
+    for (sim::Op op : {sim::Op::Open, sim::Op::Read}) {
+        for (uint64_t nth = 1;; ++nth) {
+            platform_.clearFaults();
+            platform_.arm(sim::Fault::failing(op, "/modules/*", nth, EIO));
+            TAVModule module(nullptr);
+            testing::internal::CaptureStderr();
+            int rc = module.CheckSignature(path.c_str(), &tavKey_, &vendorKey_);
+            log_ = testing::internal::GetCapturedStderr();
+            const bool fired = platform_.faults().empty();
+            platform_.clearFaults();
+            if (!fired) {
+                EXPECT_EQ(rc, 0) << log_;
+                break;
+            }
+            ++points;
+            SCOPED_TRACE(std::string(sim::opName(op)) + " " + std::to_string(nth));
+            if (rc == 0) {
+                EXPECT_TRUE(logged("Module ./modules/swept.module is certified\n")) << log_;
+            } else {
+                ++refused;
+                EXPECT_EQ(rc, -4);
+                EXPECT_TRUE(logged("Warning: Module ./modules/swept.module is NOT certified\n")) << log_;
+            }
+            testing::internal::CaptureStderr();
+            EXPECT_EQ(module.CheckSignature(path.c_str(), &tavKey_, &vendorKey_), 0);
+            testing::internal::GetCapturedStderr();
+        }
+    }
+    // Two opens (the ELF reader, the check) and the reads of both.
+    EXPECT_GE(refused, 4);
+    std::printf("fault points covered: %d, refused: %d\n", points, refused);
 }
 
 } // namespace
