@@ -27,6 +27,37 @@ std::string number(const BIGNUM* bn)
     return le32(static_cast<uint32_t>(bytes.size())) + bytes;
 }
 
+// A length-prefixed number at `at`, moved past; null when it runs past the bytes.
+BIGNUM* readNumber(const std::string& b, size_t& at)
+{
+    if (b.size() - std::min(at, b.size()) < 4) return nullptr;
+    uint32_t n = 0;
+    for (int i = 3; i >= 0; --i) n = n << 8 | static_cast<unsigned char>(b[at + static_cast<size_t>(i)]);
+    at += 4;
+    if (n > b.size() - at) return nullptr;
+    BIGNUM* bn = BN_bin2bn(reinterpret_cast<const unsigned char*>(b.data() + at), static_cast<int>(n), nullptr);
+    at += n;
+    return bn;
+}
+
+// The public numbers p, q, g, y at `at` as a DSA key (and x with `priv`);
+// null when they can't be read.
+DSA* readKey(const std::string& b, size_t& at, bool priv)
+{
+    BIGNUM* n[5] = {};
+    const int count = priv ? 5 : 4;
+    bool whole = true;
+    for (int i = 0; i < count && whole; ++i) whole = (n[i] = readNumber(b, at)) != nullptr;
+    DSA* dsa = whole ? DSA_new() : nullptr;
+    if (!dsa || !DSA_set0_pqg(dsa, n[0], n[1], n[2])) {
+        for (BIGNUM* bn : n) BN_free(bn);
+        DSA_free(dsa);
+        return nullptr;
+    }
+    DSA_set0_key(dsa, n[3], n[4]);
+    return dsa;
+}
+
 uint64_t get(const std::string& b, size_t at, size_t n)
 {
     uint64_t v = 0;
@@ -81,6 +112,12 @@ SignerKey::SignerKey() : dsa_(DSA_new())
 {
     DSA_generate_parameters_ex(dsa_, 512, nullptr, 0, nullptr, nullptr, nullptr);
     DSA_generate_key(dsa_);
+}
+
+SignerKey::SignerKey(const std::string& allNumbers)
+{
+    size_t at = 0;
+    dsa_ = readKey(allNumbers, at, true);
 }
 
 SignerKey::~SignerKey() { DSA_free(dsa_); }
@@ -151,6 +188,67 @@ std::string signModule(const std::string& object, const SignerKey& maker, const 
     if (forge == Forge::kData) out[end / 2] ^= 0x10;
     if (forge == Forge::kTruncate) out.resize(out.size() - keySig.size() / 2);
     return out;
+}
+
+namespace {
+
+// A length-prefixed signature at `at`, moved past; false when it runs past.
+bool readSignature(const std::string& b, size_t& at, std::string& out)
+{
+    if (b.size() - std::min(at, b.size()) < 4) return false;
+    const uint32_t n = static_cast<uint32_t>(get(b, at, 4));
+    at += 4;
+    if (n > b.size() - at) return false;
+    out = b.substr(at, n);
+    at += n;
+    return true;
+}
+
+bool verifies(DSA* key, const std::string& digest, const std::string& sig)
+{
+    return key && DSA_verify(0, reinterpret_cast<const unsigned char*>(digest.data()), static_cast<int>(digest.size()),
+                             reinterpret_cast<const unsigned char*>(sig.data()), static_cast<int>(sig.size()), key) == 1;
+}
+
+bool sameKey(const DSA* a, const DSA* b)
+{
+    return a && b && BN_cmp(DSA_get0_p(a), DSA_get0_p(b)) == 0 && BN_cmp(DSA_get0_q(a), DSA_get0_q(b)) == 0 &&
+           BN_cmp(DSA_get0_g(a), DSA_get0_g(b)) == 0 && BN_cmp(DSA_get0_pub_key(a), DSA_get0_pub_key(b)) == 0;
+}
+
+} // namespace
+
+ModuleReport inspectModule(const std::string& file, const std::string& keysFile)
+{
+    ModuleReport r;
+    r.size = file.size();
+    std::string copy = file;
+    r.end = coverTable(copy, false);
+    if (r.end == 0) return r;
+    r.elfClass = file[4] == 2 ? 64 : 32;
+    r.trailer = r.end < file.size();
+    if (!r.trailer) return r;
+
+    size_t at = r.end;
+    std::string dataSig, keySig;
+    const bool sigRead = readSignature(file, at, dataSig);
+    const size_t keyAt = at;
+    DSA* vendor = sigRead ? readKey(file, at, false) : nullptr;
+    const std::string keyBytes = file.substr(keyAt, at - keyAt);
+    r.trailerRead = vendor && readSignature(file, at, keySig);
+
+    size_t keysAt = 0;
+    DSA* maker = readKey(keysFile, keysAt, true);
+    DSA* known = maker ? readKey(keysFile, keysAt, false) : nullptr;
+    if (r.trailerRead) {
+        r.dataSignature = verifies(vendor, blockDigest(file.substr(0, r.end)), dataSig);
+        r.keySignature = verifies(maker, sha1(keyBytes), keySig);
+        r.vendorKnown = sameKey(vendor, known);
+    }
+    DSA_free(vendor);
+    DSA_free(maker);
+    DSA_free(known);
+    return r;
 }
 
 } // namespace sim

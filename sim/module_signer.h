@@ -14,6 +14,10 @@ namespace sim {
 class SignerKey {
 public:
     SignerKey();  // generates one
+    // A key of the numbers `allNumbers` gives back; `ok()` false when they
+    // can't be read.
+    explicit SignerKey(const std::string& allNumbers);
+    bool ok() const { return dsa_ != nullptr; }
     ~SignerKey();
     SignerKey(const SignerKey&) = delete;
     SignerKey& operator=(const SignerKey&) = delete;
@@ -55,5 +59,20 @@ std::string blockDigest(const std::string& data);
 // and signed; "" with `error` set when the object can't be read.
 std::string signModule(const std::string& object, const SignerKey& maker, const SignerKey& vendor, Forge forge,
                        std::string* error);
+
+// What a ".module" file holds, read from its bytes alone. `keysFile` is the
+// module's keys file (the maker's five numbers, the vendor's four); the
+// signatures are checked against what it holds, "" verifying nothing.
+struct ModuleReport {
+    int elfClass = 0;         // 32 or 64; 0 not an ELF file that can be read
+    uint64_t end = 0;         // E: the end of the last section with file bytes
+    uint64_t size = 0;
+    bool trailer = false;     // bytes behind E
+    bool trailerRead = false; // the three fields read whole
+    bool dataSignature = false;  // by the trailer's vendor key, over the block digest
+    bool keySignature = false;   // of that vendor key, by the maker's key
+    bool vendorKnown = false;    // the trailer's vendor key is the keys file's
+};
+ModuleReport inspectModule(const std::string& file, const std::string& keysFile);
 
 } // namespace sim

@@ -248,8 +248,11 @@ const std::vector<Command> kCommands = {
      "run the daemons' service commands in one process: join, start, stop, leave", kServicesHelp, runServices},
     {"keys", "DIR [--json] [set KEY VALUE | unset KEY | fail KEY TEXT | twice KEY V1 V2 | raw KEY VALUE]",
      "the key source that answers the management plane; change a key", kKeysHelp, runKeys},
-    {"mgmt", "DIR [--local | --user NAME] [--json] COMMAND...", "run management commands through a session",
+    {"mgmt", "DIR [--local | --user NAME] [--json] [--load [--verify 0|1]] COMMAND...", "run management commands through a session",
      kMgmtHelp, runMgmt},
+    {"modules", "DIR [--json] | keys [--force] | add NAME [--forge KIND] [--as FILE] | require VENDOR.NAME VERSION",
+     "signed management modules: keys, sign or forge sample modules, required versions, list", kModulesHelp,
+     runModules},
     {"net", "DIR [--json] [set|add|del IFACE [address=A] [netmask=M] [hwaddr=H] [up|down]]",
      "the module's network interfaces; change one", kNetHelp, runNet},
     {"agent",
@@ -284,6 +287,7 @@ void printCommandHelp(const Command& c)
     help = replaced(help, "@PROGRAMS@", programList());
     help = replaced(help, "@CONSOLE@", consoleCommands());
     help = replaced(help, "@TWFUNCTIONS@", twFunctionNames());
+    help = replaced(help, "@SAMPLES@", sampleModuleNames());
     help = replaced(help, "@PERBAY@", std::to_string(kDspSecondsPerBay));
     help = replaced(help, "@RESET@", std::to_string(kDspResetSeconds));
     std::cout << "usage: tavsim " << c.name << " " << c.synopsis << "\n\n" << help << "\n" << kExitStatus;

@@ -1,12 +1,15 @@
 // tavsim keys: the module's key source as a table, or one key changed.
 // tavsim mgmt: commands run through a session with the key source attached.
 #include <iostream>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "corvaneutils/tavsession.h"
 #include "json.h"
 #include "mgmt_keys.h"
+#include "platform/platform.h"
+#include "sim_platform.h"
 #include "table.h"
 #include "tavsim_cli.h"
 
@@ -35,7 +38,14 @@ const char kMgmtHelp[] =
     "may get public keys and set none; --user NAME asks\n"
     "tav/public/security/admin/user/access-int/NAME of the key source for the\n"
     "grants (\"/KEY/:MODE:...\"). With --json, one JSON array of the commands.\n"
-    "Status 1 when a command failed its syntax check.\n";
+    "Status 1 when a command failed its syntax check.\n"
+    "\n"
+    "--load             first load the signed modules of ./modules into the\n"
+    "                   session, as the host process does (the loader's log on\n"
+    "                   standard error); see tavsim modules\n"
+    "--verify 0|1       with --load: 1 (the default) checks each module's\n"
+    "                   signatures and version; 0 opens only modules certified\n"
+    "                   before in this process: from the command line, none\n";
 
 namespace {
 
@@ -104,16 +114,31 @@ int runMgmt(const Call& call)
 {
     Words w;
     int status = 0;
-    auto module = openModuleCall(call, {{"--local", nullptr}, {"--user", "NAME"}, {"--json", nullptr}}, 2, SIZE_MAX, w,
-                                 status);
+    auto module = openModuleCall(call, {{"--local", nullptr}, {"--user", "NAME"}, {"--json", nullptr},
+                                                {"--load", nullptr}, {"--verify", "0|1"}},
+                                 2, SIZE_MAX, w, status);
     if (!module) return status;
     if (w.has("--local") && w.has("--user")) return badUsage(call, "give --local or --user, not both");
     std::string user;
     for (const auto& [name, value] : w.options)
         if (name == "--user") user = value;
 
+    int verify = 1;
+    for (const auto& [name, value] : w.options)
+        if (name == "--verify") {
+            if (value != "0" && value != "1") return badUsage(call, "--verify " + cell(value) + ": give 0 or 1");
+            if (!w.has("--load")) return badUsage(call, "--verify goes with --load");
+            verify = value == "1";
+        }
+
+    // The loader reads the keys, the listing of ./modules and the module
+    // files through the platform: the module's, for the whole run.
+    SimPlatform platform(module->dir());
+    plat::ScopedPlatform scope(platform);
     KeySource source(*module);
-    TAVSession session;
+    std::unique_ptr<TAVSession> owned = w.has("--load") ? std::make_unique<TAVSession>(nullptr, verify)
+                                                        : std::make_unique<TAVSession>();
+    TAVSession& session = *owned;
     source.attach(session);
     if (w.has("--user")) {
         // As after loading modules: the question of the grants is open to anybody.

@@ -5,6 +5,7 @@
 //   SAMPLE_MISMATCH      2: both structure fields changed, 1: only one
 //   SAMPLE_ACCESS        answers "hello" and the question of a user's
 //                        grants, giving every user get on the hello key
+//   SAMPLE_BIG           carries a constant table of 1 MiB (for measuring checks)
 // It registers "/tav/public/test/hello/" in the session that opens it. Only
 // the responder calls into the program (TavModParam): the program that loads
 // it exports its symbols.
@@ -27,6 +28,11 @@ int hello(TavModParam*, int, int, void*) { return 0; }
 #endif
 
 } // namespace
+
+#ifdef SAMPLE_BIG
+// Not all zeros, so that every byte lies in the file.
+extern "C" __attribute__((visibility("default"), used)) const unsigned char sample_table[1 << 20] = {1, 2, 3};
+#endif
 
 extern "C" __attribute__((visibility("default"))) int OpenSession(module_funcs* funcs, system_funcs* sys)
 {
