@@ -126,8 +126,9 @@ int addModule(const Call& call, Module& module, const Words& w)
     std::string forgeName, file = name;
     for (const auto& [option, value] : w.options) {
         if (option == "--forge") {
+            const std::string wanted = value;  // a structured binding can't be captured (C++20 on Clang 14)
             auto f = std::find_if(std::begin(kForges), std::end(kForges),
-                                  [&](const ForgeName& n) { return value == n.name; });
+                                  [&](const ForgeName& n) { return wanted == n.name; });
             if (f == std::end(kForges)) {
                 std::vector<std::string> names;
                 for (const ForgeName& n : kForges) names.push_back(n.name);
