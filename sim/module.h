@@ -67,9 +67,21 @@
 //   sim/3ware.log      every call of a tw driver: "TIME NODE REQUEST [OPERATION
 //                      unit=U table=T param=P size=S] -> RESULT", then the
 //                      bytes in and out on indented lines (tw_driver.h)
+//   sim/module_vendor_key  the vendor's private DSA key, five length-prefixed
+//                      numbers, kept by tavsim modules to sign with (module_signer.h)
 //   sim/generation     counters, mapped shared, that every write of a state file
 //                      through Module moves on, one for each few files: views see
 //                      at no cost that their file did not change
+//
+// Signed management modules, as ordinary files of the module tree:
+//   modules/NAME.module  a shared object with its signature trailer; "ls
+//                      ./modules/*.module" is answered from this directory,
+//                      and dlopen loads these files through a descriptor
+//                      opened beneath the directory, links refused
+//   configs/etc/marrowby/module_keys  the maker's five numbers, the vendor's four
+//   configs/etc/sysconfig/module_versions  "vendor.name:VERSION" lines
+// tavsim modules makes the keys, signs or forges the sample modules of
+// sim/modules/ into modules/ (module_signer.h), and lists them.
 //
 // The module's three daemons (daemons.h, tavsim daemons), which the system's
 // supervisor runs as real processes:
