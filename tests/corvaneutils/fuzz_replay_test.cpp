@@ -1,12 +1,11 @@
 // Every kept input of the management plane's fuzz targets, seeds and former
 // crashes alike, runs again through the same bodies.
 #include <cstdint>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include <gtest/gtest.h>
+
+#include "fuzz_replay.h"
 
 int keymodeFuzzOne(const uint8_t* data, size_t size);
 int modparamFuzzOne(const uint8_t* data, size_t size);
@@ -17,16 +16,7 @@ namespace {
 
 int replay(const char* target, int (*body)(const uint8_t*, size_t))
 {
-    int count = 0;
-    std::filesystem::path dir = std::filesystem::path(TAV_FUZZ_CORPUS) / target;
-    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
-        std::ifstream in(entry.path(), std::ios::binary);
-        std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        SCOPED_TRACE(entry.path().string());
-        EXPECT_EQ(body(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()), 0);
-        ++count;
-    }
-    return count;
+    return fuzzreplay::replay(TAV_FUZZ_CORPUS, target, body);
 }
 
 TEST(FuzzReplay, KeyModeLines) { EXPECT_GT(replay("keymode", keymodeFuzzOne), 0); }

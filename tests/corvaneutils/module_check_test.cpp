@@ -10,6 +10,7 @@
 #include "platform/platform.h"
 #include "sim/module_signer.h"
 #include "sim/sim_fixture.h"
+#include "signed_module_fixture.h"
 
 namespace {
 
@@ -38,16 +39,9 @@ std::string object(size_t dataSize, uint16_t type = 3)
     return bytes;
 }
 
-class ModuleCheck : public ::testing::Test {
+class ModuleCheck : public SignedModuleTest {
 protected:
-    ModuleCheck() : platform_(m_.dir()), scope_(platform_)
-    {
-        m_.put("./configs/etc/marrowby/module_keys", sim::moduleKeysFile(maker_, vendor_));
-        FILE* keys = plat::fopen("./configs/etc/marrowby/module_keys", "r");
-        tavKey_.readBothKeys(keys);
-        vendorKey_.readDecoderKey(keys);
-        std::fclose(keys);
-    }
+    ModuleCheck() { writeAndReadKeys(); }
     // The result of CheckSignature on `bytes`, with the log in `log_`.
     int check(const std::string& bytes)
     {
@@ -65,14 +59,6 @@ protected:
         EXPECT_EQ(error, "");
         return check(signed_);
     }
-    bool logged(const std::string& text) const { return log_.find(text) != std::string::npos; }
-
-    simtest::TempModule m_;
-    sim::SimPlatform platform_;
-    plat::ScopedPlatform scope_;
-    sim::SignerKey maker_, vendor_;
-    tav_cryptoKey tavKey_, vendorKey_;
-    std::string log_;
 };
 
 TEST_F(ModuleCheck, SignedModulesPassWhateverTheirLastBlock)

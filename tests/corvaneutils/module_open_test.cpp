@@ -12,35 +12,20 @@
 #include "platform/platform.h"
 #include "sim/module_signer.h"
 #include "sim/sim_fixture.h"
+#include "signed_module_fixture.h"
 
 namespace {
 
-std::string readHost(const char* path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-class ModuleOpen : public ::testing::Test {
+class ModuleOpen : public SignedModuleTest {
 protected:
-    ModuleOpen() : platform_(m_.dir()), scope_(platform_)
+    ModuleOpen()
     {
-        m_.put("./configs/etc/marrowby/module_keys", sim::moduleKeysFile(maker_, vendor_));
-        FILE* keys = plat::fopen("./configs/etc/marrowby/module_keys", "r");
-        tavKey_.readBothKeys(keys);
-        vendorKey_.readDecoderKey(keys);
-        std::fclose(keys);
+        writeAndReadKeys();
         sys_ = {kSystemFuncsSize, 1, &session_, nullptr};
     }
-    // Signs the built object at `built` into "./modules/NAME.module".
     std::string add(const char* built, const std::string& name, sim::Forge forge = sim::Forge::kNone)
     {
-        std::string error;
-        std::string bytes = sim::signModule(readHost(built), maker_, vendor_, forge, &error);
-        EXPECT_EQ(error, "");
-        const std::string path = "./modules/" + name + ".module";
-        m_.put(path, bytes);
-        return path;
+        return addSigned(built, name, forge);
     }
     int open(TAVModule& module, const std::string& path, int verify)
     {
@@ -49,16 +34,8 @@ protected:
         log_ = testing::internal::GetCapturedStderr();
         return rc;
     }
-    bool logged(const std::string& text) const { return log_.find(text) != std::string::npos; }
-
-    simtest::TempModule m_;
-    sim::SimPlatform platform_;
-    plat::ScopedPlatform scope_;
-    sim::SignerKey maker_, vendor_;
-    tav_cryptoKey tavKey_, vendorKey_;
     TAVSession session_;
     system_funcs sys_;
-    std::string log_;
 };
 
 TEST_F(ModuleOpen, VerifiedOnceThenOpenedUnverifiedAfterTheFirstIsGone)

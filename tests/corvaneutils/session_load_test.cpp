@@ -10,30 +10,14 @@
 #include "platform/platform.h"
 #include "sim/module_signer.h"
 #include "sim/sim_fixture.h"
+#include "signed_module_fixture.h"
 
 namespace {
 
-std::string readHost(const char* path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-class SessionLoad : public ::testing::Test {
+class SessionLoad : public SignedModuleTest {
 protected:
-    SessionLoad() : platform_(m_.dir()), scope_(platform_) {}
-    void keys() { m_.put("./configs/etc/marrowby/module_keys", sim::moduleKeysFile(maker_, vendor_)); }
-    void add(const char* built, const std::string& name)
-    {
-        m_.put("./modules/" + name + ".module", sim::signModule(readHost(built), maker_, vendor_, sim::Forge::kNone, nullptr));
-    }
-    bool logged(const std::string& text) const { return log_.find(text) != std::string::npos; }
-
-    simtest::TempModule m_;
-    sim::SimPlatform platform_;
-    plat::ScopedPlatform scope_;
-    sim::SignerKey maker_, vendor_;
-    std::string log_;
+    void keys() { writeKeys(); }
+    void add(const char* built, const std::string& name) { addSigned(built, name); }
 };
 
 TEST_F(SessionLoad, KeepsTheGoodModuleAndLeavesTheOthersWithoutTheirKeys)

@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include "fuzz_replay.h"
+
 #include "corvaneutils/tavmodule.h"
 #include "module_fixture.h"
 
@@ -21,15 +23,7 @@ namespace {
 
 int replay(const char* target, int (*body)(const uint8_t*, size_t))
 {
-    int count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(std::filesystem::path(TAV_FUZZ_CORPUS) / target)) {
-        std::ifstream in(entry.path(), std::ios::binary);
-        std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        SCOPED_TRACE(entry.path().string());
-        EXPECT_EQ(body(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()), 0);
-        ++count;
-    }
-    return count;
+    return fuzzreplay::replay(TAV_FUZZ_CORPUS, target, body);
 }
 
 TEST(CryptoFuzzReplay, ElfFiles) { EXPECT_GT(replay("elf", elfFuzzOne), 0); }
