@@ -101,6 +101,44 @@ TEST_F(ModuleCheck, EachForgeryIsRefusedWithItsText)
     EXPECT_TRUE(logged("NOT certified"));
 }
 
+// A trailer cut inside each of its fields: the check stops at that field with
+// its text, and the whole module still passes.
+TEST_F(ModuleCheck, ATrailerCutInEachFieldIsRefusedWithThatFieldsText)
+{
+    std::string error;
+    const std::string whole = sim::signModule(object(3000), maker_, vendor_, sim::Forge::kNone, &error);
+    ASSERT_EQ(error, "");
+    auto length = [&](size_t at) {
+        uint32_t n = 0;
+        for (size_t i = 4; i > 0; --i) n = n << 8 | static_cast<unsigned char>(whole[at + i - 1]);
+        return n;
+    };
+    // The data signature, the vendor's p, q, g and public key, the key
+    // signature: each a 32-bit length and its bytes, cut in both.
+    const char* const texts[][2] = {{"fread of length failed", "fread of signature failed"},
+                                    {"fread of dsa p failed", "fread of dsa p failed"},
+                                    {"fread of dsa q failed", "fread of dsa q failed"},
+                                    {"fread of dsa g failed", "fread of dsa g failed"},
+                                    {"fread of dsa pub_key failed", "fread of dsa pub_key failed"},
+                                    {"fread of length failed", "fread of signature failed"}};
+    size_t at = 3256;  // E of object(3000), grown over its table
+    int points = 0;
+    for (const auto& text : texts) {
+        const uint32_t n = length(at);
+        const size_t cuts[2] = {at + 2, at + 4 + n / 2};
+        for (int part = 0; part < 2; ++part) {
+            SCOPED_TRACE(std::string(text[part]) + " at " + std::to_string(cuts[part]));
+            EXPECT_EQ(check(whole.substr(0, cuts[part])), -4);
+            EXPECT_TRUE(logged(std::string("ERROR:  ") + text[part] + "\n")) << log_;
+            ++points;
+        }
+        at += 4 + n;
+    }
+    EXPECT_EQ(at, whole.size());
+    EXPECT_EQ(points, 12);
+    EXPECT_EQ(check(whole), 0) << log_;
+}
+
 TEST_F(ModuleCheck, FilesThatAreNoSignedModuleAreRefused)
 {
     // The section table is read whatever the magic says: garbage fails there.
