@@ -22,6 +22,8 @@ enum class Kind {
     Drives,
     Units,
     UnitStatus,
+    UnitList,  // a byte a unit number: its status, 0xFF none
+    UnitTree,  // the unit's descriptor tree
     Schedule,  // bytes of the state in hex
     Action,    // written 1 to start; reads 0
 };
@@ -51,6 +53,8 @@ const ItemKey kItems[] = {
     {Item::ControllerLog, "controller-log", Kind::Text, false},
     {Item::DiagnosticLog, "diagnostic-log", Kind::Text, false},
     {Item::UnitStatus, "", Kind::UnitStatus, false},
+    {Item::UnitList, "", Kind::UnitList, false},
+    {Item::UnitDescriptor, "", Kind::UnitTree, false},
     {Item::AvMode, "av-mode", Kind::Flag, true, 0, 1},
     {Item::BootUnit, "boot-unit", Kind::Number, true, 0, 255},
     {Item::CachePolicy, "cache-policy", Kind::Flag, true, 0, 1},
@@ -101,7 +105,7 @@ const ItemKey* find(int family, uint16_t table, uint16_t parameter, bool& tableK
         const twp::Param& p = t[k.item];
         if (!p.present) continue;
         uint16_t want = p.table;
-        if (family == 9000 && k.item == Item::UnitStatus) {
+        if (family == 9000 && p.table == twp::kTable9000UnitBase) {
             if (table < p.table || table >= p.table + 16) continue;
             unit = table - p.table;
             want = table;
@@ -125,6 +129,54 @@ uint8_t unitStatus(const Unit& u)
     if (u.mode == "REBUILDING") return 0x05;
     if (u.mode == "INOPERABLE") return 0x06;
     return 0x7E;
+}
+
+// A mode of the state as the descriptor's byte: "OK", "VERIFYING",
+// "INITIALIZING", "DEGRADED", "REBUILDING", "REBUILD-PAUSED"; any other
+// name (such as "INOPERABLE") is a unit that cannot be used.
+uint8_t modeByte(const std::string& mode)
+{
+    if (mode == "OK") return twp::kModeOk;
+    if (mode == "VERIFYING") return twp::kModeVerifying;
+    if (mode == "INITIALIZING") return twp::kModeInitializing;
+    if (mode == "DEGRADED") return twp::kModeDegraded;
+    if (mode == "REBUILDING") return twp::kModeRebuilding;
+    if (mode == "REBUILD-PAUSED") return twp::kModeRebuildPaused;
+    return twp::kModeInoperable;
+}
+
+// The descriptor tree of a unit, in preorder, as far as `size` holds.
+// Inner nodes below the root are mirrors (6) of a RAID 10, or take the
+// unit's configuration; a member slot is a single drive (11) with the
+// capacity its drive had when the controller found it; the percentage of
+// the unit's task shows on every node whose mode has one.
+void unitTree(const Controller& c, const Unit& u, std::vector<uint8_t>& out)
+{
+    const size_t room = (out.size() - twp::kUnitHeadSize) / sizeof(TAG_TW_Unit_Node);
+    size_t count = 0;
+    const uint8_t policy = static_cast<uint8_t>((u.readCache ? twp::kPolicyReadCache : 0) |
+                                                (u.writeCache ? twp::kPolicyWriteCache : 0) |
+                                                (u.ecc ? twp::kPolicyEcc : 0) | (u.autoVerify ? twp::kPolicyAutoVerify : 0));
+    std::function<void(const TreeNode&, int)> put = [&](const TreeNode& t, int depth) {
+        if (count >= room) return;
+        TAG_TW_Unit_Node n{};
+        const bool leaf = t.children.empty();
+        n.configuration = static_cast<uint8_t>(depth == 1 ? u.config : leaf ? 11 : u.config == 6 ? 6 : u.config);
+        n.mode = modeByte(t.mode);
+        n.percent = twp::modeHasPercent(n.mode) ? static_cast<uint8_t>(std::clamp(u.percent, 0, 100)) : 100;
+        n.stripe = static_cast<uint8_t>(u.stripe);
+        n.children = static_cast<uint8_t>(std::min<size_t>(t.children.size(), 255));
+        n.drive = leaf && t.port >= 0 && t.port < 255 ? static_cast<uint8_t>(t.port) : twp::kNoDrive;
+        n.policy = policy;
+        if (depth == 1) n.capacity = u.capacity;
+        else if (leaf) n.capacity = t.port >= 0 && c.port(t.port) ? c.port(t.port)->foundSectors : 0;
+        else n.capacity = u.tree.children.empty() ? u.capacity : u.capacity / u.tree.children.size();
+        std::memcpy(out.data() + twp::kUnitHeadSize + count * sizeof n, &n, sizeof n);
+        ++count;
+        for (const TreeNode& child : t.children) put(child, depth + 1);
+    };
+    put(u.tree, 1);
+    out[0] = static_cast<uint8_t>(count);
 }
 
 std::vector<uint8_t> fromHex(const std::string& hex, size_t size)
@@ -250,7 +302,9 @@ FwAnswer runParam(Module& module, int index, const ParamRequest& r, std::vector<
     const twp::Param& p = tableOf(c->family)[k->item];
     if (r.size != p.size) return fwError(kErrParamSize);
     if (isBattery(k->item) && c->num("bbu-present") != 1) return fwError(kErrNoBattery);
-    if (k->item == Item::UnitStatus && c->family == 9000 && !c->unit(static_cast<int>(unit))) return fwError(kErrUnit);
+    if (c->family == 7000 && k->item == Item::UnitDescriptor) unit = r.unit;
+    if ((k->item == Item::UnitStatus && c->family == 9000) || k->item == Item::UnitDescriptor)
+        if (!c->unit(static_cast<int>(unit))) return fwError(kErrUnit);
 
     if (r.set) {
         if (!k->writable) return fwError(kErrReadOnly);
@@ -304,6 +358,12 @@ FwAnswer runParam(Module& module, int index, const ParamRequest& r, std::vector<
                 if (static_cast<size_t>(u.number) < out.size()) out[static_cast<size_t>(u.number)] = unitStatus(u);
         }
         break;
+    case Kind::UnitList:
+        std::fill(out.begin(), out.end(), 0xff);
+        for (const Unit& u : c->units)
+            if (static_cast<size_t>(u.number) < out.size()) out[static_cast<size_t>(u.number)] = unitStatus(u);
+        break;
+    case Kind::UnitTree: unitTree(*c, *c->unit(static_cast<int>(unit)), out); break;
     case Kind::Schedule: out = fromHex(c->get(k->key), p.size); break;
     case Kind::Action: break;
     }

@@ -763,3 +763,87 @@ controller_7000 c7000;
 controller_9000 c9000;
 tw_message msg;
 tw_api_error_type tw_api_error;
+
+int tw_get_unit_id_list(tw_id_type controller_id, tw_id_list_type* unit_id_list)
+{
+    if (!unit_id_list) return null_argument();
+    return controller.get_unit_id_list(controller_id, unit_id_list);
+}
+
+int tw_get_subunit_id_list(tw_id_type unit_id, tw_id_list_type* subunit_id_list)
+{
+    if (!subunit_id_list) return null_argument();
+    return controller.get_subunit_id_list(unit_id, subunit_id_list);
+}
+
+int tw_get_number_of_subunits(tw_id_type unit_id, int* number_of_subunits)
+{
+    if (!number_of_subunits) return null_argument();
+    return controller.get_number_of_subunits(unit_id, number_of_subunits);
+}
+
+int tw_get_unit_status(tw_id_type unit_id, int* status)
+{
+    if (!status) return null_argument();
+    return controller.get_unit_status(unit_id, status);
+}
+
+int tw_get_unit_mode(tw_id_type unit_id, int* mode)
+{
+    if (!mode) return null_argument();
+    return controller.get_unit_mode(unit_id, mode);
+}
+
+int tw_get_unit_capacity(tw_id_type unit_id, uint64_t* sectors)
+{
+    if (!sectors) return null_argument();
+    return controller.get_unit_capacity(unit_id, sectors);
+}
+
+int tw_get_unit_configuration(tw_id_type unit_id, int* configuration)
+{
+    if (!configuration) return null_argument();
+    return controller.get_unit_configuration(unit_id, configuration);
+}
+
+int tw_get_unit_percentage_complete(tw_id_type unit_id, int* percent)
+{
+    if (!percent) return null_argument();
+    return controller.get_unit_percentage_complete(unit_id, percent);
+}
+
+int tw_get_unit_stripe_size(tw_id_type unit_id, int* stripe_size)
+{
+    if (!stripe_size) return null_argument();
+    return controller.get_unit_stripe_size(unit_id, stripe_size);
+}
+
+int tw_get_unit_read_cache_state(tw_id_type unit_id, int* state)
+{
+    if (!state) return null_argument();
+    return controller.get_unit_read_cache_state(unit_id, state);
+}
+
+int tw_get_unit_write_cache_state(tw_id_type unit_id, int* state)
+{
+    if (!state) return null_argument();
+    return controller.get_unit_write_cache_state(unit_id, state);
+}
+
+int tw_get_unit_ecc_policy(tw_id_type unit_id, int* policy)
+{
+    if (!policy) return null_argument();
+    return controller.get_unit_ecc_policy(unit_id, policy);
+}
+
+int tw_get_unit_auto_verify_policy(tw_id_type unit_id, int* policy)
+{
+    if (!policy) return null_argument();
+    return controller.get_unit_auto_verify_policy(unit_id, policy);
+}
+
+int tw_get_unit_id_from_drive_id(tw_id_type drive_id, tw_id_type* unit_id)
+{
+    if (!unit_id) return null_argument();
+    return controller.get_unit_id_from_drive_id(drive_id, unit_id);
+}

@@ -242,6 +242,27 @@ int tw_get_bbu_pcb_revision(tw_id_type controller_id, char pcb_revision[TW_VERSI
 int tw_get_bbu_factory_data(tw_id_type controller_id,
                             char factory_data[TW_FACTORY_DATA_SIZE]);
 
+
+/* ------------------------------------------------------------------ units */
+/* Units of depth 1; a unit's subunits one level deeper. Modes: 0xFF healthy,
+ * 0xFB verifying, 0xF7 initialising, 0xEF degraded, 0xAF rebuilding, 0xDF
+ * rebuild paused; any other is not usable. Capacities in sectors. Stripe
+ * sizes are codes, 4 to 11 for 8 to 1024 kilobytes. */
+int tw_get_unit_id_list(tw_id_type controller_id, tw_id_list_type* unit_id_list);
+int tw_get_subunit_id_list(tw_id_type unit_id, tw_id_list_type* subunit_id_list);
+int tw_get_number_of_subunits(tw_id_type unit_id, int* number_of_subunits);
+int tw_get_unit_status(tw_id_type unit_id, int* status);
+int tw_get_unit_mode(tw_id_type unit_id, int* mode);
+int tw_get_unit_capacity(tw_id_type unit_id, uint64_t* sectors);
+int tw_get_unit_configuration(tw_id_type unit_id, int* configuration);
+int tw_get_unit_percentage_complete(tw_id_type unit_id, int* percent);
+int tw_get_unit_stripe_size(tw_id_type unit_id, int* stripe_size);
+int tw_get_unit_read_cache_state(tw_id_type unit_id, int* state);
+int tw_get_unit_write_cache_state(tw_id_type unit_id, int* state);
+int tw_get_unit_ecc_policy(tw_id_type unit_id, int* policy);
+int tw_get_unit_auto_verify_policy(tw_id_type unit_id, int* policy);
+int tw_get_unit_id_from_drive_id(tw_id_type drive_id, tw_id_type* unit_id);
+
 #ifdef __cplusplus
 }
 

@@ -87,6 +87,21 @@ public:
     int get_bbu_boot_code_version(tw_id_type id, char* version);
     int get_bbu_pcb_revision(tw_id_type id, char* pcb_revision);
     int get_bbu_factory_data(tw_id_type id, char* factory_data);
+
+    int get_unit_id_list(tw_id_type id, tw_id_list_type* unit_id_list);
+    int get_subunit_id_list(tw_id_type id, tw_id_list_type* subunit_id_list);
+    int get_number_of_subunits(tw_id_type id, int* number_of_subunits);
+    int get_unit_status(tw_id_type id, int* status);
+    int get_unit_mode(tw_id_type id, int* mode);
+    int get_unit_capacity(tw_id_type id, uint64_t* sectors);
+    int get_unit_configuration(tw_id_type id, int* configuration);
+    int get_unit_percentage_complete(tw_id_type id, int* percent);
+    int get_unit_stripe_size(tw_id_type id, int* stripe_size);
+    int get_unit_read_cache_state(tw_id_type id, int* state);
+    int get_unit_write_cache_state(tw_id_type id, int* state);
+    int get_unit_ecc_policy(tw_id_type id, int* policy);
+    int get_unit_auto_verify_policy(tw_id_type id, int* policy);
+    int get_unit_id_from_drive_id(tw_id_type id, tw_id_type* unit_id);
 };
 
 extern cil controller;

@@ -26,6 +26,12 @@ public:
     int get_background_task_rate(tw_id_type id, int* rate);
     int set_background_task_rate(tw_id_type id, int rate);
 
+    // The unit's status: the low 7 bits of its byte of the status table.
+    int get_7000_unit_status(tw_id_type unit_id, int* status);
+    int get_unit_status(tw_id_type unit_id, int* status) override;
+    // The unit's descriptor tree, `size` bytes.
+    int get_unit_descriptor(tw_id_type id, int unit, uint8_t* buffer, size_t size);
+
     // From the driver's text "/proc/scsi/3w-xxxx/<host>".
     int get_driver_version(tw_id_type id, char* version) override;
     int get_diagnostic_log(tw_id_type id, unsigned char* buffer, int* length) override;
@@ -35,6 +41,7 @@ public:
     int set_background_verify_rate(tw_id_type id, int rate) override;
 
 protected:
+    int read_unit_descriptor(tw_id_type id, int unit, uint8_t* buffer, size_t size) override;
     int read_param(tw_id_type id, const twp::Param& p, int unit, void* buffer) override;
     int write_param(tw_id_type id, const twp::Param& p, int unit, const void* value) override;
 

@@ -122,3 +122,55 @@ int controller_9000::get_driver_version(tw_id_type id, char* version)
     copy_text(version, TW_DRIVER_VERSION_SIZE, text);
     return 0;
 }
+
+int controller_9000::unit_exists(tw_id_type unit_id)
+{
+    const int unit = unit_id.id[4];
+    uint8_t units[twp::kMaxUnits];
+    if (unit >= twp::kMaxUnits || read_unit_list(unit_id, units) != 0) return 0;
+    return units[unit] != 0xFF;
+}
+
+int controller_9000::get_unit_status(tw_id_type unit_id, int* status)
+{
+    const int depth = unit_id.id[3];
+    const int unit = unit_id.id[4];
+    if (depth < 1 || depth > twp::kMaxUnitDepth || unit >= twp::kMaxUnits) {
+        set_api(9);
+        return -1;
+    }
+    if (depth != 1) {
+        *status = twp::kSubunitStatus;
+        return 0;
+    }
+    return get_number(unit_id, twp::Item::UnitStatus, status, unit);
+}
+
+int controller_9000::get_unit_descriptors(tw_id_type id, int unit, uint8_t* buffer, size_t size)
+{
+    const twp::Param& p = table_[twp::Item::UnitDescriptor];
+    if (size < p.size) {
+        set_api(kApiBadSize);
+        return -1;
+    }
+    return read_param(id, p, unit, buffer);
+}
+
+int controller_9000::read_unit_descriptor(tw_id_type id, int unit, uint8_t* buffer, size_t size)
+{
+    return get_unit_descriptors(id, unit, buffer, size);
+}
+
+int controller_9000::find_a_unit_descriptor(tw_id_type unit_id, TAG_TW_Unit_Node* node)
+{
+    unit_tree tree;
+    int n = 0;
+    if (find_node(unit_id, tree, &n) != 0) return -1;
+    *node = tree.node[n];
+    return 0;
+}
+
+int controller_9000::find_drives_unit_id(tw_id_type drive_id, tw_id_type* unit_id)
+{
+    return get_unit_id_from_drive_id(drive_id, unit_id);
+}

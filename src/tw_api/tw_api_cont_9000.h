@@ -24,10 +24,22 @@ public:
     int aquire_write_lock(tw_id_type id);
     int release_write_lock(tw_id_type id);
 
+    // Depth 1: the unit's byte of its table; other depths 127.
+    int get_unit_status(tw_id_type unit_id, int* status) override;
+    // The unit exists when the list of units names it.
+    int unit_exists(tw_id_type unit_id);
+    // The unit's descriptor tree, `size` bytes.
+    int get_unit_descriptors(tw_id_type id, int unit, uint8_t* buffer, size_t size);
+    // The node of the identifier's tree, walked down with the stack.
+    int find_a_unit_descriptor(tw_id_type unit_id, TAG_TW_Unit_Node* node);
+    // The unit of depth 1 holding the drive.
+    int find_drives_unit_id(tw_id_type drive_id, tw_id_type* unit_id);
+
     // By the driver's version request.
     int get_driver_version(tw_id_type id, char* version) override;
 
 protected:
+    int read_unit_descriptor(tw_id_type id, int unit, uint8_t* buffer, size_t size) override;
     int read_param(tw_id_type id, const twp::Param& p, int unit, void* buffer) override;
     int write_param(tw_id_type id, const twp::Param& p, int unit, const void* value) override;
 

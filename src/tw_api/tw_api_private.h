@@ -235,6 +235,24 @@ static_assert(sizeof(TAG_GP_Version) == 64);
 static_assert(offsetof(TAG_GP_Version, text) == 0);
 static_assert(offsetof(TAG_GP_Version, driver) == 32);
 
+// One node of a unit's descriptor tree. The tree goes out in preorder behind
+// a 16-byte head whose first byte is the node count; each node names how
+// many children follow it. A node with no children is a drive's slot.
+struct TAG_TW_Unit_Node {
+    uint8_t configuration;  // 5 parity, 6 mirror, 11 stripe or single, 13 spare
+    uint8_t mode;           // twp::kMode...
+    uint8_t percent;        // of the task the mode names
+    uint8_t stripe;         // stripe code
+    uint8_t children;
+    uint8_t drive;          // a slot's port; 255 a missing member or an inner node
+    uint8_t policy;         // twp::kPolicy... bits
+    uint8_t reserved;
+    uint64_t capacity;      // sectors
+};
+static_assert(sizeof(TAG_TW_Unit_Node) == 16);
+static_assert(offsetof(TAG_TW_Unit_Node, children) == 4);
+static_assert(offsetof(TAG_TW_Unit_Node, capacity) == 8);
+
 // ---------------------------------------------------------------------------
 // Codes.
 
@@ -306,6 +324,36 @@ constexpr unsigned kMax7000ParamSize = 255;
 // line that begins with this label; the version is the rest of that line.
 constexpr const char kProcDriverVersionLabel[] = "Driver version:";
 
+// The descriptor tree: a 16-byte head, then nodes. The 7000's one-byte size
+// field holds 14 nodes, enough for its four-drive RAID 10 and a twelve-drive
+// parity unit; the 9000 holds 31.
+constexpr size_t kUnitHeadSize = 16;
+constexpr uint16_t kUnitDescriptorSize7000 = kUnitHeadSize + 14 * sizeof(TAG_TW_Unit_Node);
+constexpr uint16_t kUnitDescriptorSize9000 = kUnitHeadSize + 31 * sizeof(TAG_TW_Unit_Node);
+constexpr int kMaxUnitDepth = 4;
+
+// Unit and subunit modes.
+constexpr uint8_t kModeOk = 0xFF;
+constexpr uint8_t kModeVerifying = 0xFB;
+constexpr uint8_t kModeInitializing = 0xF7;
+constexpr uint8_t kModeDegraded = 0xEF;
+constexpr uint8_t kModeRebuilding = 0xAF;
+constexpr uint8_t kModeRebuildPaused = 0xDF;
+constexpr uint8_t kModeInoperable = 0x00;  // any other byte is not usable either
+constexpr bool modeHasPercent(uint8_t m)
+{
+    return m == kModeDegraded || m == kModeRebuilding || m == kModeRebuildPaused || m == kModeInitializing ||
+           m == kModeVerifying;
+}
+constexpr uint8_t kPolicyReadCache = 1;
+constexpr uint8_t kPolicyWriteCache = 2;
+constexpr uint8_t kPolicyEcc = 4;  // set: continue on ECC errors
+constexpr uint8_t kPolicyAutoVerify = 8;
+// A member slot with no drive.
+constexpr uint8_t kNoDrive = 255;
+// The status of a 9000 unit at a depth other than 1.
+constexpr int kSubunitStatus = 127;
+
 // Limits of the settings: rates take 1 to 5, spinups 1 to 16 drives at a
 // time, the stagger time 0 to 60 seconds between spin-up groups.
 constexpr int kRateMin = 1;
@@ -339,6 +387,8 @@ enum class Item : uint8_t {
     ControllerLog,
     DiagnosticLog,
     UnitStatus,  // 7000: one status byte a unit; 9000: one unit's byte, table plus the unit
+    UnitList,    // one byte a unit number, 0xFF where there is no unit
+    UnitDescriptor,  // a unit's descriptor tree (TAG_TW_Unit_Node)
     // Settings and tasks.
     AvMode,
     BootUnit,
@@ -401,6 +451,8 @@ constexpr uint16_t kTableBattery = 1029;
 constexpr uint16_t kTableLogs = 1030;
 constexpr uint16_t kTable7000UnitStatus = 2;
 constexpr uint16_t kTable9000UnitBase = 768;
+constexpr uint16_t kTable7000UnitDescriptor = 3;
+constexpr uint16_t kMaxUnits = 16;
 
 // Sizes of the logs. The 7000's diagnostic log comes by its own opcode.
 constexpr uint16_t kControllerLogSize = 255;
@@ -434,6 +486,8 @@ constexpr FamilyTable make7000()
     set(Item::NumberOfDrives, at(kTableIdentity, 13, 1));
     set(Item::NumberOfUnits, at(kTableIdentity, 14, 1));
     set(Item::UnitStatus, at(kTable7000UnitStatus, 3, 16));
+    set(Item::UnitList, at(kTable7000UnitStatus, 3, 16));  // the status bytes: 0xFF no unit
+    set(Item::UnitDescriptor, at(kTable7000UnitDescriptor, 1, kUnitDescriptorSize7000));  // unit in byte3
     set(Item::ControllerLog, at(kTableLogs, 1, kControllerLogSize));
     set(Item::AvMode, at(kTableSettings, 1, 1));
     set(Item::BootUnit, at(kTableSettings, 2, 1));
@@ -464,6 +518,8 @@ constexpr FamilyTable make9000()
     set(Item::NumberOfDrives, at(kTableIdentity, 13, 1));
     set(Item::NumberOfUnits, at(kTableIdentity, 14, 1));
     set(Item::UnitStatus, at(kTable9000UnitBase, 3, 1));  // table: 768 plus the unit
+    set(Item::UnitList, at(kTableIdentity, 15, kMaxUnits));
+    set(Item::UnitDescriptor, at(kTable9000UnitBase, 10, kUnitDescriptorSize9000));
     set(Item::ControllerLog, at(kTableLogs, 1, kControllerLogSize));
     set(Item::DiagnosticLog, at(kTableLogs, 2, kDiagnosticLogSize));
     set(Item::AvMode, at(kTableSettings, 1, 1));
@@ -527,6 +583,7 @@ constexpr bool sizesFit7000()
     return true;
 }
 static_assert(sizesFit7000());
+static_assert(kTable7000[Item::UnitDescriptor].size <= kMax7000ParamSize);
 
 }  // namespace twp
 
@@ -534,6 +591,20 @@ static_assert(sizesFit7000());
 // The pattern both families share: an item is read or written whole through
 // the family's table; what differs between the families is the table and the
 // two parameter calls.
+
+// A unit's descriptor tree as read from the controller, checked: every
+// node's children lie inside the count, no branch is deeper than a unit
+// identifier can name, and each node knows its first child and next peer.
+struct unit_tree {
+    static constexpr int kMaxNodes = (twp::kUnitDescriptorSize9000 - twp::kUnitHeadSize) / sizeof(TAG_TW_Unit_Node);
+    TAG_TW_Unit_Node node[kMaxNodes];
+    int first_child[kMaxNodes];
+    int next_peer[kMaxNodes];
+    int depth[kMaxNodes];  // the root 1
+    int count = 0;
+    // Reads a descriptor of `size` bytes; false for one that cannot be read.
+    bool parse(const uint8_t* bytes, size_t size);
+};
 
 // Cuts the leading and trailing spaces of a text, not the inner ones.
 void strip_spaces(char* text);
@@ -626,8 +697,44 @@ public:
     int get_bbu_pcb_revision(tw_id_type id, char* pcb_revision);
     int get_bbu_factory_data(tw_id_type id, char* factory_data);
 
+    // Units. Modes, percentages and the other unit items answer at every
+    // depth from the unit's descriptor tree.
+    int get_unit_id_list(tw_id_type id, tw_id_list_type* list);
+    int get_subunit_id_list(tw_id_type unit_id, tw_id_list_type* list);
+    int get_number_of_subunits(tw_id_type unit_id, int* count);
+    virtual int get_unit_status(tw_id_type unit_id, int* status) = 0;
+    int get_unit_mode(tw_id_type unit_id, int* mode);
+    int get_unit_capacity(tw_id_type unit_id, uint64_t* sectors);
+    int get_unit_configuration(tw_id_type unit_id, int* configuration);
+    int get_unit_percentage_complete(tw_id_type unit_id, int* percent);
+    int get_unit_stripe_size(tw_id_type unit_id, int* stripe);
+    int get_unit_read_cache_state(tw_id_type unit_id, int* state);
+    int get_unit_write_cache_state(tw_id_type unit_id, int* state);
+    int get_unit_ecc_policy(tw_id_type unit_id, int* policy);
+    int get_unit_auto_verify_policy(tw_id_type unit_id, int* policy);
+    int get_unit_id_from_drive_id(tw_id_type drive_id, tw_id_type* unit_id);
+
 protected:
     explicit controller_base(const twp::FamilyTable& table) : table_(table) {}
+
+    // The descriptor of unit `unit` as the family reads it, `size` bytes.
+    virtual int read_unit_descriptor(tw_id_type id, int unit, uint8_t* buffer, size_t size) = 0;
+    // The units' numbers, one byte each, 0xFF where there is none.
+    int read_unit_list(tw_id_type id, uint8_t (&units)[twp::kMaxUnits]);
+    // The checked tree of the unit `unit_id` names, and the index of its node.
+    int find_node(tw_id_type unit_id, unit_tree& tree, int* node);
+
+    // The walk down a tree: a stack of node indices, never deeper than the
+    // four levels of a unit identifier. Each gives false where the tree or
+    // the stack has no room for the step.
+    struct walk_stack {
+        int at[twp::kMaxUnitDepth];
+        int size = 0;
+    };
+    static bool push_root(const unit_tree& tree, walk_stack& stack);
+    static bool push_parent(const unit_tree& tree, walk_stack& stack);  // the top's first child
+    static bool push_peer(const unit_tree& tree, walk_stack& stack);    // the top's next peer, in its place
+    static bool pop(walk_stack& stack);
 
     // One parameter of the family, read into `buffer` (p.size bytes) or
     // written from `value` (p.size bytes).
@@ -640,7 +747,7 @@ protected:
     // A text item into `out` of `outSize` bytes, spaces stripped, terminated.
     int get_text(tw_id_type id, twp::Item item, char* out, size_t outSize);
     // A little-endian number of 1 to 4 bytes.
-    int get_number(tw_id_type id, twp::Item item, int* out);
+    int get_number(tw_id_type id, twp::Item item, int* out, int unit = 0);
     int set_number(tw_id_type id, twp::Item item, int value);
     // A number in [low, high], else `code` set and -1.
     int set_checked(tw_id_type id, twp::Item item, int value, int low, int high, uint32_t code);
