@@ -24,6 +24,10 @@ enum class Kind {
     UnitStatus,
     UnitList,  // a byte a unit number: its status, 0xFF none
     UnitTree,  // the unit's descriptor tree
+    DriveList,     // a byte a port: 1 a drive the controller holds
+    DriveStatus,   // the port's drive's status byte
+    DriveText,     // what the controller read of the port's drive when it found it
+    DriveSectors,
     Schedule,  // bytes of the state in hex
     Action,    // written 1 to start; reads 0
 };
@@ -55,6 +59,12 @@ const ItemKey kItems[] = {
     {Item::UnitStatus, "", Kind::UnitStatus, false},
     {Item::UnitList, "", Kind::UnitList, false},
     {Item::UnitDescriptor, "", Kind::UnitTree, false},
+    {Item::DriveList, "", Kind::DriveList, false},
+    {Item::DriveStatus, "", Kind::DriveStatus, false},
+    {Item::DriveModel, "model", Kind::DriveText, false},
+    {Item::DriveSerial, "serial", Kind::DriveText, false},
+    {Item::DriveFirmware, "firmware", Kind::DriveText, false},
+    {Item::DriveCapacity, "", Kind::DriveSectors, false},
     {Item::AvMode, "av-mode", Kind::Flag, true, 0, 1},
     {Item::BootUnit, "boot-unit", Kind::Number, true, 0, 255},
     {Item::CachePolicy, "cache-policy", Kind::Flag, true, 0, 1},
@@ -105,7 +115,8 @@ const ItemKey* find(int family, uint16_t table, uint16_t parameter, bool& tableK
         const twp::Param& p = t[k.item];
         if (!p.present) continue;
         uint16_t want = p.table;
-        if (family == 9000 && p.table == twp::kTable9000UnitBase) {
+        if ((family == 9000 && p.table == twp::kTable9000UnitBase) || p.table == twp::kTablePortBase) {
+            // Tables of one unit or one port: the base plus its number.
             if (table < p.table || table >= p.table + 16) continue;
             unit = table - p.table;
             want = table;
@@ -302,6 +313,9 @@ FwAnswer runParam(Module& module, int index, const ParamRequest& r, std::vector<
     const twp::Param& p = tableOf(c->family)[k->item];
     if (r.size != p.size) return fwError(kErrParamSize);
     if (isBattery(k->item) && c->num("bbu-present") != 1) return fwError(kErrNoBattery);
+    const bool drive = k->kind == Kind::DriveStatus || k->kind == Kind::DriveText || k->kind == Kind::DriveSectors;
+    const Port* port = drive ? c->port(static_cast<int>(unit)) : nullptr;
+    if (drive && (!port || port->drive.empty())) return fwError(kErrPort);
     if (c->family == 7000 && k->item == Item::UnitDescriptor) unit = r.unit;
     if ((k->item == Item::UnitStatus && c->family == 9000) || k->item == Item::UnitDescriptor)
         if (!c->unit(static_cast<int>(unit))) return fwError(kErrUnit);
@@ -364,6 +378,22 @@ FwAnswer runParam(Module& module, int index, const ParamRequest& r, std::vector<
             if (static_cast<size_t>(u.number) < out.size()) out[static_cast<size_t>(u.number)] = unitStatus(u);
         break;
     case Kind::UnitTree: unitTree(*c, *c->unit(static_cast<int>(unit)), out); break;
+    case Kind::DriveList:
+        for (const Port& q : c->ports)
+            if (q.number >= 0 && static_cast<size_t>(q.number) < out.size() && !q.drive.empty())
+                out[static_cast<size_t>(q.number)] = 1;
+        break;
+    case Kind::DriveStatus: out[0] = static_cast<uint8_t>(port->status); break;
+    case Kind::DriveText: {
+        const std::string key = k->key;
+        const std::string& text = key == "model" ? port->foundModel : key == "serial" ? port->foundSerial : port->foundFirmware;
+        std::fill(out.begin(), out.end(), static_cast<uint8_t>(' '));
+        std::memcpy(out.data(), text.data(), std::min<size_t>(text.size(), out.size()));
+        break;
+    }
+    case Kind::DriveSectors:
+        for (size_t i = 0; i < out.size() && i < 8; ++i) out[i] = static_cast<uint8_t>(port->foundSectors >> (8 * i));
+        break;
     case Kind::Schedule: out = fromHex(c->get(k->key), p.size); break;
     case Kind::Action: break;
     }

@@ -275,6 +275,7 @@ Controller parseController(const std::string& text, int index, std::vector<std::
             p.foundSerial = f["found-serial"];
             p.foundFirmware = f["found-firmware"];
             p.foundSectors = static_cast<uint64_t>(std::max<int64_t>(0, toNum(f["found-sectors"], 0)));
+            p.status = static_cast<int>(std::clamp<int64_t>(toNum(f["status"], 0xFF), 0, 0xFF));
             c.ports.push_back(p);
         } else if (key == "unit") {
             std::string num;
@@ -363,7 +364,7 @@ std::string formatController(const Controller& c)
         out += "port " + std::to_string(p.number) + " drive=" + percentEncode(p.drive) +
                " found-model=" + percentEncode(p.foundModel) + " found-serial=" + percentEncode(p.foundSerial) +
                " found-firmware=" + percentEncode(p.foundFirmware) + " found-sectors=" + std::to_string(p.foundSectors) +
-               "\n";
+               " status=" + std::to_string(p.status) + "\n";
     for (const Unit& u : c.units)
         out += "unit " + std::to_string(u.number) + " config=" + std::to_string(u.config) + " mode=" +
                percentEncode(u.mode) + " ports=" + portsText(u.ports) + " tree=" + formatTree(u.tree) +

@@ -5,7 +5,7 @@
 //
 //   family 7000|9000        host N          (the SCSI host of the controller)
 //   KEY VALUE               identity, compatibility, settings, battery (kKeys)
-//   port N drive=SERIAL found-model=M found-serial=S found-firmware=F found-sectors=N
+//   port N drive=SERIAL found-model=M found-serial=S found-firmware=F found-sectors=N status=B
 //                           the drive on port N ("" none) and the identity the
 //                           controller read when it found it
 //   unit N config=C mode=M ports=0,1,- tree=T stripe=S capacity=SECTORS
@@ -46,6 +46,7 @@ struct Port {
     std::string drive;  // serial of the drive on the port, "" none
     std::string foundModel, foundSerial, foundFirmware;
     uint64_t foundSectors = 0;
+    int status = 0xFF;  // the drive's status byte: 0xFF good, 0 failed or offline, 0xFE unsupported
 };
 
 struct TreeNode {

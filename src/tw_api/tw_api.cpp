@@ -847,3 +847,57 @@ int tw_get_unit_id_from_drive_id(tw_id_type drive_id, tw_id_type* unit_id)
     if (!unit_id) return null_argument();
     return controller.get_unit_id_from_drive_id(drive_id, unit_id);
 }
+
+int tw_get_drive_id_list(tw_id_type controller_id, tw_id_list_type* drive_id_list)
+{
+    if (!drive_id_list) return null_argument();
+    return controller.get_drive_id_list(controller_id, drive_id_list);
+}
+
+int tw_get_drive_id_list_from_unit_id(tw_id_type unit_id, tw_id_list_type* drive_id_list)
+{
+    if (!drive_id_list) return null_argument();
+    return controller.get_drive_id_list_from_unit_id(unit_id, drive_id_list);
+}
+
+int tw_get_drive_status(tw_id_type drive_id, int* status)
+{
+    if (!status) return null_argument();
+    return controller.get_drive_status(drive_id, status);
+}
+
+int tw_get_drive_capacity(tw_id_type drive_id, uint64_t* sectors)
+{
+    if (!sectors) return null_argument();
+    return controller.get_drive_capacity(drive_id, sectors);
+}
+
+int tw_get_drive_model(tw_id_type drive_id, char* model)
+{
+    if (!model) return null_argument();
+    return controller.get_drive_model(drive_id, model);
+}
+
+int tw_get_drive_serial_number(tw_id_type drive_id, char* serial_number)
+{
+    if (!serial_number) return null_argument();
+    return controller.get_drive_serial_number(drive_id, serial_number);
+}
+
+int tw_get_drive_firmware_version(tw_id_type drive_id, char* firmware_version)
+{
+    if (!firmware_version) return null_argument();
+    return controller.get_drive_firmware_version(drive_id, firmware_version);
+}
+
+int tw_get_drive_port_id(tw_id_type drive_id, tw_id_type* port_id)
+{
+    if (!port_id) return null_argument();
+    return controller.get_drive_port_id(drive_id, port_id);
+}
+
+int tw_get_port_id_list(tw_id_type controller_id, tw_id_list_type* port_id_list)
+{
+    if (!port_id_list) return null_argument();
+    return controller.get_port_id_list(controller_id, port_id_list);
+}

@@ -263,6 +263,21 @@ int tw_get_unit_ecc_policy(tw_id_type unit_id, int* policy);
 int tw_get_unit_auto_verify_policy(tw_id_type unit_id, int* policy);
 int tw_get_unit_id_from_drive_id(tw_id_type drive_id, tw_id_type* unit_id);
 
+
+/* ------------------------------------------------------- drives and ports */
+/* A drive's number is its port's; a unit's missing member is drive 255.
+ * Drive status: 0xFF good, 0 failed or offline, 0xFE unsupported. The serial
+ * number is the one the controller read when it last found the drive. */
+int tw_get_drive_id_list(tw_id_type controller_id, tw_id_list_type* drive_id_list);
+int tw_get_drive_id_list_from_unit_id(tw_id_type unit_id, tw_id_list_type* drive_id_list);
+int tw_get_drive_status(tw_id_type drive_id, int* status);
+int tw_get_drive_capacity(tw_id_type drive_id, uint64_t* sectors);
+int tw_get_drive_model(tw_id_type drive_id, char model[TW_MODEL_SIZE]);
+int tw_get_drive_serial_number(tw_id_type drive_id, char serial_number[TW_SERIAL_NUMBER_SIZE]);
+int tw_get_drive_firmware_version(tw_id_type drive_id, char firmware_version[TW_VERSION_SIZE]);
+int tw_get_drive_port_id(tw_id_type drive_id, tw_id_type* port_id);
+int tw_get_port_id_list(tw_id_type controller_id, tw_id_list_type* port_id_list);
+
 #ifdef __cplusplus
 }
 

@@ -474,3 +474,48 @@ int cil::get_unit_id_from_drive_id(tw_id_type id, tw_id_type* unit_id)
 {
     return dispatch(id, TW_ID_KIND_DRIVE, [&](controller_base& c) { return c.get_unit_id_from_drive_id(id, unit_id); });
 }
+
+int cil::get_drive_id_list(tw_id_type id, tw_id_list_type* drive_id_list)
+{
+    return dispatch(id, TW_ID_KIND_CONTROLLER, [&](controller_base& c) { return c.get_drive_id_list(id, drive_id_list); });
+}
+
+int cil::get_drive_id_list_from_unit_id(tw_id_type id, tw_id_list_type* drive_id_list)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.get_drive_id_list_from_unit_id(id, drive_id_list); });
+}
+
+int cil::get_drive_status(tw_id_type id, int* status)
+{
+    return dispatch(id, TW_ID_KIND_DRIVE, [&](controller_base& c) { return c.get_drive_status(id, status); });
+}
+
+int cil::get_drive_capacity(tw_id_type id, uint64_t* sectors)
+{
+    return dispatch(id, TW_ID_KIND_DRIVE, [&](controller_base& c) { return c.get_drive_capacity(id, sectors); });
+}
+
+int cil::get_drive_model(tw_id_type id, char* model)
+{
+    return dispatch(id, TW_ID_KIND_DRIVE, [&](controller_base& c) { return c.get_drive_model(id, model); });
+}
+
+int cil::get_drive_serial_number(tw_id_type id, char* serial_number)
+{
+    return dispatch(id, TW_ID_KIND_DRIVE, [&](controller_base& c) { return c.get_drive_serial_number(id, serial_number); });
+}
+
+int cil::get_drive_firmware_version(tw_id_type id, char* firmware_version)
+{
+    return dispatch(id, TW_ID_KIND_DRIVE, [&](controller_base& c) { return c.get_drive_firmware_version(id, firmware_version); });
+}
+
+int cil::get_drive_port_id(tw_id_type id, tw_id_type* port_id)
+{
+    return dispatch(id, TW_ID_KIND_DRIVE, [&](controller_base& c) { return c.get_drive_port_id(id, port_id); });
+}
+
+int cil::get_port_id_list(tw_id_type id, tw_id_list_type* port_id_list)
+{
+    return dispatch(id, TW_ID_KIND_CONTROLLER, [&](controller_base& c) { return c.get_port_id_list(id, port_id_list); });
+}

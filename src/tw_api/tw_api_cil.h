@@ -102,6 +102,15 @@ public:
     int get_unit_ecc_policy(tw_id_type id, int* policy);
     int get_unit_auto_verify_policy(tw_id_type id, int* policy);
     int get_unit_id_from_drive_id(tw_id_type id, tw_id_type* unit_id);
+    int get_drive_id_list(tw_id_type id, tw_id_list_type* drive_id_list);
+    int get_drive_id_list_from_unit_id(tw_id_type id, tw_id_list_type* drive_id_list);
+    int get_drive_status(tw_id_type id, int* status);
+    int get_drive_capacity(tw_id_type id, uint64_t* sectors);
+    int get_drive_model(tw_id_type id, char* model);
+    int get_drive_serial_number(tw_id_type id, char* serial_number);
+    int get_drive_firmware_version(tw_id_type id, char* firmware_version);
+    int get_drive_port_id(tw_id_type id, tw_id_type* port_id);
+    int get_port_id_list(tw_id_type id, tw_id_list_type* port_id_list);
 };
 
 extern cil controller;

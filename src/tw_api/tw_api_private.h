@@ -351,6 +351,10 @@ constexpr uint8_t kPolicyEcc = 4;  // set: continue on ECC errors
 constexpr uint8_t kPolicyAutoVerify = 8;
 // A member slot with no drive.
 constexpr uint8_t kNoDrive = 255;
+// Drive status bytes.
+constexpr uint8_t kDriveGood = 0xFF;
+constexpr uint8_t kDriveFailed = 0x00;  // failed or offline
+constexpr uint8_t kDriveUnsupported = 0xFE;
 // The status of a 9000 unit at a depth other than 1.
 constexpr int kSubunitStatus = 127;
 
@@ -389,6 +393,13 @@ enum class Item : uint8_t {
     UnitStatus,  // 7000: one status byte a unit; 9000: one unit's byte, table plus the unit
     UnitList,    // one byte a unit number, 0xFF where there is no unit
     UnitDescriptor,  // a unit's descriptor tree (TAG_TW_Unit_Node)
+    DriveList,       // one byte a port: 1 the controller holds a drive there, 0 not
+    // A port's drive, at the port table plus the port.
+    DriveStatus,     // twp::kDrive... byte
+    DriveModel,
+    DriveSerial,     // as the controller read it when it found the drive
+    DriveFirmware,
+    DriveCapacity,   // sectors, 64 bits
     // Settings and tasks.
     AvMode,
     BootUnit,
@@ -453,6 +464,9 @@ constexpr uint16_t kTable7000UnitStatus = 2;
 constexpr uint16_t kTable9000UnitBase = 768;
 constexpr uint16_t kTable7000UnitDescriptor = 3;
 constexpr uint16_t kMaxUnits = 16;
+// Both families: a port's drive items sit at this table plus the port.
+constexpr uint16_t kTablePortBase = 512;
+constexpr uint16_t kMaxPorts = 16;
 
 // Sizes of the logs. The 7000's diagnostic log comes by its own opcode.
 constexpr uint16_t kControllerLogSize = 255;
@@ -488,6 +502,12 @@ constexpr FamilyTable make7000()
     set(Item::UnitStatus, at(kTable7000UnitStatus, 3, 16));
     set(Item::UnitList, at(kTable7000UnitStatus, 3, 16));  // the status bytes: 0xFF no unit
     set(Item::UnitDescriptor, at(kTable7000UnitDescriptor, 1, kUnitDescriptorSize7000));  // unit in byte3
+    set(Item::DriveList, at(kTableIdentity, 16, kMaxPorts));
+    set(Item::DriveStatus, at(kTablePortBase, 1, 1));
+    set(Item::DriveModel, at(kTablePortBase, 2, 40));
+    set(Item::DriveSerial, at(kTablePortBase, 3, 20));
+    set(Item::DriveFirmware, at(kTablePortBase, 4, 8));
+    set(Item::DriveCapacity, at(kTablePortBase, 5, 8));
     set(Item::ControllerLog, at(kTableLogs, 1, kControllerLogSize));
     set(Item::AvMode, at(kTableSettings, 1, 1));
     set(Item::BootUnit, at(kTableSettings, 2, 1));
@@ -520,6 +540,12 @@ constexpr FamilyTable make9000()
     set(Item::UnitStatus, at(kTable9000UnitBase, 3, 1));  // table: 768 plus the unit
     set(Item::UnitList, at(kTableIdentity, 15, kMaxUnits));
     set(Item::UnitDescriptor, at(kTable9000UnitBase, 10, kUnitDescriptorSize9000));
+    set(Item::DriveList, at(kTableIdentity, 16, kMaxPorts));
+    set(Item::DriveStatus, at(kTablePortBase, 1, 1));
+    set(Item::DriveModel, at(kTablePortBase, 2, 40));
+    set(Item::DriveSerial, at(kTablePortBase, 3, 20));
+    set(Item::DriveFirmware, at(kTablePortBase, 4, 8));
+    set(Item::DriveCapacity, at(kTablePortBase, 5, 8));
     set(Item::ControllerLog, at(kTableLogs, 1, kControllerLogSize));
     set(Item::DiagnosticLog, at(kTableLogs, 2, kDiagnosticLogSize));
     set(Item::AvMode, at(kTableSettings, 1, 1));
@@ -714,6 +740,17 @@ public:
     int get_unit_auto_verify_policy(tw_id_type unit_id, int* policy);
     int get_unit_id_from_drive_id(tw_id_type drive_id, tw_id_type* unit_id);
 
+    // Drives and ports. A drive's number is its port's.
+    int get_drive_id_list(tw_id_type id, tw_id_list_type* list);
+    int get_drive_id_list_from_unit_id(tw_id_type unit_id, tw_id_list_type* list);
+    int get_drive_status(tw_id_type drive_id, int* status);
+    int get_drive_capacity(tw_id_type drive_id, uint64_t* sectors);
+    int get_drive_model(tw_id_type drive_id, char* model);
+    int get_drive_serial_number(tw_id_type drive_id, char* serial_number);
+    int get_drive_firmware_version(tw_id_type drive_id, char* version);
+    int get_drive_port_id(tw_id_type drive_id, tw_id_type* port_id);
+    int get_port_id_list(tw_id_type id, tw_id_list_type* list);
+
 protected:
     explicit controller_base(const twp::FamilyTable& table) : table_(table) {}
 
@@ -721,6 +758,10 @@ protected:
     virtual int read_unit_descriptor(tw_id_type id, int unit, uint8_t* buffer, size_t size) = 0;
     // The units' numbers, one byte each, 0xFF where there is none.
     int read_unit_list(tw_id_type id, uint8_t (&units)[twp::kMaxUnits]);
+    // An item of the port's drive: the port below the number of ports and
+    // holding a drive; `buffer` takes the item's size.
+    int read_drive_item(tw_id_type drive_id, twp::Item item, void* buffer, size_t size);
+    int get_drive_text(tw_id_type drive_id, twp::Item item, char* out, size_t outSize);
     // The checked tree of the unit `unit_id` names, and the index of its node.
     int find_node(tw_id_type unit_id, unit_tree& tree, int* node);
 

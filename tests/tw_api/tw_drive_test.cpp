@@ -1,0 +1,137 @@
+// The drive and port read family on both families over the simulated
+// controllers.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+
+#include "tw_fixture.h"
+
+namespace {
+
+using twtest::controllerId;
+using twtest::TwModule;
+
+uint32_t apiCode()
+{
+    tw_api_error_type e;
+    tw_get_error_information(&e);
+    return e.api_error_code;
+}
+
+tw_id_type driveId(int n)
+{
+    tw_id_type id;
+    EXPECT_EQ(tw_create_drive_id(0, n, &id), 0);
+    return id;
+}
+
+std::vector<int> numbers(const tw_id_list_type& list)
+{
+    std::vector<int> out;
+    for (int i = 0; i < list.length; ++i) out.push_back(list.list[i].id[2]);
+    return out;
+}
+
+void editPort(TwModule& t, int index, int port, const std::function<void(sim::tw::Port&)>& change)
+{
+    sim::tw::twView(t.p.module()).update(index, [&](sim::tw::Controller& c) {
+        change(*c.port(port));
+        return true;
+    });
+}
+
+TEST(TwDrives, ListsIdentityAndStatusOn9000)
+{
+    TwModule t(9, "raid10");
+    editPort(t, 0, 1, [](sim::tw::Port& p) {
+        p.drive.clear();
+        p.foundSerial.clear();
+    });
+    editPort(t, 0, 2, [](sim::tw::Port& p) {
+        p.status = 0;
+        p.foundSerial = "  OLDSERIAL  ";
+        p.foundModel = "SIM DISK";
+    });
+    tw_id_list_type list;
+    ASSERT_EQ(tw_get_drive_id_list(controllerId(0), &list), 0);
+    EXPECT_EQ(numbers(list), (std::vector<int>{0, 2, 3})) << "port order, the empty port left out";
+    EXPECT_EQ(list.list[0].id[0], TW_ID_KIND_DRIVE);
+    ASSERT_EQ(tw_get_port_id_list(controllerId(0), &list), 0);
+    EXPECT_EQ(numbers(list), (std::vector<int>{0, 1, 2, 3}));
+
+    char serial[TW_SERIAL_NUMBER_SIZE], model[TW_MODEL_SIZE], firmware[TW_VERSION_SIZE];
+    ASSERT_EQ(tw_get_drive_serial_number(driveId(2), serial), 0);
+    EXPECT_STREQ(serial, "OLDSERIAL") << "blanks cut";
+    ASSERT_EQ(tw_get_drive_model(driveId(2), model), 0);
+    EXPECT_STREQ(model, "SIM DISK");
+    ASSERT_EQ(tw_get_drive_firmware_version(driveId(0), firmware), 0);
+    EXPECT_STREQ(firmware, "SIM1.00");
+    uint64_t sectors = 0;
+    ASSERT_EQ(tw_get_drive_capacity(driveId(0), &sectors), 0);
+    EXPECT_EQ(sectors, 8388608u);
+    int status = -1;
+    ASSERT_EQ(tw_get_drive_status(driveId(2), &status), 0);
+    EXPECT_EQ(status, 0);
+    ASSERT_EQ(tw_get_drive_status(driveId(3), &status), 0);
+    EXPECT_EQ(status, 0xFF);
+
+    EXPECT_EQ(tw_get_drive_status(driveId(1), &status), -1);
+    EXPECT_EQ(apiCode(), 30u) << "port empty";
+    EXPECT_EQ(tw_get_drive_status(driveId(4), &status), -1);
+    EXPECT_EQ(apiCode(), 10u) << "past the ports";
+    tw_id_type bad = driveId(0);
+    bad.id[2] = 200;
+    EXPECT_EQ(tw_get_drive_model(bad, model), -1);
+    EXPECT_EQ(apiCode(), 10u);
+
+    tw_id_type port;
+    ASSERT_EQ(tw_get_drive_port_id(driveId(3), &port), 0);
+    int n = -1;
+    ASSERT_EQ(tw_get_port_number(port, &n), 0);
+    EXPECT_EQ(n, 3);
+}
+
+TEST(TwDrives, UnitMembersByTreeOrderWithMissingSlots)
+{
+    TwModule t(9, "raid10");
+    sim::tw::twView(t.p.module()).update(0, [](sim::tw::Controller& c) {
+        sim::tw::parseTree("DEGRADED(DEGRADED(OK@0,DEGRADED),OK(OK@2,OK@3))", c.units[0].tree);
+        c.units[0].mode = "DEGRADED";
+        return true;
+    });
+    tw_id_type unit, mirror;
+    tw_create_unit_id(0, 0, nullptr, 0, &unit);
+    const int first = 0;
+    tw_create_unit_id(0, 0, &first, 1, &mirror);
+    tw_id_list_type list;
+    ASSERT_EQ(tw_get_drive_id_list_from_unit_id(unit, &list), 0);
+    EXPECT_EQ(numbers(list), (std::vector<int>{0, 255, 2, 3}));
+    ASSERT_EQ(tw_get_drive_id_list_from_unit_id(mirror, &list), 0);
+    EXPECT_EQ(numbers(list), (std::vector<int>{0, 255}));
+    const int path[2] = {1, 1};
+    tw_id_type leaf;
+    tw_create_unit_id(0, 0, path, 2, &leaf);
+    ASSERT_EQ(tw_get_drive_id_list_from_unit_id(leaf, &list), 0);
+    EXPECT_EQ(numbers(list), (std::vector<int>{3}));
+}
+
+TEST(TwDrives, The7000AnswersTheSameItems)
+{
+    TwModule t(2);
+    tw_id_list_type drives, ports;
+    ASSERT_EQ(tw_get_drive_id_list(controllerId(0), &drives), 0);
+    ASSERT_EQ(tw_get_port_id_list(controllerId(0), &ports), 0);
+    EXPECT_EQ(ports.length, 4);
+    ASSERT_GT(drives.length, 0);
+    char serial[TW_SERIAL_NUMBER_SIZE];
+    ASSERT_EQ(tw_get_drive_serial_number(drives.list[0], serial), 0);
+    EXPECT_NE(serial[0], '\0');
+    tw_id_type unit;
+    ASSERT_EQ(tw_get_unit_id_from_drive_id(drives.list[0], &unit), 0) << "every 7000 drive is a single unit here";
+    tw_id_list_type members;
+    ASSERT_EQ(tw_get_drive_id_list_from_unit_id(unit, &members), 0);
+    EXPECT_EQ(numbers(members), std::vector<int>{drives.list[0].id[2]});
+}
+
+} // namespace
