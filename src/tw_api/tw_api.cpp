@@ -901,3 +901,27 @@ int tw_get_port_id_list(tw_id_type controller_id, tw_id_list_type* port_id_list)
     if (!port_id_list) return null_argument();
     return controller.get_port_id_list(controller_id, port_id_list);
 }
+
+int tw_get_first_event(tw_id_type controller_id, tw_event_info_type* event)
+{
+    if (!event) return null_argument();
+    return controller.get_first_event(controller_id, event);
+}
+
+int tw_get_last_event(tw_id_type controller_id, tw_event_info_type* event)
+{
+    if (!event) return null_argument();
+    return controller.get_last_event(controller_id, event);
+}
+
+int tw_get_next_event(tw_id_type controller_id, tw_event_info_type* event)
+{
+    if (!event) return null_argument();
+    return controller.get_next_event(controller_id, event);
+}
+
+int tw_get_previous_event(tw_id_type controller_id, tw_event_info_type* event)
+{
+    if (!event) return null_argument();
+    return controller.get_previous_event(controller_id, event);
+}

@@ -278,6 +278,15 @@ int tw_get_drive_firmware_version(tw_id_type drive_id, char firmware_version[TW_
 int tw_get_drive_port_id(tw_id_type drive_id, tw_id_type* port_id);
 int tw_get_port_id_list(tw_id_type controller_id, tw_id_list_type* port_id_list);
 
+
+/* ----------------------------------------------------------------- events */
+/* Next and previous start from the sequence number in *event. At an end of
+ * the queue the result is 0 and the event has code 0. */
+int tw_get_first_event(tw_id_type controller_id, tw_event_info_type* event);
+int tw_get_last_event(tw_id_type controller_id, tw_event_info_type* event);
+int tw_get_next_event(tw_id_type controller_id, tw_event_info_type* event);
+int tw_get_previous_event(tw_id_type controller_id, tw_event_info_type* event);
+
 #ifdef __cplusplus
 }
 

@@ -519,3 +519,23 @@ int cil::get_port_id_list(tw_id_type id, tw_id_list_type* port_id_list)
 {
     return dispatch(id, TW_ID_KIND_CONTROLLER, [&](controller_base& c) { return c.get_port_id_list(id, port_id_list); });
 }
+
+int cil::get_first_event(tw_id_type id, tw_event_info_type* event)
+{
+    return dispatch(id, TW_ID_KIND_CONTROLLER, [&](controller_base& c) { return c.get_first_event(id, event); });
+}
+
+int cil::get_last_event(tw_id_type id, tw_event_info_type* event)
+{
+    return dispatch(id, TW_ID_KIND_CONTROLLER, [&](controller_base& c) { return c.get_last_event(id, event); });
+}
+
+int cil::get_next_event(tw_id_type id, tw_event_info_type* event)
+{
+    return dispatch(id, TW_ID_KIND_CONTROLLER, [&](controller_base& c) { return c.get_next_event(id, event); });
+}
+
+int cil::get_previous_event(tw_id_type id, tw_event_info_type* event)
+{
+    return dispatch(id, TW_ID_KIND_CONTROLLER, [&](controller_base& c) { return c.get_previous_event(id, event); });
+}

@@ -102,6 +102,10 @@ public:
     int get_unit_ecc_policy(tw_id_type id, int* policy);
     int get_unit_auto_verify_policy(tw_id_type id, int* policy);
     int get_unit_id_from_drive_id(tw_id_type id, tw_id_type* unit_id);
+    int get_first_event(tw_id_type id, tw_event_info_type* event);
+    int get_last_event(tw_id_type id, tw_event_info_type* event);
+    int get_next_event(tw_id_type id, tw_event_info_type* event);
+    int get_previous_event(tw_id_type id, tw_event_info_type* event);
     int get_drive_id_list(tw_id_type id, tw_id_list_type* drive_id_list);
     int get_drive_id_list_from_unit_id(tw_id_type id, tw_id_list_type* drive_id_list);
     int get_drive_status(tw_id_type id, int* status);

@@ -35,6 +35,20 @@ public:
     // The unit of depth 1 holding the drive.
     int find_drives_unit_id(tw_id_type drive_id, tw_id_type* unit_id);
 
+    // The driver's event queue by sequence number. The caller's record is
+    // zeroed first: an end of the queue reads as an event of code 0.
+    int get_9000_first_event(tw_id_type id, tw_event_info_type* event);
+    int get_9000_last_event(tw_id_type id, tw_event_info_type* event);
+    int get_9000_next_event(tw_id_type id, tw_event_info_type* event);
+    int get_9000_previous_event(tw_id_type id, tw_event_info_type* event);
+    int get_first_event(tw_id_type id, tw_event_info_type* event) override { return get_9000_first_event(id, event); }
+    int get_last_event(tw_id_type id, tw_event_info_type* event) override { return get_9000_last_event(id, event); }
+    int get_next_event(tw_id_type id, tw_event_info_type* event) override { return get_9000_next_event(id, event); }
+    int get_previous_event(tw_id_type id, tw_event_info_type* event) override
+    {
+        return get_9000_previous_event(id, event);
+    }
+
     // By the driver's version request.
     int get_driver_version(tw_id_type id, char* version) override;
 
@@ -44,6 +58,7 @@ protected:
     int write_param(tw_id_type id, const twp::Param& p, int unit, const void* value) override;
 
 private:
+    int event_command(tw_id_type id, uint32_t control_code, tw_event_info_type* event);
     int param_command(tw_id_type id, bool set, int table, int parameter, int size, void* buffer, int bufferLength);
     int lock(tw_id_type id, uint32_t control_code, int tries);
 };

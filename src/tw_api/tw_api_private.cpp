@@ -387,3 +387,17 @@ int controller_base::get_bbu_factory_data(tw_id_type id, char* factory_data)
 {
     return get_text(id, Item::BbuFactoryData, factory_data, TW_FACTORY_DATA_SIZE);
 }
+
+namespace {
+int not_supported()
+{
+    tw_api_clear_error();
+    set_api(2);
+    return -1;
+}
+} // namespace
+
+int controller_base::get_first_event(tw_id_type, tw_event_info_type*) { return not_supported(); }
+int controller_base::get_last_event(tw_id_type, tw_event_info_type*) { return not_supported(); }
+int controller_base::get_next_event(tw_id_type, tw_event_info_type*) { return not_supported(); }
+int controller_base::get_previous_event(tw_id_type, tw_event_info_type*) { return not_supported(); }

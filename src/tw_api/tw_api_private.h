@@ -270,6 +270,13 @@ constexpr uint32_t kControlFirmwarePassThrough = 264;
 constexpr uint32_t kControlAcquireLock = 262;  // read and write locks alike: the controller has one lock
 constexpr uint32_t kControlReleaseLock = 263;
 constexpr uint32_t kControlDriverVersion = 265;  // answers a TAG_GP_Version
+// The driver's event queue, one TAG_GP_Event an answer; next and previous
+// start from the driver command's sequence_id. An event's text is its
+// parameter data up to the first zero.
+constexpr uint32_t kControlFirstEvent = 266;
+constexpr uint32_t kControlLastEvent = 267;
+constexpr uint32_t kControlNextEvent = 268;
+constexpr uint32_t kControlPreviousEvent = 269;
 
 // 9000 driver statuses that end a call with 0 and nothing copied: no event
 // there, and a sequence number beyond the queue.
@@ -722,6 +729,12 @@ public:
     int get_bbu_boot_code_version(tw_id_type id, char* version);
     int get_bbu_pcb_revision(tw_id_type id, char* pcb_revision);
     int get_bbu_factory_data(tw_id_type id, char* factory_data);
+
+    // Events. A family without them gives API code 2.
+    virtual int get_first_event(tw_id_type id, tw_event_info_type* event);
+    virtual int get_last_event(tw_id_type id, tw_event_info_type* event);
+    virtual int get_next_event(tw_id_type id, tw_event_info_type* event);
+    virtual int get_previous_event(tw_id_type id, tw_event_info_type* event);
 
     // Units. Modes, percentages and the other unit items answer at every
     // depth from the unit's descriptor tree.
