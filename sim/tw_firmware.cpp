@@ -24,6 +24,7 @@ enum class Kind {
     UnitStatus,
     UnitList,  // a byte a unit number: its status, 0xFF none
     UnitTree,  // the unit's descriptor tree
+    UnitPolicy,  // the unit's cache and policy bits
     DriveList,     // a byte a port: 1 a drive the controller holds
     DriveStatus,   // the port's drive's status byte
     DriveText,     // what the controller read of the port's drive when it found it
@@ -59,6 +60,7 @@ const ItemKey kItems[] = {
     {Item::UnitStatus, "", Kind::UnitStatus, false},
     {Item::UnitList, "", Kind::UnitList, false},
     {Item::UnitDescriptor, "", Kind::UnitTree, false},
+    {Item::UnitPolicy, "", Kind::UnitPolicy, true, 0, 15},
     {Item::DriveList, "", Kind::DriveList, false},
     {Item::DriveStatus, "", Kind::DriveStatus, false},
     {Item::DriveModel, "model", Kind::DriveText, false},
@@ -156,6 +158,12 @@ uint8_t modeByte(const std::string& mode)
     return twp::kModeInoperable;
 }
 
+uint8_t policyBits(const Unit& u)
+{
+    return static_cast<uint8_t>((u.readCache ? twp::kPolicyReadCache : 0) | (u.writeCache ? twp::kPolicyWriteCache : 0) |
+                                (u.ecc ? twp::kPolicyEcc : 0) | (u.autoVerify ? twp::kPolicyAutoVerify : 0));
+}
+
 // The descriptor tree of a unit, in preorder, as far as `size` holds.
 // Inner nodes below the root are mirrors (6) of a RAID 10, or take the
 // unit's configuration; a member slot is a single drive (11) with the
@@ -165,9 +173,7 @@ void unitTree(const Controller& c, const Unit& u, std::vector<uint8_t>& out)
 {
     const size_t room = (out.size() - twp::kUnitHeadSize) / sizeof(TAG_TW_Unit_Node);
     size_t count = 0;
-    const uint8_t policy = static_cast<uint8_t>((u.readCache ? twp::kPolicyReadCache : 0) |
-                                                (u.writeCache ? twp::kPolicyWriteCache : 0) |
-                                                (u.ecc ? twp::kPolicyEcc : 0) | (u.autoVerify ? twp::kPolicyAutoVerify : 0));
+    const uint8_t policy = policyBits(u);
     std::function<void(const TreeNode&, int)> put = [&](const TreeNode& t, int depth) {
         if (count >= room) return;
         TAG_TW_Unit_Node n{};
@@ -316,8 +322,10 @@ FwAnswer runParam(Module& module, int index, const ParamRequest& r, std::vector<
     const bool drive = k->kind == Kind::DriveStatus || k->kind == Kind::DriveText || k->kind == Kind::DriveSectors;
     const Port* port = drive ? c->port(static_cast<int>(unit)) : nullptr;
     if (drive && (!port || port->drive.empty())) return fwError(kErrPort);
-    if (c->family == 7000 && k->item == Item::UnitDescriptor) unit = r.unit;
-    if ((k->item == Item::UnitStatus && c->family == 9000) || k->item == Item::UnitDescriptor)
+    // The 7000's unit tables name the unit in the command's unit bits.
+    const bool perUnit = k->item == Item::UnitDescriptor || k->item == Item::UnitPolicy;
+    if (c->family == 7000 && perUnit) unit = r.unit;
+    if ((k->item == Item::UnitStatus && c->family == 9000) || perUnit)
         if (!c->unit(static_cast<int>(unit))) return fwError(kErrUnit);
 
     if (r.set) {
@@ -329,6 +337,13 @@ FwAnswer runParam(Module& module, int index, const ParamRequest& r, std::vector<
         const uint64_t now = module.nowUs();
         view.update(index, [&](Controller& s) {
             if (k->kind == Kind::Schedule) s.set(k->key, toHex(r.value.data(), p.size));
+            else if (k->kind == Kind::UnitPolicy) {
+                Unit& u = *s.unit(static_cast<int>(unit));
+                u.readCache = (value & twp::kPolicyReadCache) != 0;
+                u.writeCache = (value & twp::kPolicyWriteCache) != 0;
+                u.ecc = (value & twp::kPolicyEcc) != 0;
+                u.autoVerify = (value & twp::kPolicyAutoVerify) != 0;
+            }
             else if (k->item == Item::BbuTestBattery) {
                 s.setNum("test-in-progress", 1);
                 s.setNum("test-ends", static_cast<int64_t>(now + static_cast<uint64_t>(s.num("test-seconds", 3600)) * 1000000));
@@ -377,6 +392,7 @@ FwAnswer runParam(Module& module, int index, const ParamRequest& r, std::vector<
         for (const Unit& u : c->units)
             if (static_cast<size_t>(u.number) < out.size()) out[static_cast<size_t>(u.number)] = unitStatus(u);
         break;
+    case Kind::UnitPolicy: out[0] = policyBits(*c->unit(static_cast<int>(unit))); break;
     case Kind::UnitTree: unitTree(*c, *c->unit(static_cast<int>(unit)), out); break;
     case Kind::DriveList:
         for (const Port& q : c->ports)

@@ -925,3 +925,19 @@ int tw_get_previous_event(tw_id_type controller_id, tw_event_info_type* event)
     if (!event) return null_argument();
     return controller.get_previous_event(controller_id, event);
 }
+
+int tw_enable_unit_read_cache(tw_id_type unit_id) { return controller.enable_unit_read_cache(unit_id); }
+
+int tw_disable_unit_read_cache(tw_id_type unit_id) { return controller.disable_unit_read_cache(unit_id); }
+
+int tw_enable_unit_write_cache(tw_id_type unit_id) { return controller.enable_unit_write_cache(unit_id); }
+
+int tw_disable_unit_write_cache(tw_id_type unit_id) { return controller.disable_unit_write_cache(unit_id); }
+
+int tw_enable_unit_auto_verify(tw_id_type unit_id) { return controller.enable_unit_auto_verify(unit_id); }
+
+int tw_disable_unit_auto_verify(tw_id_type unit_id) { return controller.disable_unit_auto_verify(unit_id); }
+
+int tw_unit_set_ecc_policy_to_continue(tw_id_type unit_id) { return controller.unit_set_ecc_policy_to_continue(unit_id); }
+
+int tw_unit_set_ecc_policy_to_halt(tw_id_type unit_id) { return controller.unit_set_ecc_policy_to_halt(unit_id); }

@@ -264,6 +264,16 @@ int tw_get_unit_auto_verify_policy(tw_id_type unit_id, int* policy);
 int tw_get_unit_id_from_drive_id(tw_id_type drive_id, tw_id_type* unit_id);
 
 
+/* Per unit of depth 1: caches, auto-verify, and ECC errors continued past or halting. */
+int tw_enable_unit_read_cache(tw_id_type unit_id);
+int tw_disable_unit_read_cache(tw_id_type unit_id);
+int tw_enable_unit_write_cache(tw_id_type unit_id);
+int tw_disable_unit_write_cache(tw_id_type unit_id);
+int tw_enable_unit_auto_verify(tw_id_type unit_id);
+int tw_disable_unit_auto_verify(tw_id_type unit_id);
+int tw_unit_set_ecc_policy_to_continue(tw_id_type unit_id);
+int tw_unit_set_ecc_policy_to_halt(tw_id_type unit_id);
+
 /* ------------------------------------------------------- drives and ports */
 /* A drive's number is its port's; a unit's missing member is drive 255.
  * Drive status: 0xFF good, 0 failed or offline, 0xFE unsupported. The serial

@@ -539,3 +539,43 @@ int cil::get_previous_event(tw_id_type id, tw_event_info_type* event)
 {
     return dispatch(id, TW_ID_KIND_CONTROLLER, [&](controller_base& c) { return c.get_previous_event(id, event); });
 }
+
+int cil::enable_unit_read_cache(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.enable_unit_read_cache(id); });
+}
+
+int cil::disable_unit_read_cache(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.disable_unit_read_cache(id); });
+}
+
+int cil::enable_unit_write_cache(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.enable_unit_write_cache(id); });
+}
+
+int cil::disable_unit_write_cache(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.disable_unit_write_cache(id); });
+}
+
+int cil::enable_unit_auto_verify(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.enable_unit_auto_verify(id); });
+}
+
+int cil::disable_unit_auto_verify(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.disable_unit_auto_verify(id); });
+}
+
+int cil::unit_set_ecc_policy_to_continue(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.unit_set_ecc_policy_to_continue(id); });
+}
+
+int cil::unit_set_ecc_policy_to_halt(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.unit_set_ecc_policy_to_halt(id); });
+}

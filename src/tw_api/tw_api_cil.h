@@ -102,6 +102,14 @@ public:
     int get_unit_ecc_policy(tw_id_type id, int* policy);
     int get_unit_auto_verify_policy(tw_id_type id, int* policy);
     int get_unit_id_from_drive_id(tw_id_type id, tw_id_type* unit_id);
+    int enable_unit_read_cache(tw_id_type id);
+    int disable_unit_read_cache(tw_id_type id);
+    int enable_unit_write_cache(tw_id_type id);
+    int disable_unit_write_cache(tw_id_type id);
+    int enable_unit_auto_verify(tw_id_type id);
+    int disable_unit_auto_verify(tw_id_type id);
+    int unit_set_ecc_policy_to_continue(tw_id_type id);
+    int unit_set_ecc_policy_to_halt(tw_id_type id);
     int get_first_event(tw_id_type id, tw_event_info_type* event);
     int get_last_event(tw_id_type id, tw_event_info_type* event);
     int get_next_event(tw_id_type id, tw_event_info_type* event);

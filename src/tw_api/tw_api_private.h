@@ -400,6 +400,7 @@ enum class Item : uint8_t {
     UnitStatus,  // 7000: one status byte a unit; 9000: one unit's byte, table plus the unit
     UnitList,    // one byte a unit number, 0xFF where there is no unit
     UnitDescriptor,  // a unit's descriptor tree (TAG_TW_Unit_Node)
+    UnitPolicy,      // a unit's twp::kPolicy... bits, read and written
     DriveList,       // one byte a port: 1 the controller holds a drive there, 0 not
     // A port's drive, at the port table plus the port.
     DriveStatus,     // twp::kDrive... byte
@@ -509,6 +510,7 @@ constexpr FamilyTable make7000()
     set(Item::UnitStatus, at(kTable7000UnitStatus, 3, 16));
     set(Item::UnitList, at(kTable7000UnitStatus, 3, 16));  // the status bytes: 0xFF no unit
     set(Item::UnitDescriptor, at(kTable7000UnitDescriptor, 1, kUnitDescriptorSize7000));  // unit in byte3
+    set(Item::UnitPolicy, at(kTable7000UnitDescriptor, 2, 1));
     set(Item::DriveList, at(kTableIdentity, 16, kMaxPorts));
     set(Item::DriveStatus, at(kTablePortBase, 1, 1));
     set(Item::DriveModel, at(kTablePortBase, 2, 40));
@@ -547,6 +549,7 @@ constexpr FamilyTable make9000()
     set(Item::UnitStatus, at(kTable9000UnitBase, 3, 1));  // table: 768 plus the unit
     set(Item::UnitList, at(kTableIdentity, 15, kMaxUnits));
     set(Item::UnitDescriptor, at(kTable9000UnitBase, 10, kUnitDescriptorSize9000));
+    set(Item::UnitPolicy, at(kTable9000UnitBase, 11, 1));
     set(Item::DriveList, at(kTableIdentity, 16, kMaxPorts));
     set(Item::DriveStatus, at(kTablePortBase, 1, 1));
     set(Item::DriveModel, at(kTablePortBase, 2, 40));
@@ -753,6 +756,17 @@ public:
     int get_unit_auto_verify_policy(tw_id_type unit_id, int* policy);
     int get_unit_id_from_drive_id(tw_id_type drive_id, tw_id_type* unit_id);
 
+    // A unit's caches and policies, on units of depth 1: the unit's policy
+    // bits read, changed and written back.
+    int enable_unit_read_cache(tw_id_type unit_id);
+    int disable_unit_read_cache(tw_id_type unit_id);
+    int enable_unit_write_cache(tw_id_type unit_id);
+    int disable_unit_write_cache(tw_id_type unit_id);
+    int enable_unit_auto_verify(tw_id_type unit_id);
+    int disable_unit_auto_verify(tw_id_type unit_id);
+    int unit_set_ecc_policy_to_continue(tw_id_type unit_id);
+    int unit_set_ecc_policy_to_halt(tw_id_type unit_id);
+
     // Drives and ports. A drive's number is its port's.
     int get_drive_id_list(tw_id_type id, tw_id_list_type* list);
     int get_drive_id_list_from_unit_id(tw_id_type unit_id, tw_id_list_type* list);
@@ -775,6 +789,7 @@ protected:
     // holding a drive; `buffer` takes the item's size.
     int read_drive_item(tw_id_type drive_id, twp::Item item, void* buffer, size_t size);
     int get_drive_text(tw_id_type drive_id, twp::Item item, char* out, size_t outSize);
+    int change_unit_policy(tw_id_type unit_id, uint8_t bit, bool on);
     // The checked tree of the unit `unit_id` names, and the index of its node.
     int find_node(tw_id_type unit_id, unit_tree& tree, int* node);
 

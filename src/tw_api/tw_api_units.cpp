@@ -246,3 +246,27 @@ int controller_base::get_unit_id_from_drive_id(tw_id_type drive_id, tw_id_type* 
     set_api(kApiNoUnitId);
     return -1;
 }
+
+int controller_base::change_unit_policy(tw_id_type unit_id, uint8_t bit, bool on)
+{
+    const int unit = unit_id.id[4];
+    if (unit_id.id[3] != 1 || unit >= twp::kMaxUnits) {
+        set_api(kApiInvalidUnit);
+        return -1;
+    }
+    if (!supported(twp::Item::UnitPolicy)) return -1;
+    const twp::Param& p = table_[twp::Item::UnitPolicy];
+    uint8_t policy = 0;
+    if (p.size != 1 || read_param(unit_id, p, unit, &policy) != 0) return -1;
+    policy = uint8_t(on ? policy | bit : policy & ~bit);
+    return write_param(unit_id, p, unit, &policy);
+}
+
+int controller_base::enable_unit_read_cache(tw_id_type u) { return change_unit_policy(u, twp::kPolicyReadCache, true); }
+int controller_base::disable_unit_read_cache(tw_id_type u) { return change_unit_policy(u, twp::kPolicyReadCache, false); }
+int controller_base::enable_unit_write_cache(tw_id_type u) { return change_unit_policy(u, twp::kPolicyWriteCache, true); }
+int controller_base::disable_unit_write_cache(tw_id_type u) { return change_unit_policy(u, twp::kPolicyWriteCache, false); }
+int controller_base::enable_unit_auto_verify(tw_id_type u) { return change_unit_policy(u, twp::kPolicyAutoVerify, true); }
+int controller_base::disable_unit_auto_verify(tw_id_type u) { return change_unit_policy(u, twp::kPolicyAutoVerify, false); }
+int controller_base::unit_set_ecc_policy_to_continue(tw_id_type u) { return change_unit_policy(u, twp::kPolicyEcc, true); }
+int controller_base::unit_set_ecc_policy_to_halt(tw_id_type u) { return change_unit_policy(u, twp::kPolicyEcc, false); }

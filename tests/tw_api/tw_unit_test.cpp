@@ -168,6 +168,43 @@ TEST(TwUnits, PoliciesReadBackPerUnit)
     EXPECT_EQ(a, 1);
 }
 
+TEST(TwUnits, CachesAndPoliciesAreSetAndReadBackOnBothFamilies)
+{
+    for (int platform : {9, 2}) {
+        TwModule t(platform, platform == 9 ? "raid5" : "");
+        tw_id_list_type list;
+        ASSERT_EQ(tw_get_unit_id_list(controllerId(0), &list), 0);
+        ASSERT_GT(list.length, 0);
+        const tw_id_type unit = list.list[0];
+        ASSERT_EQ(tw_disable_unit_read_cache(unit), 0);
+        ASSERT_EQ(tw_disable_unit_write_cache(unit), 0);
+        ASSERT_EQ(tw_enable_unit_auto_verify(unit), 0);
+        ASSERT_EQ(tw_unit_set_ecc_policy_to_continue(unit), 0);
+        int r = -1, w = -1, e = -1, a = -1;
+        ASSERT_EQ(tw_get_unit_read_cache_state(unit, &r), 0);
+        ASSERT_EQ(tw_get_unit_write_cache_state(unit, &w), 0);
+        ASSERT_EQ(tw_get_unit_ecc_policy(unit, &e), 0);
+        ASSERT_EQ(tw_get_unit_auto_verify_policy(unit, &a), 0);
+        EXPECT_EQ((std::vector<int>{r, w, e, a}), (std::vector<int>{0, 0, 1, 1})) << platform;
+        ASSERT_EQ(tw_enable_unit_write_cache(unit), 0);
+        ASSERT_EQ(tw_unit_set_ecc_policy_to_halt(unit), 0);
+        ASSERT_EQ(tw_disable_unit_auto_verify(unit), 0);
+        ASSERT_EQ(tw_enable_unit_read_cache(unit), 0);
+        ASSERT_EQ(tw_get_unit_read_cache_state(unit, &r), 0);
+        ASSERT_EQ(tw_get_unit_write_cache_state(unit, &w), 0);
+        ASSERT_EQ(tw_get_unit_ecc_policy(unit, &e), 0);
+        ASSERT_EQ(tw_get_unit_auto_verify_policy(unit, &a), 0);
+        EXPECT_EQ((std::vector<int>{r, w, e, a}), (std::vector<int>{1, 1, 0, 0})) << platform;
+        if (platform == 9) {
+            const int first = 0;
+            tw_id_type sub;
+            tw_create_unit_id(0, list.list[0].id[4], &first, 1, &sub);
+            EXPECT_EQ(tw_enable_unit_write_cache(sub), -1) << "a subunit has no policies of its own";
+            EXPECT_EQ(apiCode(), 9u);
+        }
+    }
+}
+
 TEST(TwUnits, The7000ReadsStatusBytesAndTheSameTree)
 {
     TwModule t(2);
