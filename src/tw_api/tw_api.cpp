@@ -941,3 +941,21 @@ int tw_disable_unit_auto_verify(tw_id_type unit_id) { return controller.disable_
 int tw_unit_set_ecc_policy_to_continue(tw_id_type unit_id) { return controller.unit_set_ecc_policy_to_continue(unit_id); }
 
 int tw_unit_set_ecc_policy_to_halt(tw_id_type unit_id) { return controller.unit_set_ecc_policy_to_halt(unit_id); }
+
+int tw_get_unit_local_unit_id(tw_id_type unit_id, int* local_unit_id)
+{
+    if (!local_unit_id) return null_argument();
+    return controller.get_unit_local_unit_id(unit_id, local_unit_id);
+}
+
+int tw_unit_background_task_active(tw_id_type unit_id, int* active)
+{
+    if (!active) return null_argument();
+    return controller.unit_background_task_active(unit_id, active);
+}
+
+int tw_unit_is_initialized(tw_id_type unit_id, int* initialized)
+{
+    if (!initialized) return null_argument();
+    return controller.unit_is_initialized(unit_id, initialized);
+}

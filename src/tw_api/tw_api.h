@@ -264,6 +264,10 @@ int tw_get_unit_auto_verify_policy(tw_id_type unit_id, int* policy);
 int tw_get_unit_id_from_drive_id(tw_id_type drive_id, tw_id_type* unit_id);
 
 
+int tw_get_unit_local_unit_id(tw_id_type unit_id, int* local_unit_id);
+int tw_unit_background_task_active(tw_id_type unit_id, int* active);
+int tw_unit_is_initialized(tw_id_type unit_id, int* initialized);
+
 /* Per unit of depth 1: caches, auto-verify, and ECC errors continued past or halting. */
 int tw_enable_unit_read_cache(tw_id_type unit_id);
 int tw_disable_unit_read_cache(tw_id_type unit_id);

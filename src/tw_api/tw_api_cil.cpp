@@ -579,3 +579,18 @@ int cil::unit_set_ecc_policy_to_halt(tw_id_type id)
 {
     return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.unit_set_ecc_policy_to_halt(id); });
 }
+
+int cil::get_unit_local_unit_id(tw_id_type id, int* local_unit_id)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.get_unit_local_unit_id(id, local_unit_id); });
+}
+
+int cil::unit_background_task_active(tw_id_type id, int* active)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.unit_background_task_active(id, active); });
+}
+
+int cil::unit_is_initialized(tw_id_type id, int* initialized)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.unit_is_initialized(id, initialized); });
+}

@@ -755,6 +755,12 @@ public:
     int get_unit_ecc_policy(tw_id_type unit_id, int* policy);
     int get_unit_auto_verify_policy(tw_id_type unit_id, int* policy);
     int get_unit_id_from_drive_id(tw_id_type drive_id, tw_id_type* unit_id);
+    // The unit's number on its controller.
+    int get_unit_local_unit_id(tw_id_type unit_id, int* local_id);
+    // 1 while the unit verifies, initialises or rebuilds (paused included).
+    int unit_background_task_active(tw_id_type unit_id, int* active);
+    // 0 while the unit initialises, else 1.
+    int unit_is_initialized(tw_id_type unit_id, int* initialized);
 
     // A unit's caches and policies, on units of depth 1: the unit's policy
     // bits read, changed and written back.

@@ -205,7 +205,21 @@ TW_UNIT_ITEM(get_unit_read_cache_state, int, (node.policy & twp::kPolicyReadCach
 TW_UNIT_ITEM(get_unit_write_cache_state, int, (node.policy & twp::kPolicyWriteCache) != 0)
 TW_UNIT_ITEM(get_unit_ecc_policy, int, (node.policy & twp::kPolicyEcc) != 0)
 TW_UNIT_ITEM(get_unit_auto_verify_policy, int, (node.policy & twp::kPolicyAutoVerify) != 0)
+TW_UNIT_ITEM(unit_background_task_active, int,
+             node.mode == twp::kModeVerifying || node.mode == twp::kModeInitializing ||
+                 node.mode == twp::kModeRebuilding || node.mode == twp::kModeRebuildPaused)
+TW_UNIT_ITEM(unit_is_initialized, int, node.mode != twp::kModeInitializing)
 #undef TW_UNIT_ITEM
+
+// The number of the unit of depth 1 the identifier names, once it exists.
+int controller_base::get_unit_local_unit_id(tw_id_type unit_id, int* local_id)
+{
+    unit_tree tree;
+    int n = 0;
+    if (find_node(unit_id, tree, &n) != 0) return -1;
+    *local_id = unit_id.id[4];
+    return 0;
+}
 
 // A percentage belongs to a mode with a task; any other gives API code 55.
 int controller_base::get_unit_percentage_complete(tw_id_type unit_id, int* percent)

@@ -139,6 +139,20 @@ TEST(TwUnits, DegradedParityUnitShowsItsMissingSlotAndPercentage)
     EXPECT_EQ(tw_get_unit_id_from_drive_id(drive, &found), -1) << "port 3 holds no member";
     EXPECT_EQ(apiCode(), 34u);
 
+    int active = -1, initialized = -1, local = -1;
+    ASSERT_EQ(tw_unit_background_task_active(unit, &active), 0);
+    EXPECT_EQ(active, 1);
+    ASSERT_EQ(tw_unit_background_task_active(unitId(2, {0}), &active), 0);
+    EXPECT_EQ(active, 0);
+    ASSERT_EQ(tw_get_unit_local_unit_id(unitId(2, {1}), &local), 0);
+    EXPECT_EQ(local, 2);
+
+    putUnit(t, 2, 5, "INITIALIZING", "INITIALIZING(OK@0,OK@1,OK@2)", 10);
+    ASSERT_EQ(tw_unit_is_initialized(unit, &initialized), 0);
+    EXPECT_EQ(initialized, 0);
+    ASSERT_EQ(tw_get_unit_percentage_complete(unit, &percent), 0);
+    EXPECT_EQ(percent, 10);
+
     putUnit(t, 2, 5, "INOPERABLE", "INOPERABLE(OK@0,INOPERABLE,INOPERABLE)");
     EXPECT_EQ(mode(unit), 0x00);
     int status = -1;
