@@ -25,6 +25,7 @@ enum class Kind {
     UnitList,  // a byte a unit number: its status, 0xFF none
     UnitTree,  // the unit's descriptor tree
     UnitPolicy,  // the unit's cache and policy bits
+    Aen,         // 7000: the oldest event, taken off the queue by the read
     DriveList,     // a byte a port: 1 a drive the controller holds
     DriveStatus,   // the port's drive's status byte
     DriveText,     // what the controller read of the port's drive when it found it
@@ -61,6 +62,7 @@ const ItemKey kItems[] = {
     {Item::UnitList, "", Kind::UnitList, false},
     {Item::UnitDescriptor, "", Kind::UnitTree, false},
     {Item::UnitPolicy, "", Kind::UnitPolicy, true, 0, 15},
+    {Item::AenQueue, "", Kind::Aen, false},
     {Item::DriveList, "", Kind::DriveList, false},
     {Item::DriveStatus, "", Kind::DriveStatus, false},
     {Item::DriveModel, "model", Kind::DriveText, false},
@@ -358,6 +360,22 @@ FwAnswer runParam(Module& module, int index, const ParamRequest& r, std::vector<
     }
 
     out.assign(p.size, 0);
+    if (k->kind == Kind::Aen) {
+        // The 7000 hands out its events once, oldest first.
+        view.update(index, [&](Controller& s) {
+            if (s.events.empty()) return false;
+            const Event e = s.events.front();
+            s.events.erase(s.events.begin());
+            TAG_TW_Aen aen{};
+            aen.sequence_id = e.sequence;
+            aen.time_stamp_sec = e.time;
+            aen.aen_code = e.code;
+            aen.severity = e.severity;
+            std::memcpy(out.data(), &aen, std::min(out.size(), sizeof aen));
+            return true;
+        });
+        return FwAnswer{};
+    }
     switch (k->kind) {
     case Kind::Text: {
         const std::string text = c->get(k->key);
@@ -411,7 +429,8 @@ FwAnswer runParam(Module& module, int index, const ParamRequest& r, std::vector<
         for (size_t i = 0; i < out.size() && i < 8; ++i) out[i] = static_cast<uint8_t>(port->foundSectors >> (8 * i));
         break;
     case Kind::Schedule: out = fromHex(c->get(k->key), p.size); break;
-    case Kind::Action: break;
+    case Kind::Action:
+    case Kind::Aen: break;
     }
     return FwAnswer{};
 }

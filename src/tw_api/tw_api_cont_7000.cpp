@@ -198,3 +198,18 @@ int controller_7000::read_unit_descriptor(tw_id_type id, int unit, uint8_t* buff
 {
     return get_unit_descriptor(id, unit, buffer, size);
 }
+
+int controller_7000::get_aen(tw_id_type id, tw_event_info_type* event)
+{
+    std::memset(event, 0, sizeof *event);
+    if (!supported(twp::Item::AenQueue)) return -1;
+    TAG_TW_Aen aen {};
+    if (table_[twp::Item::AenQueue].size != sizeof aen) return -1;
+    if (read_param(id, table_[twp::Item::AenQueue], 0, &aen) != 0) return -1;
+    if (aen.aen_code == 0) return 0;
+    event->sequence_id = aen.sequence_id;
+    event->time_stamp_sec = aen.time_stamp_sec;
+    event->aen_code = aen.aen_code;
+    event->severity = aen.severity;
+    return 0;
+}

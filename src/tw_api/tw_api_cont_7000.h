@@ -26,6 +26,13 @@ public:
     int get_background_task_rate(tw_id_type id, int* rate);
     int set_background_task_rate(tw_id_type id, int rate);
 
+    // The oldest AEN, taken off the controller's queue; code 0 when it is
+    // empty. First and next events are both the next AEN; the queue is read
+    // once, so last and previous give API code 2.
+    int get_aen(tw_id_type id, tw_event_info_type* event);
+    int get_first_event(tw_id_type id, tw_event_info_type* event) override { return get_aen(id, event); }
+    int get_next_event(tw_id_type id, tw_event_info_type* event) override { return get_aen(id, event); }
+
     // The unit's status: the low 7 bits of its byte of the status table.
     int get_7000_unit_status(tw_id_type unit_id, int* status);
     int get_unit_status(tw_id_type unit_id, int* status) override;

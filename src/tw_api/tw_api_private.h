@@ -253,6 +253,17 @@ static_assert(sizeof(TAG_TW_Unit_Node) == 16);
 static_assert(offsetof(TAG_TW_Unit_Node, children) == 4);
 static_assert(offsetof(TAG_TW_Unit_Node, capacity) == 8);
 
+// One AEN of the 7000's queue; an empty queue answers code 0.
+struct TAG_TW_Aen {
+    uint32_t sequence_id;
+    uint32_t time_stamp_sec;
+    uint16_t aen_code;
+    uint8_t severity;
+    uint8_t reserved;
+};
+static_assert(sizeof(TAG_TW_Aen) == 12);
+static_assert(offsetof(TAG_TW_Aen, aen_code) == 8);
+
 // ---------------------------------------------------------------------------
 // Codes.
 
@@ -401,6 +412,7 @@ enum class Item : uint8_t {
     UnitList,    // one byte a unit number, 0xFF where there is no unit
     UnitDescriptor,  // a unit's descriptor tree (TAG_TW_Unit_Node)
     UnitPolicy,      // a unit's twp::kPolicy... bits, read and written
+    AenQueue,        // 7000: a read takes the oldest AEN off the queue (TAG_TW_Aen)
     DriveList,       // one byte a port: 1 the controller holds a drive there, 0 not
     // A port's drive, at the port table plus the port.
     DriveStatus,     // twp::kDrive... byte
@@ -471,6 +483,7 @@ constexpr uint16_t kTableLogs = 1030;
 constexpr uint16_t kTable7000UnitStatus = 2;
 constexpr uint16_t kTable9000UnitBase = 768;
 constexpr uint16_t kTable7000UnitDescriptor = 3;
+constexpr uint16_t kTableAen7000 = 1025;
 constexpr uint16_t kMaxUnits = 16;
 // Both families: a port's drive items sit at this table plus the port.
 constexpr uint16_t kTablePortBase = 512;
@@ -511,6 +524,7 @@ constexpr FamilyTable make7000()
     set(Item::UnitList, at(kTable7000UnitStatus, 3, 16));  // the status bytes: 0xFF no unit
     set(Item::UnitDescriptor, at(kTable7000UnitDescriptor, 1, kUnitDescriptorSize7000));  // unit in byte3
     set(Item::UnitPolicy, at(kTable7000UnitDescriptor, 2, 1));
+    set(Item::AenQueue, at(kTableAen7000, 2, sizeof(TAG_TW_Aen)));
     set(Item::DriveList, at(kTableIdentity, 16, kMaxPorts));
     set(Item::DriveStatus, at(kTablePortBase, 1, 1));
     set(Item::DriveModel, at(kTablePortBase, 2, 40));

@@ -77,10 +77,32 @@ TEST(TwEvents, DroppedAndEmptyQueuesReadAsCodeZero)
     EXPECT_EQ(e.aen_code, 0);
 }
 
-TEST(TwEvents, The7000HasNoSequencedQueue)
+TEST(TwEvents, The7000HandsOutItsAensOnceOldestFirst)
 {
     TwModule t(2);
+    // Which file answers as controller 0 is the node scan's choice: both alike.
+    sim::tw::twView(t.p.module()).update(1, [](sim::tw::Controller& c) {
+        c.events.clear();
+        return true;
+    });
+    setEvents(t, 1, 0);
     tw_event_info_type e;
+    ASSERT_EQ(tw_get_first_event(controllerId(0), &e), 0);
+    EXPECT_EQ(e.aen_code, 0) << "the queue read empty";
+
+    setEvents(t, 3, 2);
+    sim::tw::twView(t.p.module()).update(1, [&](sim::tw::Controller& c) {
+        c.events = sim::tw::twView(t.p.module()).controllers()[0].events;
+        return true;
+    });
+    ASSERT_EQ(tw_get_first_event(controllerId(0), &e), 0);
+    EXPECT_EQ(e.sequence_id, 3u);
+    EXPECT_EQ(e.aen_code, 10);
+    ASSERT_EQ(tw_get_next_event(controllerId(0), &e), 0);
+    EXPECT_EQ(e.sequence_id, 4u);
+    ASSERT_EQ(tw_get_next_event(controllerId(0), &e), 0);
+    EXPECT_EQ(e.aen_code, 0);
+
     EXPECT_EQ(tw_get_last_event(controllerId(0), &e), -1);
     tw_api_error_type err;
     tw_get_error_information(&err);
