@@ -789,3 +789,22 @@ TEST(TwDriver, BuffersOfAnyBytesGetAnAnswerOrAnError)
     ASSERT_EQ(plat::ioctl(t.fd, 264, b.data()), 0);
     EXPECT_EQ(b[512 + 132], 0) << "the controller still answers";
 }
+
+TEST(TwTavsim, TwCallsReachUnitsDrivesAndEvents)
+{
+    TempModule m(9, false);
+    ASSERT_EQ(makeTw(m, 9, "raid10"), "");
+    const std::string d = m.dir();
+    auto r = simtest::tavsim({"tw", d, "tw_get_subunit_id_list", "0", "0.1"});
+    EXPECT_EQ(r.status, 0) << r.err << r.out;
+    EXPECT_NE(r.out.find("length: 2\nunit: 0.1.0\nunit: 0.1.1\n"), std::string::npos) << r.out;
+    r = simtest::tavsim({"tw", d, "tw_get_unit_status", "0", "0.1"});
+    EXPECT_NE(r.out.find("status: 127\n"), std::string::npos) << r.out;
+    r = simtest::tavsim({"tw", d, "tw_get_drive_id_list_from_unit_id", "0", "0"});
+    EXPECT_NE(r.out.find("length: 4\n"), std::string::npos) << r.out;
+    r = simtest::tavsim({"tw", d, "tw_get_drive_capacity", "0", "3"});
+    EXPECT_NE(r.out.find("capacity: 8388608\n"), std::string::npos) << r.out;
+    r = simtest::tavsim({"tw", d, "tw_get_first_event", "0"});
+    EXPECT_NE(r.out.find("sequence_id: 1\n"), std::string::npos) << r.out;
+    EXPECT_EQ(simtest::tavsim({"tw", d, "tw_get_unit_mode", "0", "0.1.2.3.4"}).status, 2);
+}
