@@ -807,4 +807,20 @@ TEST(TwTavsim, TwCallsReachUnitsDrivesAndEvents)
     r = simtest::tavsim({"tw", d, "tw_get_first_event", "0"});
     EXPECT_NE(r.out.find("sequence_id: 1\n"), std::string::npos) << r.out;
     EXPECT_EQ(simtest::tavsim({"tw", d, "tw_get_unit_mode", "0", "0.1.2.3.4"}).status, 2);
+
+    r = simtest::tavsim({"3ware", d, "set", "unit0.mode=DEGRADED", "unit0.tree=DEGRADED(DEGRADED(OK@0,DEGRADED),OK(OK@2,OK@3))",
+                         "unit0.percent=30", "port3.status=0", "event=9:2:drive gone"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    r = simtest::tavsim({"tw", d, "tw_get_unit_mode", "0", "0.0.1"});
+    EXPECT_NE(r.out.find("mode: 239\n"), std::string::npos) << r.out;
+    r = simtest::tavsim({"tw", d, "tw_get_unit_percentage_complete", "0", "0"});
+    EXPECT_NE(r.out.find("percent: 30\n"), std::string::npos) << r.out;
+    r = simtest::tavsim({"tw", d, "tw_get_drive_status", "0", "3"});
+    EXPECT_NE(r.out.find("status: 0\n"), std::string::npos) << r.out;
+    r = simtest::tavsim({"tw", d, "tw_get_last_event", "0"});
+    EXPECT_NE(r.out.find("aen_code: 9\nseverity: 2\ntext: drive gone\n"), std::string::npos) << r.out;
+    r = simtest::tavsim({"3ware", d});
+    EXPECT_NE(r.out.find(" code 9 severity 2 drive gone\n"), std::string::npos) << r.out;
+    EXPECT_EQ(simtest::tavsim({"3ware", d, "set", "unit5.mode=OK"}).status, 2);
+    EXPECT_EQ(simtest::tavsim({"3ware", d, "set", "event=0:2:x"}).status, 2);
 }
