@@ -30,6 +30,7 @@ enum class Kind {
     DriveStatus,   // the port's drive's status byte
     DriveText,     // what the controller read of the port's drive when it found it
     DriveSectors,
+    DriveRemove,   // written 1: the controller lets go of the port's drive
     Schedule,  // bytes of the state in hex
     Action,    // written 1 to start; reads 0
 };
@@ -69,6 +70,7 @@ const ItemKey kItems[] = {
     {Item::DriveSerial, "serial", Kind::DriveText, false},
     {Item::DriveFirmware, "firmware", Kind::DriveText, false},
     {Item::DriveCapacity, "", Kind::DriveSectors, false},
+    {Item::DriveRemove, "", Kind::DriveRemove, true, 1, 1},
     {Item::AvMode, "av-mode", Kind::Flag, true, 0, 1},
     {Item::BootUnit, "boot-unit", Kind::Number, true, 0, 255},
     {Item::CachePolicy, "cache-policy", Kind::Flag, true, 0, 1},
@@ -158,6 +160,29 @@ uint8_t modeByte(const std::string& mode)
     if (mode == "REBUILDING") return twp::kModeRebuilding;
     if (mode == "REBUILD-PAUSED") return twp::kModeRebuildPaused;
     return twp::kModeInoperable;
+}
+
+// A unit loses the member on `port`: its slot goes missing and reads the
+// degraded mode, as does every node above it and the unit; the healthy
+// members keep theirs. A spare unit simply loses the drive.
+void loseMember(Unit& u, int port)
+{
+    std::function<bool(TreeNode&)> walk = [&](TreeNode& t) {
+        if (t.children.empty()) {
+            if (t.port != port) return false;
+            t.port = -1;
+            t.mode = "DEGRADED";
+            return true;
+        }
+        bool hit = false;
+        for (TreeNode& child : t.children) hit = walk(child) || hit;
+        if (hit) t.mode = "DEGRADED";
+        return hit;
+    };
+    if (!walk(u.tree)) return;
+    u.ports = treePorts(u.tree);
+    u.mode = "DEGRADED";
+    u.percent = 0;
 }
 
 uint8_t policyBits(const Unit& u)
@@ -321,7 +346,8 @@ FwAnswer runParam(Module& module, int index, const ParamRequest& r, std::vector<
     const twp::Param& p = tableOf(c->family)[k->item];
     if (r.size != p.size) return fwError(kErrParamSize);
     if (isBattery(k->item) && c->num("bbu-present") != 1) return fwError(kErrNoBattery);
-    const bool drive = k->kind == Kind::DriveStatus || k->kind == Kind::DriveText || k->kind == Kind::DriveSectors;
+    const bool drive = k->kind == Kind::DriveStatus || k->kind == Kind::DriveText || k->kind == Kind::DriveSectors ||
+                       k->kind == Kind::DriveRemove;
     const Port* port = drive ? c->port(static_cast<int>(unit)) : nullptr;
     if (drive && (!port || port->drive.empty())) return fwError(kErrPort);
     // The 7000's unit tables name the unit in the command's unit bits.
@@ -332,6 +358,13 @@ FwAnswer runParam(Module& module, int index, const ParamRequest& r, std::vector<
 
     if (r.set) {
         if (!k->writable) return fwError(kErrReadOnly);
+        // The last copy of a unit's data stays: a member of a unit without
+        // redundancy is not let go.
+        if (k->kind == Kind::DriveRemove)
+            for (const Unit& u : c->units)
+                if (u.config != 5 && u.config != 6 && u.config != 13 &&
+                    std::count(u.ports.begin(), u.ports.end(), static_cast<int>(unit)) > 0)
+                    return fwError(kErrValue);
         if (r.value.size() < p.size) return fwError(kErrParamSize);
         int64_t value = 0;
         for (size_t i = 0; i < p.size && i < 8; ++i) value |= static_cast<int64_t>(r.value[i]) << (8 * i);
@@ -339,7 +372,11 @@ FwAnswer runParam(Module& module, int index, const ParamRequest& r, std::vector<
         const uint64_t now = module.nowUs();
         view.update(index, [&](Controller& s) {
             if (k->kind == Kind::Schedule) s.set(k->key, toHex(r.value.data(), p.size));
-            else if (k->kind == Kind::UnitPolicy) {
+            else if (k->kind == Kind::DriveRemove) {
+                Port& q = *s.port(static_cast<int>(unit));
+                q.drive.clear();
+                for (Unit& u : s.units) loseMember(u, q.number);
+            } else if (k->kind == Kind::UnitPolicy) {
                 Unit& u = *s.unit(static_cast<int>(unit));
                 u.readCache = (value & twp::kPolicyReadCache) != 0;
                 u.writeCache = (value & twp::kPolicyWriteCache) != 0;
@@ -430,6 +467,7 @@ FwAnswer runParam(Module& module, int index, const ParamRequest& r, std::vector<
         break;
     case Kind::Schedule: out = fromHex(c->get(k->key), p.size); break;
     case Kind::Action:
+    case Kind::DriveRemove:
     case Kind::Aen: break;
     }
     return FwAnswer{};

@@ -959,3 +959,5 @@ int tw_unit_is_initialized(tw_id_type unit_id, int* initialized)
     if (!initialized) return null_argument();
     return controller.unit_is_initialized(unit_id, initialized);
 }
+
+int tw_remove_drive(tw_id_type drive_id) { return controller.remove_drive(drive_id); }

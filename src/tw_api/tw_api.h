@@ -301,6 +301,10 @@ int tw_get_last_event(tw_id_type controller_id, tw_event_info_type* event);
 int tw_get_next_event(tw_id_type controller_id, tw_event_info_type* event);
 int tw_get_previous_event(tw_id_type controller_id, tw_event_info_type* event);
 
+/* The controller lets go of the drive, which stays in its bay; a member
+ * degrades its unit. */
+int tw_remove_drive(tw_id_type drive_id);
+
 #ifdef __cplusplus
 }
 

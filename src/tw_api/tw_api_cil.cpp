@@ -594,3 +594,8 @@ int cil::unit_is_initialized(tw_id_type id, int* initialized)
 {
     return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.unit_is_initialized(id, initialized); });
 }
+
+int cil::remove_drive(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_DRIVE, [&](controller_base& c) { return c.remove_drive(id); });
+}

@@ -167,3 +167,63 @@ int controller_base::get_port_id_list(tw_id_type id, tw_id_list_type* list)
         list->list[list->length++] = drive_id_of(id, port);
     return 0;
 }
+
+namespace {
+
+// Whether the unit's data outlives the slot `leaf`: its parent is a mirror
+// with another healthy member, or a parity node with all others healthy.
+bool survives(const unit_tree& tree, int leaf)
+{
+    int parent = -1;
+    for (int i = 0; i < tree.count && parent < 0; ++i)
+        for (int c = tree.first_child[i]; c >= 0; c = tree.next_peer[c])
+            if (c == leaf) parent = i;
+    if (parent < 0) return false;
+    const int config = tree.node[parent].configuration;
+    int healthy = 0, others = 0;
+    for (int c = tree.first_child[parent]; c >= 0; c = tree.next_peer[c]) {
+        if (c == leaf) continue;
+        ++others;
+        const bool missing = tree.node[c].children == 0 && tree.node[c].drive == twp::kNoDrive;
+        if (!missing && tree.node[c].mode == twp::kModeOk) ++healthy;
+    }
+    if (config == 6) return healthy > 0;
+    if (config == 5) return others > 0 && healthy == others;
+    return false;
+}
+
+} // namespace
+
+int controller_base::remove_drive(tw_id_type drive_id)
+{
+    uint8_t status = 0;
+    if (read_drive_item(drive_id, twp::Item::DriveStatus, &status, sizeof status) != 0) return -1;
+    tw_id_type unit_id;
+    if (get_unit_id_from_drive_id(drive_id, &unit_id) == 0) {
+        unit_tree tree;
+        int root = 0;
+        if (find_node(unit_id, tree, &root) != 0) return -1;
+        if (tree.node[root].mode == twp::kModeVerifying) {
+            set_api(56);
+            return -1;
+        }
+        int leaf = -1;
+        for (int i = 0; i < tree.count; ++i)
+            if (tree.node[i].children == 0 && tree.node[i].drive == drive_id.id[2]) leaf = i;
+        if (leaf < 0 || !survives(tree, leaf)) {
+            set_api(48);
+            return -1;
+        }
+    } else {
+        // A drive in no unit goes freely; any other failure stands.
+        tw_api_error_type e;
+        tw_get_error_information(&e);
+        if (e.api_error_code != 34) return -1;
+    }
+    tw_api_clear_error();
+    twp::Param p = table_[twp::Item::DriveRemove];
+    if (!supported(twp::Item::DriveRemove) || p.size != 1) return -1;
+    p.table = uint16_t(p.table + drive_id.id[2]);
+    const uint8_t one = 1;
+    return write_param(drive_id, p, 0, &one);
+}

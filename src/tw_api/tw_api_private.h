@@ -420,6 +420,7 @@ enum class Item : uint8_t {
     DriveSerial,     // as the controller read it when it found the drive
     DriveFirmware,
     DriveCapacity,   // sectors, 64 bits
+    DriveRemove,     // written 1: the controller lets go of the port's drive
     // Settings and tasks.
     AvMode,
     BootUnit,
@@ -531,6 +532,7 @@ constexpr FamilyTable make7000()
     set(Item::DriveSerial, at(kTablePortBase, 3, 20));
     set(Item::DriveFirmware, at(kTablePortBase, 4, 8));
     set(Item::DriveCapacity, at(kTablePortBase, 5, 8));
+    set(Item::DriveRemove, at(kTablePortBase, 6, 1));
     set(Item::ControllerLog, at(kTableLogs, 1, kControllerLogSize));
     set(Item::AvMode, at(kTableSettings, 1, 1));
     set(Item::BootUnit, at(kTableSettings, 2, 1));
@@ -570,6 +572,7 @@ constexpr FamilyTable make9000()
     set(Item::DriveSerial, at(kTablePortBase, 3, 20));
     set(Item::DriveFirmware, at(kTablePortBase, 4, 8));
     set(Item::DriveCapacity, at(kTablePortBase, 5, 8));
+    set(Item::DriveRemove, at(kTablePortBase, 6, 1));
     set(Item::ControllerLog, at(kTableLogs, 1, kControllerLogSize));
     set(Item::DiagnosticLog, at(kTableLogs, 2, kDiagnosticLogSize));
     set(Item::AvMode, at(kTableSettings, 1, 1));
@@ -797,6 +800,9 @@ public:
     int get_drive_firmware_version(tw_id_type drive_id, char* version);
     int get_drive_port_id(tw_id_type drive_id, tw_id_type* port_id);
     int get_port_id_list(tw_id_type id, tw_id_list_type* list);
+    // Lets go of a drive; a member degrades its unit. Refused for the last
+    // copy of a unit's data (API code 48) and during a verify (56).
+    int remove_drive(tw_id_type drive_id);
 
 protected:
     explicit controller_base(const twp::FamilyTable& table) : table_(table) {}

@@ -135,3 +135,63 @@ TEST(TwDrives, The7000AnswersTheSameItems)
 }
 
 } // namespace
+
+namespace {
+
+TEST(TwDrives, RemovingAMemberDegradesItsUnitUntilTheLastCopy)
+{
+    TwModule t(9, "raid5");
+    tw_id_type unit;
+    tw_create_unit_id(0, 0, nullptr, 0, &unit);
+    ASSERT_EQ(tw_remove_drive(driveId(1)), 0);
+    int mode = -1;
+    ASSERT_EQ(tw_get_unit_mode(unit, &mode), 0);
+    EXPECT_EQ(mode, 0xEF);
+    const int slots[2] = {1, 2};
+    tw_id_type slot;
+    tw_create_unit_id(0, 0, &slots[0], 1, &slot);
+    ASSERT_EQ(tw_get_unit_mode(slot, &mode), 0);
+    EXPECT_EQ(mode, 0xEF) << "the missing member's subunit";
+    tw_create_unit_id(0, 0, &slots[1], 1, &slot);
+    ASSERT_EQ(tw_get_unit_mode(slot, &mode), 0);
+    EXPECT_EQ(mode, 0xFF);
+    tw_id_list_type list;
+    ASSERT_EQ(tw_get_drive_id_list_from_unit_id(unit, &list), 0);
+    EXPECT_EQ(numbers(list), (std::vector<int>{0, 255, 2, 3}));
+    ASSERT_EQ(tw_get_drive_id_list(controllerId(0), &list), 0);
+    EXPECT_EQ(numbers(list), (std::vector<int>{0, 2, 3}));
+    EXPECT_NE(t.m.get("/sim/3ware/c0").find("port 1 drive= "), std::string::npos) << "the controller let go of it";
+
+    EXPECT_EQ(tw_remove_drive(driveId(2)), -1) << "a second loss would end the unit";
+    EXPECT_EQ(apiCode(), 48u);
+    EXPECT_EQ(tw_remove_drive(driveId(1)), -1);
+    EXPECT_EQ(apiCode(), 30u) << "port empty";
+}
+
+TEST(TwDrives, RemovalRefusalsByUnitKind)
+{
+    {
+        TwModule t(9, "raid10");
+        ASSERT_EQ(tw_remove_drive(driveId(0)), 0);
+        EXPECT_EQ(tw_remove_drive(driveId(1)), -1) << "the mirror's other half";
+        EXPECT_EQ(apiCode(), 48u);
+        ASSERT_EQ(tw_remove_drive(driveId(3)), 0) << "the other mirror still has a copy";
+    }
+    {
+        TwModule t(9, "single");
+        EXPECT_EQ(tw_remove_drive(driveId(3)), -1);
+        EXPECT_EQ(apiCode(), 48u);
+    }
+    {
+        TwModule t(9, "raid5");
+        sim::tw::twView(t.p.module()).update(0, [](sim::tw::Controller& c) {
+            c.units[0].mode = "VERIFYING";
+            c.units[0].tree.mode = "VERIFYING";
+            return true;
+        });
+        EXPECT_EQ(tw_remove_drive(driveId(0)), -1);
+        EXPECT_EQ(apiCode(), 56u);
+    }
+}
+
+} // namespace
