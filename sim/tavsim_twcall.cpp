@@ -435,6 +435,8 @@ const std::map<std::string, Caller>& callers()
         {"tw_get_drive_id_list", listGetter(controllerOnly, tw_get_drive_id_list, "drive")},
         {"tw_get_drive_id_list_from_unit_id", listGetter(unitId, tw_get_drive_id_list_from_unit_id, "drive")},
         {"tw_get_port_id_list", listGetter(controllerOnly, tw_get_port_id_list, "port")},
+        {"tw_remove_drive", idAction(driveId, tw_remove_drive)},
+        {"tw_add_drive", idAction(driveId, tw_add_drive)},
         {"tw_get_drive_status", idGetter<int>(driveId, tw_get_drive_status, "status")},
         {"tw_get_drive_capacity", idGetter<uint64_t>(driveId, tw_get_drive_capacity, "capacity")},
         {"tw_get_drive_model", idTextGetter<TW_MODEL_SIZE>(driveId, tw_get_drive_model, "model")},

@@ -31,6 +31,7 @@ enum class Kind {
     DriveText,     // what the controller read of the port's drive when it found it
     DriveSectors,
     DriveRemove,   // written 1: the controller lets go of the port's drive
+    DriveAdd,      // written 1: the controller finds the drive in the port's bay
     Schedule,  // bytes of the state in hex
     Action,    // written 1 to start; reads 0
 };
@@ -71,6 +72,7 @@ const ItemKey kItems[] = {
     {Item::DriveFirmware, "firmware", Kind::DriveText, false},
     {Item::DriveCapacity, "", Kind::DriveSectors, false},
     {Item::DriveRemove, "", Kind::DriveRemove, true, 1, 1},
+    {Item::DriveAdd, "", Kind::DriveAdd, true, 1, 1},
     {Item::AvMode, "av-mode", Kind::Flag, true, 0, 1},
     {Item::BootUnit, "boot-unit", Kind::Number, true, 0, 255},
     {Item::CachePolicy, "cache-policy", Kind::Flag, true, 0, 1},
@@ -160,6 +162,27 @@ uint8_t modeByte(const std::string& mode)
     if (mode == "REBUILDING") return twp::kModeRebuilding;
     if (mode == "REBUILD-PAUSED") return twp::kModeRebuildPaused;
     return twp::kModeInoperable;
+}
+
+// The controller reads the drive now in the port's bay, or finds none.
+void attachDrive(const Manifest& m, const Controller& c, Port* p)
+{
+    // The drive now on the port, as the bay holds it.
+    const Drive* d = nullptr;
+    for (const Bay& b : m.bays) {
+        const bool k7 = c.family == 7000;
+        unsigned host = 0, bus = 0, target = 0, lun = 0;
+        const bool here = k7 ? std::sscanf(b.device.c_str(), "/dev/scsi/host%u/bus%u/target%u/lun%u/", &host, &bus,
+                           &target, &lun) == 4 &&
+                       static_cast<int>(host) == c.host && static_cast<int>(target) == p->number
+                 : b.number == p->number + 1;
+        if (here) d = m.driveInBay(b.number);
+    }
+    p->drive = d ? d->serial : "";
+    p->foundModel = d ? d->model : "";
+    p->foundSerial = d ? d->serial : "";
+    p->foundFirmware = d ? d->firmware : "";
+    p->foundSectors = d ? d->sectors : 0;
 }
 
 // A unit loses the member on `port`: its slot goes missing and reads the
@@ -350,6 +373,8 @@ FwAnswer runParam(Module& module, int index, const ParamRequest& r, std::vector<
                        k->kind == Kind::DriveRemove;
     const Port* port = drive ? c->port(static_cast<int>(unit)) : nullptr;
     if (drive && (!port || port->drive.empty())) return fwError(kErrPort);
+    if (k->kind == Kind::DriveAdd && (!c->port(static_cast<int>(unit)) || !c->port(static_cast<int>(unit))->drive.empty()))
+        return fwError(kErrPort);
     // The 7000's unit tables name the unit in the command's unit bits.
     const bool perUnit = k->item == Item::UnitDescriptor || k->item == Item::UnitPolicy;
     if (c->family == 7000 && perUnit) unit = r.unit;
@@ -372,7 +397,9 @@ FwAnswer runParam(Module& module, int index, const ParamRequest& r, std::vector<
         const uint64_t now = module.nowUs();
         view.update(index, [&](Controller& s) {
             if (k->kind == Kind::Schedule) s.set(k->key, toHex(r.value.data(), p.size));
-            else if (k->kind == Kind::DriveRemove) {
+            else if (k->kind == Kind::DriveAdd) {
+                attachDrive(module.manifest(), s, s.port(static_cast<int>(unit)));
+            } else if (k->kind == Kind::DriveRemove) {
                 Port& q = *s.port(static_cast<int>(unit));
                 q.drive.clear();
                 for (Unit& u : s.units) loseMember(u, q.number);
@@ -468,6 +495,7 @@ FwAnswer runParam(Module& module, int index, const ParamRequest& r, std::vector<
     case Kind::Schedule: out = fromHex(c->get(k->key), p.size); break;
     case Kind::Action:
     case Kind::DriveRemove:
+    case Kind::DriveAdd:
     case Kind::Aen: break;
     }
     return FwAnswer{};
@@ -481,23 +509,7 @@ FwAnswer runPortscan(Module& module, int index, unsigned port)
         Port* p = c.port(static_cast<int>(port));
         if (!p) return false;
         known = true;
-        // The drive now on the port, as the bay holds it.
-        std::string serial;
-        const Drive* d = nullptr;
-        for (const Bay& b : m.bays) {
-            const bool k7 = c.family == 7000;
-            unsigned host = 0, bus = 0, target = 0, lun = 0;
-            const bool here = k7 ? std::sscanf(b.device.c_str(), "/dev/scsi/host%u/bus%u/target%u/lun%u/", &host, &bus,
-                                               &target, &lun) == 4 &&
-                                       static_cast<int>(host) == c.host && target == port
-                                 : b.number == static_cast<int>(port) + 1;
-            if (here) d = m.driveInBay(b.number);
-        }
-        p->drive = d ? d->serial : "";
-        p->foundModel = d ? d->model : "";
-        p->foundSerial = d ? d->serial : "";
-        p->foundFirmware = d ? d->firmware : "";
-        p->foundSectors = d ? d->sectors : 0;
+        attachDrive(m, c, p);
         return true;
     });
     return known ? FwAnswer{} : fwError(kErrPort);

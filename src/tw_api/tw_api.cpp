@@ -961,3 +961,5 @@ int tw_unit_is_initialized(tw_id_type unit_id, int* initialized)
 }
 
 int tw_remove_drive(tw_id_type drive_id) { return controller.remove_drive(drive_id); }
+
+int tw_add_drive(tw_id_type port_id) { return controller.add_drive(port_id); }

@@ -304,6 +304,8 @@ int tw_get_previous_event(tw_id_type controller_id, tw_event_info_type* event);
 /* The controller lets go of the drive, which stays in its bay; a member
  * degrades its unit. */
 int tw_remove_drive(tw_id_type drive_id);
+/* The controller finds the drive in the port's bay and reads its identity. */
+int tw_add_drive(tw_id_type port_id);
 
 #ifdef __cplusplus
 }

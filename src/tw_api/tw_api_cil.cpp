@@ -599,3 +599,8 @@ int cil::remove_drive(tw_id_type id)
 {
     return dispatch(id, TW_ID_KIND_DRIVE, [&](controller_base& c) { return c.remove_drive(id); });
 }
+
+int cil::add_drive(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_DRIVE, [&](controller_base& c) { return c.add_drive(id); });
+}

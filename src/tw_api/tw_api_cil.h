@@ -103,6 +103,7 @@ public:
     int get_unit_auto_verify_policy(tw_id_type id, int* policy);
     int get_unit_id_from_drive_id(tw_id_type id, tw_id_type* unit_id);
     int remove_drive(tw_id_type id);
+    int add_drive(tw_id_type id);
     int get_unit_local_unit_id(tw_id_type id, int* local_unit_id);
     int unit_background_task_active(tw_id_type id, int* active);
     int unit_is_initialized(tw_id_type id, int* initialized);

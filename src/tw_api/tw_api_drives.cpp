@@ -141,19 +141,26 @@ int controller_base::get_drive_firmware_version(tw_id_type drive_id, char* versi
     return get_drive_text(drive_id, twp::Item::DriveFirmware, version, TW_VERSION_SIZE);
 }
 
+// The port of an identifier lies below the number of ports.
+int controller_base::get_port_id(tw_id_type id)
+{
+    int ports = 0;
+    if (id.id[2] >= twp::kMaxPorts) {
+        set_api(kApiInvalidDrive);
+        return -1;
+    }
+    if (get_number_of_ports(id, &ports) != 0) return -1;
+    if (id.id[2] >= ports) {
+        set_api(kApiInvalidDrive);
+        return -1;
+    }
+    return 0;
+}
+
 // A port's identifier carries the same bytes as its drive's.
 int controller_base::get_drive_port_id(tw_id_type drive_id, tw_id_type* port_id)
 {
-    int ports = 0;
-    if (drive_id.id[2] >= twp::kMaxPorts) {
-        set_api(kApiInvalidDrive);
-        return -1;
-    }
-    if (get_number_of_ports(drive_id, &ports) != 0) return -1;
-    if (drive_id.id[2] >= ports) {
-        set_api(kApiInvalidDrive);
-        return -1;
-    }
+    if (get_port_id(drive_id) != 0) return -1;
     *port_id = drive_id_of(drive_id, drive_id.id[2]);
     return 0;
 }
@@ -226,4 +233,20 @@ int controller_base::remove_drive(tw_id_type drive_id)
     p.table = uint16_t(p.table + drive_id.id[2]);
     const uint8_t one = 1;
     return write_param(drive_id, p, 0, &one);
+}
+
+int controller_base::add_drive(tw_id_type port_id)
+{
+    tw_id_list_type held;
+    if (get_port_id(port_id) != 0 || get_drive_id_list(port_id, &held) != 0) return -1;
+    for (int i = 0; i < held.length; ++i)
+        if (held.list[i].id[2] == port_id.id[2]) {
+            set_api(23);
+            return -1;
+        }
+    twp::Param p = table_[twp::Item::DriveAdd];
+    if (!supported(twp::Item::DriveAdd) || p.size != 1) return -1;
+    p.table = uint16_t(p.table + port_id.id[2]);
+    const uint8_t one = 1;
+    return write_param(port_id, p, 0, &one);
 }

@@ -421,6 +421,7 @@ enum class Item : uint8_t {
     DriveFirmware,
     DriveCapacity,   // sectors, 64 bits
     DriveRemove,     // written 1: the controller lets go of the port's drive
+    DriveAdd,        // written 1: the controller finds the drive in the port's bay
     // Settings and tasks.
     AvMode,
     BootUnit,
@@ -533,6 +534,7 @@ constexpr FamilyTable make7000()
     set(Item::DriveFirmware, at(kTablePortBase, 4, 8));
     set(Item::DriveCapacity, at(kTablePortBase, 5, 8));
     set(Item::DriveRemove, at(kTablePortBase, 6, 1));
+    set(Item::DriveAdd, at(kTablePortBase, 7, 1));
     set(Item::ControllerLog, at(kTableLogs, 1, kControllerLogSize));
     set(Item::AvMode, at(kTableSettings, 1, 1));
     set(Item::BootUnit, at(kTableSettings, 2, 1));
@@ -573,6 +575,7 @@ constexpr FamilyTable make9000()
     set(Item::DriveFirmware, at(kTablePortBase, 4, 8));
     set(Item::DriveCapacity, at(kTablePortBase, 5, 8));
     set(Item::DriveRemove, at(kTablePortBase, 6, 1));
+    set(Item::DriveAdd, at(kTablePortBase, 7, 1));
     set(Item::ControllerLog, at(kTableLogs, 1, kControllerLogSize));
     set(Item::DiagnosticLog, at(kTableLogs, 2, kDiagnosticLogSize));
     set(Item::AvMode, at(kTableSettings, 1, 1));
@@ -803,6 +806,9 @@ public:
     // Lets go of a drive; a member degrades its unit. Refused for the last
     // copy of a unit's data (API code 48) and during a verify (56).
     int remove_drive(tw_id_type drive_id);
+    // The controller finds the drive in the port's bay, its identity read
+    // anew: API code 23 when it holds one there already.
+    int add_drive(tw_id_type port_id);
 
 protected:
     explicit controller_base(const twp::FamilyTable& table) : table_(table) {}
@@ -816,6 +822,8 @@ protected:
     int read_drive_item(tw_id_type drive_id, twp::Item item, void* buffer, size_t size);
     int get_drive_text(tw_id_type drive_id, twp::Item item, char* out, size_t outSize);
     int change_unit_policy(tw_id_type unit_id, uint8_t bit, bool on);
+    // 0 when the identifier's port lies below the number of ports.
+    int get_port_id(tw_id_type id);
     // The checked tree of the unit `unit_id` names, and the index of its node.
     int find_node(tw_id_type unit_id, unit_tree& tree, int* node);
 

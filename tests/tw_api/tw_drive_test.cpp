@@ -166,6 +166,15 @@ TEST(TwDrives, RemovingAMemberDegradesItsUnitUntilTheLastCopy)
     EXPECT_EQ(apiCode(), 48u);
     EXPECT_EQ(tw_remove_drive(driveId(1)), -1);
     EXPECT_EQ(apiCode(), 30u) << "port empty";
+
+    // The drive stayed in its bay: adding it brings it back to the list.
+    tw_id_type port;
+    tw_create_port_id(0, 1, &port);
+    ASSERT_EQ(tw_add_drive(port), 0);
+    ASSERT_EQ(tw_get_drive_id_list(controllerId(0), &list), 0);
+    EXPECT_EQ(numbers(list), (std::vector<int>{0, 1, 2, 3}));
+    EXPECT_EQ(tw_add_drive(port), -1);
+    EXPECT_EQ(apiCode(), 23u) << "port in use";
 }
 
 TEST(TwDrives, RemovalRefusalsByUnitKind)
