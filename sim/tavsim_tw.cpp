@@ -121,13 +121,7 @@ int applySet(const Call& call, Module& module, const std::string& word)
                 why = cell(value) + ": not CODE:SEVERITY:TEXT (code 1 to 65535, severity 1 to 4)";
                 return false;
             }
-            tw::Event e;
-            e.sequence = c.events.empty() ? 1 : c.events.back().sequence + 1;
-            e.time = static_cast<uint32_t>(module.nowUs() / 1000000);
-            e.code = static_cast<uint16_t>(code);
-            e.severity = static_cast<uint8_t>(severity);
-            e.text = value.substr(b + 1);
-            c.events.push_back(e);
+            tw::raiseEvent(c, module.nowUs(), static_cast<uint16_t>(code), static_cast<uint8_t>(severity), value.substr(b + 1));
         } else if (key == "faults" && value == "none") {
             c.faults.clear();
         } else if (key == "lock") {

@@ -188,7 +188,7 @@ void attachDrive(const Manifest& m, const Controller& c, Port* p)
 // A unit loses the member on `port`: its slot goes missing and reads the
 // degraded mode, as does every node above it and the unit; the healthy
 // members keep theirs. A spare unit simply loses the drive.
-void loseMember(Unit& u, int port)
+bool loseMember(Unit& u, int port)
 {
     std::function<bool(TreeNode&)> walk = [&](TreeNode& t) {
         if (t.children.empty()) {
@@ -202,10 +202,11 @@ void loseMember(Unit& u, int port)
         if (hit) t.mode = "DEGRADED";
         return hit;
     };
-    if (!walk(u.tree)) return;
+    if (!walk(u.tree)) return false;
     u.ports = treePorts(u.tree);
     u.mode = "DEGRADED";
     u.percent = 0;
+    return true;
 }
 
 uint8_t policyBits(const Unit& u)
@@ -398,11 +399,17 @@ FwAnswer runParam(Module& module, int index, const ParamRequest& r, std::vector<
         view.update(index, [&](Controller& s) {
             if (k->kind == Kind::Schedule) s.set(k->key, toHex(r.value.data(), p.size));
             else if (k->kind == Kind::DriveAdd) {
-                attachDrive(module.manifest(), s, s.port(static_cast<int>(unit)));
+                Port* q = s.port(static_cast<int>(unit));
+                attachDrive(module.manifest(), s, q);
+                if (!q->drive.empty())
+                    raiseEvent(s, now, kEventDriveFound, 3, "drive found on port " + std::to_string(q->number));
             } else if (k->kind == Kind::DriveRemove) {
                 Port& q = *s.port(static_cast<int>(unit));
                 q.drive.clear();
-                for (Unit& u : s.units) loseMember(u, q.number);
+                raiseEvent(s, now, kEventDriveRemoved, 2, "drive removed from port " + std::to_string(q.number));
+                for (Unit& u : s.units)
+                    if (loseMember(u, q.number))
+                        raiseEvent(s, now, kEventUnitDegraded, 2, "unit " + std::to_string(u.number) + " degraded");
             } else if (k->kind == Kind::UnitPolicy) {
                 Unit& u = *s.unit(static_cast<int>(unit));
                 u.readCache = (value & twp::kPolicyReadCache) != 0;

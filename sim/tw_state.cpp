@@ -485,6 +485,18 @@ TwView& twView(Module& module)
 
 bool isTwModule(Module& module) { return !twView(module).controllers().empty(); }
 
+void raiseEvent(Controller& c, uint64_t nowUs, uint16_t code, uint8_t severity, const std::string& text)
+{
+    Event e;
+    e.sequence = c.events.empty() ? 1 : c.events.back().sequence + 1;
+    e.time = static_cast<uint32_t>(nowUs / 1000000);
+    e.code = code;
+    e.severity = severity;
+    e.text = text;
+    c.events.push_back(e);
+    if (c.events.size() > kMaxEvents) c.events.erase(c.events.begin(), c.events.end() - static_cast<long>(kMaxEvents));
+}
+
 std::string dateText(int64_t seconds)
 {
     static const char* const months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",

@@ -184,6 +184,15 @@ private:
 TwView& twView(Module& module);
 bool isTwModule(Module& module);
 
+// The event queue: rising sequence numbers, stamped with the virtual clock,
+// at most kMaxEvents kept, the oldest dropped first. Codes the model raises
+// (37, 78, 80, 83 and 95 keep the meanings the battery and cache checks read):
+constexpr size_t kMaxEvents = 128;
+constexpr uint16_t kEventDriveRemoved = 20;
+constexpr uint16_t kEventDriveFound = 21;
+constexpr uint16_t kEventUnitDegraded = 22;
+void raiseEvent(Controller& c, uint64_t nowUs, uint16_t code, uint8_t severity, const std::string& text);
+
 // "15-Mar-2006" of a time in seconds since the epoch (UTC).
 std::string dateText(int64_t seconds);
 

@@ -824,3 +824,13 @@ TEST(TwTavsim, TwCallsReachUnitsDrivesAndEvents)
     EXPECT_EQ(simtest::tavsim({"3ware", d, "set", "unit5.mode=OK"}).status, 2);
     EXPECT_EQ(simtest::tavsim({"3ware", d, "set", "event=0:2:x"}).status, 2);
 }
+
+TEST(TwEvents, TheQueueKeepsTheNewestWithRisingNumbers)
+{
+    sim::tw::Controller c;
+    for (int i = 0; i < 200; ++i) sim::tw::raiseEvent(c, 5000000u + uint64_t(i) * 1000000u, 20, 2, "x");
+    ASSERT_EQ(c.events.size(), sim::tw::kMaxEvents);
+    EXPECT_EQ(c.events.front().sequence, 200u - sim::tw::kMaxEvents + 1);
+    EXPECT_EQ(c.events.back().sequence, 200u);
+    EXPECT_EQ(c.events.back().time, 204u);
+}

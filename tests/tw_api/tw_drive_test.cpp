@@ -175,6 +175,20 @@ TEST(TwDrives, RemovingAMemberDegradesItsUnitUntilTheLastCopy)
     EXPECT_EQ(numbers(list), (std::vector<int>{0, 1, 2, 3}));
     EXPECT_EQ(tw_add_drive(port), -1);
     EXPECT_EQ(apiCode(), 23u) << "port in use";
+
+    // The events of it, in order with rising sequence numbers.
+    tw_event_info_type e;
+    ASSERT_EQ(tw_get_first_event(controllerId(0), &e), 0);
+    std::vector<int> codes;
+    uint32_t last = 0;
+    while (e.aen_code != 0) {
+        EXPECT_GT(e.sequence_id, last);
+        last = e.sequence_id;
+        codes.push_back(e.aen_code);
+        ASSERT_EQ(tw_get_next_event(controllerId(0), &e), 0);
+    }
+    ASSERT_GE(codes.size(), 3u);
+    EXPECT_EQ(std::vector<int>(codes.end() - 3, codes.end()), (std::vector<int>{20, 22, 21}));
 }
 
 TEST(TwDrives, RemovalRefusalsByUnitKind)
