@@ -834,3 +834,27 @@ TEST(TwEvents, TheQueueKeepsTheNewestWithRisingNumbers)
     EXPECT_EQ(c.events.back().sequence, 200u);
     EXPECT_EQ(c.events.back().time, 204u);
 }
+
+TEST(TwFirmware, DrivesComeAndGoByThePortTablesAndTheLastCopyStays)
+{
+    TempModule m(9, false);
+    ASSERT_EQ(makeTw(m, 9, "single"), "");
+    sim::SimPlatform p(m.dir());
+    auto write = [&](uint16_t table, uint16_t param) {
+        sim::tw::ParamRequest r;
+        r.family = 9000;
+        r.table = table;
+        r.parameter = param;
+        r.size = 1;
+        r.set = true;
+        r.value = {1};
+        std::vector<uint8_t> out;
+        uint16_t declared = 0;
+        return sim::tw::runParam(p.module(), 0, r, out, declared);
+    };
+    // Units 0 to 3 each hold one drive: none may go.
+    EXPECT_EQ(write(512 + 3, 6).code, sim::tw::kErrValue);
+    EXPECT_EQ(write(512 + 2, 7).code, sim::tw::kErrPort) << "the port holds its drive already";
+    EXPECT_EQ(write(512 + 9, 6).code, sim::tw::kErrPort) << "no such port";
+    EXPECT_NE(m.get("/sim/3ware/c0").find("port 3 drive=SIM"), std::string::npos);
+}
