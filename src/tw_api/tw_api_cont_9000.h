@@ -53,6 +53,8 @@ public:
     int get_driver_version(tw_id_type id, char* version) override;
 
 protected:
+    int begin_change(tw_id_type id) override { return aquire_write_lock(id); }
+    void end_change(tw_id_type id) override { release_write_lock(id); }
     int read_unit_descriptor(tw_id_type id, int unit, uint8_t* buffer, size_t size) override;
     int read_param(tw_id_type id, const twp::Param& p, int unit, void* buffer) override;
     int write_param(tw_id_type id, const twp::Param& p, int unit, const void* value) override;

@@ -232,7 +232,7 @@ int controller_base::remove_drive(tw_id_type drive_id)
     if (!supported(twp::Item::DriveRemove) || p.size != 1) return -1;
     p.table = uint16_t(p.table + drive_id.id[2]);
     const uint8_t one = 1;
-    return write_param(drive_id, p, 0, &one);
+    return locked(drive_id, [&] { return write_param(drive_id, p, 0, &one); });
 }
 
 int controller_base::add_drive(tw_id_type port_id)
@@ -248,5 +248,5 @@ int controller_base::add_drive(tw_id_type port_id)
     if (!supported(twp::Item::DriveAdd) || p.size != 1) return -1;
     p.table = uint16_t(p.table + port_id.id[2]);
     const uint8_t one = 1;
-    return write_param(port_id, p, 0, &one);
+    return locked(port_id, [&] { return write_param(port_id, p, 0, &one); });
 }

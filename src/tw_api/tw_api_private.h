@@ -817,6 +817,19 @@ protected:
     virtual int read_unit_descriptor(tw_id_type id, int unit, uint8_t* buffer, size_t size) = 0;
     // The units' numbers, one byte each, 0xFF where there is none.
     int read_unit_list(tw_id_type id, uint8_t (&units)[twp::kMaxUnits]);
+    // Changes to units and drives hold the controller's write lock where the
+    // family has one; reads take no lock, each being one command.
+    virtual int begin_change(tw_id_type) { return 0; }
+    virtual void end_change(tw_id_type) {}
+    template <class Change>
+    int locked(tw_id_type id, Change change)
+    {
+        if (begin_change(id) != 0) return -1;
+        const int result = change();
+        end_change(id);
+        return result;
+    }
+
     // An item of the port's drive: the port below the number of ports and
     // holding a drive; `buffer` takes the item's size.
     int read_drive_item(tw_id_type drive_id, twp::Item item, void* buffer, size_t size);

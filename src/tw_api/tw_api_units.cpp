@@ -273,7 +273,7 @@ int controller_base::change_unit_policy(tw_id_type unit_id, uint8_t bit, bool on
     uint8_t policy = 0;
     if (p.size != 1 || read_param(unit_id, p, unit, &policy) != 0) return -1;
     policy = uint8_t(on ? policy | bit : policy & ~bit);
-    return write_param(unit_id, p, unit, &policy);
+    return locked(unit_id, [&] { return write_param(unit_id, p, unit, &policy); });
 }
 
 int controller_base::enable_unit_read_cache(tw_id_type u) { return change_unit_policy(u, twp::kPolicyReadCache, true); }

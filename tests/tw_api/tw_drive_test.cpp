@@ -191,6 +191,28 @@ TEST(TwDrives, RemovingAMemberDegradesItsUnitUntilTheLastCopy)
     EXPECT_EQ(std::vector<int>(codes.end() - 3, codes.end()), (std::vector<int>{20, 22, 21}));
 }
 
+TEST(TwDrives, ChangesWaitForTheControllersLockReadsDoNot)
+{
+    TwModule t(9, "raid5");
+    sim::tw::twView(t.p.module()).update(0, [&](sim::tw::Controller& c) {
+        c.lockHolder = "someone";
+        c.lockExpires = t.p.module().nowUs() + 60000000u;
+        return true;
+    });
+    const uint64_t before = t.ioctls("/dev/twa0");
+    EXPECT_EQ(tw_remove_drive(driveId(1)), -1);
+    tw_id_list_type list;
+    ASSERT_EQ(tw_get_drive_id_list(controllerId(0), &list), 0);
+    EXPECT_EQ(list.length, 4) << "the drive stays";
+    EXPECT_GE(t.ioctls("/dev/twa0") - before, 10u) << "ten lock requests";
+    tw_id_type unit;
+    tw_create_unit_id(0, 0, nullptr, 0, &unit);
+    EXPECT_EQ(tw_disable_unit_write_cache(unit), -1);
+    int w = -1;
+    ASSERT_EQ(tw_get_unit_write_cache_state(unit, &w), 0);
+    EXPECT_EQ(w, 1);
+}
+
 TEST(TwDrives, RemovalRefusalsByUnitKind)
 {
     {
