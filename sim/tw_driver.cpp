@@ -11,6 +11,7 @@
 
 #include "md.h"
 #include "module.h"
+#include "tw_config.h"
 #include "tw_firmware.h"
 #include "tw_state.h"
 
@@ -80,7 +81,7 @@ const char* opName(uint8_t op)
     case kOpSet: return "set-param";
     case kOpPortscan: return "portscan";
     case kOpDiagnostic: return "diagnostic-log";
-    default: return "opcode";
+    default: return unitOpName(op);
     }
 }
 
@@ -168,13 +169,14 @@ int TwDriver::call7000(DeviceContext& ctx, OpenNode& n, int index, unsigned long
     const uint8_t op = cmd[kCmdByte0] & 0x1F;
     const unsigned unit = cmd[kCmdUnit] & 0x0F;
     line += " " + std::string(opName(op));
-    if (op != kOpGet && op != kOpSet && op != kOpPortscan && op != kOpDiagnostic) line += "=" + std::to_string(op);
+    if (op != kOpGet && op != kOpSet && op != kOpPortscan && op != kOpDiagnostic && !isUnitOpcode(op))
+        line += "=" + std::to_string(op);
     line += " unit=" + std::to_string(unit);
     FwAnswer answer;
     const uint8_t wantSize = op == kOpPortscan ? 3 : 4;
     int table = -1, parameter = -1;
     std::string rules;
-    if (op != kOpGet && op != kOpSet && op != kOpPortscan && op != kOpDiagnostic) {
+    if (op != kOpGet && op != kOpSet && op != kOpPortscan && op != kOpDiagnostic && !isUnitOpcode(op)) {
         answer = fwError(kErrOpcode);
     } else if (cmd[kCmdSize] != wantSize) {
         answer = fwError(kErrSize);
@@ -216,6 +218,9 @@ int TwDriver::call7000(DeviceContext& ctx, OpenNode& n, int index, unsigned long
                         if (rules == "oversize") data[3] = static_cast<uint8_t>(std::min(255, data[3] + 16));
                     }
                 }
+            } else if (isUnitOpcode(op)) {
+                // Unit configuration (tw_config.h).
+                answer = runUnitCommand(module, index, op, data, length);
             } else if (op == kOpPortscan) {
                 const uint32_t mask = le32(cmd + kCmdMask);
                 line += " mask=0x" + hex(cmd + kCmdMask, 4);
@@ -354,9 +359,13 @@ int TwDriver::call9000(DeviceContext& ctx, OpenNode& n, int index, unsigned long
         line += " " + std::string(opName(op)) + " unit=" + std::to_string(unit);
         uint16_t table = 0, parameter = 0, size = 0;
         if (buf[k9HeaderDesc] != k9HeaderSize) answer = fwError(kErrHeader);
-        else if (op != kOpGet && op != kOpSet) answer = fwError(kErrOpcode);
+        else if (op != kOpGet && op != kOpSet && !isUnitOpcode(op)) answer = fwError(kErrOpcode);
         else if (le16(buf + k9SglEntries) != 1 || unit < kMinSglUnit || unit > kMaxSglUnit) answer = fwError(kErrSgl);
-        else if (length < 8) answer = fwError(kErrParamSize);
+        else if (isUnitOpcode(op)) {
+            // Unit configuration (tw_config.h).
+            if (!takeFirmwareFault(module, index, op, -1, -1, answer))
+                answer = runUnitCommand(module, index, op, data, length);
+        } else if (length < 8) answer = fwError(kErrParamSize);
         else {
             table = le16(data);
             parameter = le16(data + 2);

@@ -307,6 +307,34 @@ int tw_remove_drive(tw_id_type drive_id);
 /* The controller finds the drive in the port's bay and reads its identity. */
 int tw_add_drive(tw_id_type port_id);
 
+/* ------------------------------------------------------ unit configuration */
+/* notify_os 1 tells the kernel of a unit that came or went through
+ * "/proc/scsi/scsi" (API code 69 or 70 when it could not), 0 leaves the
+ * kernel alone. Configurations: 5 parity, 6 mirror (four drives or more a
+ * RAID 10), 11 stripe (one drive a single unit), 13 spare. Stripe codes 4 to
+ * 11 for 8 to 1024 kilobytes; 11 also takes 0, a spare 0 only. A new unit
+ * takes the lowest free unit number. */
+int tw_create_unit(const tw_id_list_type* drive_id_list, int configuration, int stripe_size, int notify_os,
+                   tw_id_type* unit_id);
+/* subunit_size: drives per subunit, 2 for a RAID 10's mirrors, 3 or more for
+ * parity groups striped together; 0 the usual layout. */
+int tw_create_unit_with_layout(const tw_id_list_type* drive_id_list, int configuration, int stripe_size,
+                               int subunit_size, int notify_os, tw_id_type* unit_id);
+/* The unit's configuration wiped from its drives, its data dropped. */
+int tw_destroy_unit(tw_id_type unit_id, int notify_os);
+/* The unit goes; its drives stay attached and free, carrying it. */
+int tw_export_unit(tw_id_type unit_id, int notify_os);
+/* Forms the unit the drives carry (degraded when members are missing). */
+int tw_import_unit(const tw_id_list_type* drive_id_list, int notify_os, tw_id_type* unit_id);
+/* Exported, and its drives let go of: they stay in their bays. */
+int tw_remove_unit(tw_id_type unit_id, int notify_os);
+/* A two-drive mirror becomes two single units (the first keeps the number). */
+int tw_split_mirror(tw_id_type unit_id, int notify_os, tw_id_list_type* unit_id_list);
+/* Attaches every drive in a bay the controller does not hold, and forms the
+ * units their configurations name; the lists hold what it brought. */
+int tw_rescan_controller(tw_id_type controller_id, int notify_os, tw_id_list_type* unit_id_list,
+                         tw_id_list_type* drive_id_list);
+
 #ifdef __cplusplus
 }
 

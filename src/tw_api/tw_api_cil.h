@@ -128,6 +128,16 @@ public:
     int get_drive_firmware_version(tw_id_type id, char* firmware_version);
     int get_drive_port_id(tw_id_type id, tw_id_type* port_id);
     int get_port_id_list(tw_id_type id, tw_id_list_type* port_id_list);
+
+    // --- Unit configuration (tw_api_unitops.cpp).
+    int create_unit(const tw_id_list_type* drives, int configuration, int stripe, int subunit_size, int notify,
+                    tw_id_type* unit_id);
+    int destroy_unit(tw_id_type unit_id, int notify);
+    int export_unit(tw_id_type unit_id, int notify);
+    int import_unit(const tw_id_list_type* drives, int notify, tw_id_type* unit_id);
+    int remove_unit(tw_id_type unit_id, int notify);
+    int split_mirror(tw_id_type unit_id, int notify, tw_id_list_type* units);
+    int rescan_controller(tw_id_type id, int notify, tw_id_list_type* units, tw_id_list_type* drives);
 };
 
 extern cil controller;

@@ -57,6 +57,36 @@ private:
     // controller's node, opened and closed here.
     int send(tw_id_type id, TAG_GP_Command& command, void* data, uint32_t length);
     int param_command(tw_id_type id, bool set, int table, int parameter, int size, void* buffer, int unit);
+
+    // --- Unit configuration (tw_api_unitops.cpp).
+public:
+    // The controller lets go of the port's drive (add 0) or finds the drive
+    // in its bay (add 1).
+    int ioctl_hotswap(tw_id_type port_id, int add);
+    int ioctl_create_unit(tw_id_type id, TAG_TW_Unit_Config& record);
+    int ioctl_delete_unit(tw_id_type unit_id, bool keep_config);
+    int ioctl_import_unit(tw_id_type id, TAG_TW_Unit_Config& record);
+    // The unit builders, chosen by configuration and drive count: 11 with
+    // one drive the single unit, 11 with more the stripe, 6 with two the
+    // mirror, 6 with four the RAID 10, 5 the parity unit.
+    int create_jbod(tw_id_type id, TAG_TW_Unit_Config& record);
+    int create_raid_zero(tw_id_type id, TAG_TW_Unit_Config& record);
+    int create_twinstor(tw_id_type id, TAG_TW_Unit_Config& record);
+    int create_raid_five(tw_id_type id, TAG_TW_Unit_Config& record);
+    int create_raid_ten(tw_id_type id, TAG_TW_Unit_Config& record);
+    int unit_exists(tw_id_type unit_id);
+    // The controller holds a drive on the drive identifier's port.
+    int drive_exists(tw_id_type drive_id);
+
+protected:
+    int unit_command(tw_id_type id, uint8_t opcode, void* record, uint32_t length) override;
+    bool isFeatureValid(int configuration, int subunit_size) override;
+    bool isDriveCountValid(int configuration, int count, int subunit_size) override;
+    // The builder the configuration and drive count choose.
+    int send_create(tw_id_type id, TAG_TW_Unit_Config& record) override;
+    int send_import(tw_id_type id, TAG_TW_Unit_Config& record) override;
+    // One drive: the unit its configuration names, formed from every drive of it.
+    int max_import_drives() override { return 1; }
 };
 
 extern controller_7000 c7000;

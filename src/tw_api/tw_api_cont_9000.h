@@ -63,6 +63,15 @@ private:
     int event_command(tw_id_type id, uint32_t control_code, tw_event_info_type* event);
     int param_command(tw_id_type id, bool set, int table, int parameter, int size, void* buffer, int bufferLength);
     int lock(tw_id_type id, uint32_t control_code, int tries);
+
+    // --- Unit configuration (tw_api_unitops.cpp).
+public:
+    // A mirror of two drives becomes two single units: the first keeps the
+    // unit's number, `units` names both.
+    int split_mirror(tw_id_type unit_id, int notify, tw_id_list_type* units) override;
+
+protected:
+    int unit_command(tw_id_type id, uint8_t opcode, void* record, uint32_t length) override;
 };
 
 extern controller_9000 c9000;

@@ -264,6 +264,67 @@ struct TAG_TW_Aen {
 static_assert(sizeof(TAG_TW_Aen) == 12);
 static_assert(offsetof(TAG_TW_Aen, aen_code) == 8);
 
+// --- Unit configuration: the records and opcodes of the commands that make,
+// delete, import and find units (both families carry the same records).
+
+// A unit to make, delete or import. Create: `configuration`, `stripe`,
+// `count` ports and `subunit_size` (drives per subunit, 0 the family's
+// usual layout); the firmware answers the unit made in `unit`. Delete:
+// `unit`, and `flags` bit 0 keeps the configuration on the drives (export).
+// Import: `count` ports whose drives carry one unit; the unit formed in
+// `unit` and its configuration in `configuration`.
+struct TAG_TW_Unit_Config {
+    uint8_t unit;
+    uint8_t configuration;
+    uint8_t stripe;
+    uint8_t count;
+    uint8_t subunit_size;
+    uint8_t flags;
+    uint8_t reserved[2];
+    uint8_t ports[16];
+    uint8_t reserved2[8];
+};
+static_assert(sizeof(TAG_TW_Unit_Config) == 32);
+static_assert(offsetof(TAG_TW_Unit_Config, count) == 3);
+static_assert(offsetof(TAG_TW_Unit_Config, ports) == 8);
+
+// What a rescan brought: the ports of drives the controller did not hold
+// before, and the units it formed from the drives' configurations.
+struct TAG_TW_Rescan_Report {
+    uint8_t drive_count;
+    uint8_t unit_count;
+    uint8_t reserved[2];
+    uint8_t drives[16];
+    uint8_t units[16];
+    uint8_t configurations[16];  // of each unit formed
+};
+static_assert(sizeof(TAG_TW_Rescan_Report) == 52);
+static_assert(offsetof(TAG_TW_Rescan_Report, configurations) == 36);
+static_assert(offsetof(TAG_TW_Rescan_Report, drives) == 4);
+static_assert(offsetof(TAG_TW_Rescan_Report, units) == 20);
+
+namespace twp {
+// Opcodes of the unit commands, chosen among those the families leave
+// free; each carries one record as its data, with the parameter commands'
+// size and scatter list offset.
+constexpr uint8_t kOpCreateUnit = 0x08;   // TAG_TW_Unit_Config
+constexpr uint8_t kOpDeleteUnit = 0x09;   // TAG_TW_Unit_Config
+constexpr uint8_t kOpImportUnit = 0x0A;   // TAG_TW_Unit_Config
+constexpr uint8_t kOpRescan = 0x0B;       // TAG_TW_Rescan_Report, answered
+constexpr uint8_t kOpSplitMirror = 0x0C;  // TAG_TW_Unit_Config: the mirror in, the second unit out
+constexpr uint8_t kSizeUnitCommand = 4;
+constexpr uint8_t kDeleteKeepConfig = 1;  // TAG_TW_Unit_Config::flags of an export
+// Unit configurations.
+constexpr int kConfigParity = 5;
+constexpr int kConfigMirror = 6;
+constexpr int kConfigStripe = 11;  // one drive: a single unit
+constexpr int kConfigSpare = 13;
+// Stripe codes 4 to 11 stand for 8 to 1024 kilobytes; a stripe or single
+// unit also takes 0, and a spare unit takes 0 only.
+constexpr int kStripeMin = 4;
+constexpr int kStripeMax = 11;
+} // namespace twp
+
 // ---------------------------------------------------------------------------
 // Codes.
 
@@ -876,4 +937,38 @@ private:
     int get_schedule(tw_id_type id, tw_task_schedule_type* schedule);
     int get_window(tw_id_type id, int day, bool rebuild, tw_task_window_type* item);
     int set_window(tw_id_type id, int day, bool rebuild, tw_task_window_type item);
+
+    // --- Unit configuration (tw_api_unitops.cpp). `notify` 1 tells the
+    // kernel of the unit that came or went, 0 leaves it alone.
+public:
+    int create_unit(const tw_id_list_type* drives, int configuration, int stripe, int subunit_size, int notify,
+                    tw_id_type* unit_id);
+    int destroy_unit(tw_id_type unit_id, int notify);
+    int export_unit(tw_id_type unit_id, int notify);
+    int import_unit(const tw_id_list_type* drives, int notify, tw_id_type* unit_id);
+    // The unit exported and its drives let go: they stay in their bays.
+    int remove_unit(tw_id_type unit_id, int notify);
+    virtual int split_mirror(tw_id_type unit_id, int notify, tw_id_list_type* units);
+    int rescan_controller(tw_id_type id, int notify, tw_id_list_type* units, tw_id_list_type* drives);
+
+protected:
+    // One unit command with its record, `length` bytes, copied back.
+    virtual int unit_command(tw_id_type id, uint8_t opcode, void* record, uint32_t length) = 0;
+    // The create and import commands as the family sends them.
+    virtual int send_create(tw_id_type id, TAG_TW_Unit_Config& record);
+    virtual int send_import(tw_id_type id, TAG_TW_Unit_Config& record);
+    // How many drives an import names at most.
+    virtual int max_import_drives() { return 16; }
+    // The checks before a unit is made: API code and -1 on the first that fails.
+    int check_new_unit(const tw_id_list_type* drives, int configuration, int stripe, int subunit_size,
+                       TAG_TW_Unit_Config& out);
+    // Whether the family takes the configuration, its drive count, its stripe code.
+    virtual bool isFeatureValid(int configuration, int subunit_size);
+    virtual bool isDriveCountValid(int configuration, int count, int subunit_size);
+    bool isStripeSizeValid(int configuration, int stripe);
+    // The unit of depth 1 exists on the controller.
+    int unit_present(tw_id_type unit_id);
+    // Sends a create, tells the kernel when asked.
+    int make_unit(tw_id_type controller_id, uint8_t opcode, TAG_TW_Unit_Config& record, int notify, tw_id_type* unit_id);
+    int delete_unit(tw_id_type unit_id, int notify, bool keep, uint32_t no_unit_code);
 };
