@@ -133,6 +133,16 @@ int check_free(controller_base& c, const tw_id_list_type* drives, uint32_t empty
     return 0;
 }
 
+// Tells the kernel of a unit that came (add 1) or went. Whatever failed on
+// the way (the kernel's list unreadable included), the record then names
+// the side that could not follow: API code 70 for an add, 69 for a removal.
+int tell_kernel(int controller, int unit, int add)
+{
+    if (osil_instance.scan_bus_for_units(controller, unit, add) == 0) return 0;
+    tw_api_set_error(twp::kFlagApi, add ? 70 : 69, 0, 0, 0, nullptr);
+    return -1;
+}
+
 } // namespace
 
 // ---------------------------------------------------------------------------
@@ -252,7 +262,8 @@ int controller_base::make_unit(tw_id_type controller_id, uint8_t opcode, TAG_TW_
     if (unit_id) *unit_id = unit_id_of(controller_id, record.unit);
     // The unit stands on the controller; a kernel that could not be told
     // is the caller's to know (API code 70). A spare unit has no disk.
-    if (notify && record.configuration != twp::kConfigSpare && osil_instance.scan_bus_for_units(controller_id.id[1], record.unit, 1) != 0) return -1;
+    if (notify && record.configuration != twp::kConfigSpare && tell_kernel(controller_id.id[1], record.unit, 1) != 0)
+        return -1;
     return 0;
 }
 
@@ -278,11 +289,15 @@ int controller_base::delete_unit(tw_id_type unit_id, int notify, bool keep, uint
     }
     // The kernel lets go of the disk first: a unit the kernel still uses
     // stays on the controller (API code 69).
-    if (notify && osil_instance.scan_bus_for_units(unit_id.id[1], unit_id.id[4], 0) != 0) return -1;
+    if (notify && tell_kernel(unit_id.id[1], unit_id.id[4], 0) != 0) return -1;
     TAG_TW_Unit_Config record {};
     record.unit = unit_id.id[4];
     record.flags = keep ? twp::kDeleteKeepConfig : 0;
-    return locked(unit_id, [&] { return unit_command(unit_id, twp::kOpDeleteUnit, &record, sizeof record); });
+    if (locked(unit_id, [&] { return unit_command(unit_id, twp::kOpDeleteUnit, &record, sizeof record); }) == 0)
+        return 0;
+    // The unit stays: the kernel gets its disk back (70 when it cannot).
+    if (notify && unit_present(unit_id) == 0) tell_kernel(unit_id.id[1], unit_id.id[4], 1);
+    return -1;
 }
 
 int controller_base::destroy_unit(tw_id_type unit_id, int notify)
@@ -348,8 +363,7 @@ int controller_base::rescan_controller(tw_id_type id, int notify, tw_id_list_typ
         if (units) units->list[units->length++] = unit_id_of(id, report.units[i]);
         // Every new unit is offered to the kernel; one refused leaves the
         // result -1 with API code 70, the others told all the same.
-        if (notify && report.configurations[i] != twp::kConfigSpare &&
-            osil_instance.scan_bus_for_units(id.id[1], report.units[i], 1) != 0)
+        if (notify && report.configurations[i] != twp::kConfigSpare && tell_kernel(id.id[1], report.units[i], 1) != 0)
             result = -1;
     }
     return result;
@@ -526,7 +540,7 @@ int controller_9000::split_mirror(tw_id_type unit_id, int notify, tw_id_list_typ
     if (record.count < 2 || record.unit >= twp::kMaxUnits) return 0;  // a degraded mirror gives one unit
     const tw_id_type second = unit_id_of(unit_id, record.unit);
     if (units) units->list[units->length++] = second;
-    if (notify && osil_instance.scan_bus_for_units(unit_id.id[1], record.unit, 1) != 0) return -1;
+    if (notify && tell_kernel(unit_id.id[1], record.unit, 1) != 0) return -1;
     return 0;
 }
 
