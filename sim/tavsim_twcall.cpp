@@ -312,6 +312,56 @@ Caller eventGetter(int (*f)(tw_id_type, tw_event_info_type*), bool from)
 
 tw_id_type controllerOnly(const Args& a, std::string& why) { return controllerId(a, why); }
 
+// --- Unit configuration.
+
+// The drives of controller `c` named from a[from] on; false for a word that
+// is no drive number, or more than 16.
+bool driveList(int c, const Args& a, size_t from, tw_id_list_type& list)
+{
+    std::memset(&list, 0xff, sizeof list);
+    list.length = 0;
+    if (a.size() <= from || a.size() - from > 16) return false;
+    for (size_t i = from; i < a.size(); ++i) {
+        int d = 0;
+        if (!number(a[i], d) || tw_create_drive_id(c, d, &list.list[list.length]) != 0) return false;
+        ++list.length;
+    }
+    return true;
+}
+
+// CONTROLLER CONFIG STRIPE [SUBUNIT_SIZE] NOTIFY DRIVE...
+Caller unitMaker(bool layout)
+{
+    return [layout](const Args& a, std::string& out, std::string& why) {
+        const size_t fixed = layout ? 5 : 4;
+        int c = 0, config = 0, stripe = 0, sub = 0, notify = 0;
+        tw_id_list_type list;
+        if (a.size() <= fixed || !number(a[0], c) || !number(a[1], config) || !number(a[2], stripe) ||
+            (layout && !number(a[3], sub)) || !number(a[fixed - 1], notify) || !driveList(c, a, fixed, list)) {
+            why = layout ? "expected CONTROLLER CONFIG STRIPE SUBUNIT_SIZE NOTIFY DRIVE... (1 to 16 drives)"
+                         : "expected CONTROLLER CONFIG STRIPE NOTIFY DRIVE... (1 to 16 drives)";
+            return 0;
+        }
+        tw_id_type unit;
+        std::memset(&unit, 0xff, sizeof unit);
+        int rc = layout ? tw_create_unit_with_layout(&list, config, stripe, sub, notify, &unit)
+                        : tw_create_unit(&list, config, stripe, notify, &unit);
+        if (rc == 0) out = "unit: " + idText(unit);
+        return rc;
+    };
+}
+
+// CONTROLLER UNIT NOTIFY
+Caller unitChange(int (*f)(tw_id_type, int))
+{
+    return [f](const Args& a, std::string&, std::string& why) {
+        tw_id_type id = unitId(a, why);
+        int notify = 0;
+        if (why.empty() && (a.size() != 3 || !number(a[2], notify))) why = "expected CONTROLLER UNIT NOTIFY";
+        return why.empty() ? f(id, notify) : 0;
+    };
+}
+
 const std::map<std::string, Caller>& callers()
 {
     static const std::map<std::string, Caller> all = {
@@ -567,6 +617,55 @@ const std::map<std::string, Caller>& callers()
          [](const Args&, std::string& out, std::string&) {
              out = std::string("version: ") + tw_get_api_version();
              return 0;
+         }},
+        // --- Unit configuration. NOTIFY 1 tells the kernel, 0 leaves it alone.
+        {"tw_create_unit", unitMaker(false)},
+        {"tw_create_unit_with_layout", unitMaker(true)},
+        {"tw_destroy_unit", unitChange(tw_destroy_unit)},
+        {"tw_export_unit", unitChange(tw_export_unit)},
+        {"tw_remove_unit", unitChange(tw_remove_unit)},
+        {"tw_import_unit",
+         [](const Args& a, std::string& out, std::string& why) {
+             int c = 0, notify = 0;
+             tw_id_list_type list;
+             if (a.size() < 3 || !number(a[0], c) || !number(a[1], notify) || !driveList(c, a, 2, list)) {
+                 why = "expected CONTROLLER NOTIFY DRIVE... (1 to 16 drives)";
+                 return 0;
+             }
+             tw_id_type unit;
+             std::memset(&unit, 0xff, sizeof unit);
+             int rc = tw_import_unit(&list, notify, &unit);
+             if (rc == 0) out = "unit: " + idText(unit);
+             return rc;
+         }},
+        {"tw_split_mirror",
+         [](const Args& a, std::string& out, std::string& why) {
+             tw_id_type id = unitId(a, why);
+             int notify = 0;
+             if (why.empty() && (a.size() != 3 || !number(a[2], notify))) why = "expected CONTROLLER UNIT NOTIFY";
+             if (!why.empty()) return 0;
+             tw_id_list_type units;
+             std::memset(&units, 0, sizeof units);
+             int rc = tw_split_mirror(id, notify, &units);
+             out = "length: " + std::to_string(units.length);
+             for (int i = 0; i < units.length && i < TW_MAX_CONTROLLERS; ++i) out += "\nunit: " + idText(units.list[i]);
+             return rc;
+         }},
+        {"tw_rescan_controller",
+         [](const Args& a, std::string& out, std::string& why) {
+             tw_id_type id = controllerId(a, why);
+             int notify = 0;
+             if (why.empty() && (a.size() != 2 || !number(a[1], notify))) why = "expected CONTROLLER NOTIFY";
+             if (!why.empty()) return 0;
+             tw_id_list_type units, drives;
+             std::memset(&units, 0, sizeof units);
+             std::memset(&drives, 0, sizeof drives);
+             int rc = tw_rescan_controller(id, notify, &units, &drives);
+             out = "units: " + std::to_string(units.length);
+             for (int i = 0; i < units.length && i < TW_MAX_CONTROLLERS; ++i) out += "\nunit: " + idText(units.list[i]);
+             out += "\ndrives: " + std::to_string(drives.length);
+             for (int i = 0; i < drives.length && i < TW_MAX_CONTROLLERS; ++i) out += "\ndrive: " + idText(drives.list[i]);
+             return rc;
          }},
     };
     return all;
