@@ -651,6 +651,18 @@ const std::map<std::string, Caller>& callers()
              for (int i = 0; i < units.length && i < TW_MAX_CONTROLLERS; ++i) out += "\nunit: " + idText(units.list[i]);
              return rc;
          }},
+        {"tw_migrate_unit",
+         [](const Args& a, std::string&, std::string& why) {
+             tw_id_type id = unitId(a, why);
+             int c = 0, config = 0, stripe = 0;
+             tw_id_list_type list;
+             std::memset(&list, 0xff, sizeof list);
+             list.length = 0;
+             if (why.empty() && (a.size() < 4 || !number(a[0], c) || !number(a[2], config) || !number(a[3], stripe) ||
+                                 (a.size() > 4 && !driveList(c, a, 4, list))))
+                 why = "expected CONTROLLER UNIT CONFIG STRIPE [DRIVE...] (at most 16 drives)";
+             return why.empty() ? tw_migrate_unit(id, &list, config, stripe) : 0;
+         }},
         {"tw_rescan_controller",
          [](const Args& a, std::string& out, std::string& why) {
              tw_id_type id = controllerId(a, why);

@@ -7,6 +7,7 @@
 #include <functional>
 #include <set>
 #include <sstream>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "manifest.h"
@@ -216,6 +217,34 @@ void makeImage(Module& module, const std::string& name, uint64_t sectors)
     ::close(fd);
 }
 
+void growImage(Module& module, const std::string& name, uint64_t sectors)
+{
+    const int fd = module.host().open(name, O_WRONLY, 0644);
+    if (fd < 0) return;
+    struct stat st;
+    if (::fstat(fd, &st) == 0 && static_cast<uint64_t>(st.st_size) < sectors * 512 &&
+        ::ftruncate(fd, static_cast<off_t>(sectors * 512)) != 0) {
+        // Left at its old size: the unit's disk reads short past it.
+    }
+    ::close(fd);
+}
+
+// A parity or mirror unit initialises, its inner nodes with it; the drives'
+// slots stay healthy.
+void initialise(Controller& c, Unit& u, uint64_t now)
+{
+    if (u.config != 5 && u.config != 6) return;
+    std::function<void(TreeNode&)> mark = [&](TreeNode& t) {
+        if (t.children.empty()) return;
+        t.mode = "INITIALIZING";
+        for (TreeNode& child : t.children) mark(child);
+    };
+    mark(u.tree);
+    u.mode = "INITIALIZING";
+    u.percent = 0;
+    startInitialisation(c, u, now);
+}
+
 std::string newKey(const Controller& c, int unit, uint64_t nowUs)
 {
     return "h" + std::to_string(c.host) + "u" + std::to_string(unit) + "t" + std::to_string(nowUs);
@@ -307,20 +336,52 @@ FwAnswer create(Module& module, Controller& c, TAG_TW_Unit_Config& r, std::map<s
     if (hasOwnImage(u)) makeImage(module, imageName(c, number), u.capacity);
     c.units.push_back(u);
     std::sort(c.units.begin(), c.units.end(), [](const Unit& a, const Unit& b) { return a.number < b.number; });
-    Unit& made = *c.unit(number);
-    if (made.config == 5 || made.config == 6) {
-        // The unit and its inner nodes initialise; the drives' slots stay healthy.
-        std::function<void(TreeNode&)> mark = [&](TreeNode& t) {
-            if (t.children.empty()) return;
-            t.mode = "INITIALIZING";
-            for (TreeNode& child : t.children) mark(child);
-        };
-        mark(made.tree);
-        made.mode = "INITIALIZING";
-        made.percent = 0;
-        startInitialisation(c, made, now);
-    }
+    initialise(c, *c.unit(number), now);
     r.unit = static_cast<uint8_t>(number);
+    return FwAnswer{};
+}
+
+// A migration keeps the unit's number, policies and (in its own image) its
+// data; it never shrinks the unit.
+FwAnswer migrate(Module& module, Controller& c, TAG_TW_Unit_Config& r, std::map<std::string, Carried>& carried)
+{
+    Unit* found = c.unit(r.unit);
+    if (!found) return refuse(kErrUnit);
+    if (found->mode != "OK" || found->config == 13 || r.configuration == 13 || r.count > 16) return refuse(kErrUnitConfig);
+    std::vector<int> slots = found->ports;
+    if (std::count(slots.begin(), slots.end(), -1) > 0) return refuse(kErrUnitConfig);
+    for (int i = 0; i < r.count; ++i) {
+        const int port = r.ports[i];
+        const Port* p = c.port(port);
+        if (!p || p->drive.empty()) return refuse(kErrNoDrive);
+        if (memberOfAny(c, port) || std::count(slots.begin(), slots.end(), port) > 0) return refuse(kErrDriveInUse);
+        slots.push_back(port);
+    }
+    const int n = static_cast<int>(slots.size());
+    if (!countValid(r.configuration, n, 0) || !stripeValid(r.configuration, r.stripe)) return refuse(kErrUnitConfig);
+    uint64_t smallest = c.port(slots[0])->foundSectors;
+    for (int port : slots) smallest = std::min(smallest, c.port(port)->foundSectors);
+    const int sub = groupSize(r.configuration, n, 0);
+    const uint64_t capacity = capacityOf(r.configuration, n, sub, smallest);
+    if (capacity < found->capacity) return refuse(kErrUnitConfig);
+    const bool hadImage = hasOwnImage(*found);
+    Unit& u = *found;
+    u.config = r.configuration;
+    u.stripe = r.stripe;
+    u.ports = slots;
+    bool usable = true, degraded = false;
+    u.tree = buildTree(u.config, slots, sub, usable, degraded);
+    u.capacity = capacity;
+    u.mode = "OK";
+    u.percent = 100;
+    const std::string image = imageName(c, u.number);
+    if (hasOwnImage(u) && hadImage) growImage(module, image, capacity);
+    else if (hasOwnImage(u)) makeImage(module, image, capacity);
+    const uint64_t now = module.nowUs();
+    const std::string key = newKey(c, u.number, now);
+    for (int i = 0; i < n; ++i)
+        carried[c.port(slots[static_cast<size_t>(i)])->drive] = Carried{key, u.config, u.stripe, sub, i, n, u.number, capacity};
+    initialise(c, u, now);
     return FwAnswer{};
 }
 
@@ -450,7 +511,7 @@ FwAnswer split(Module& module, Controller& c, TAG_TW_Unit_Config& r, std::map<st
 bool isUnitOpcode(uint8_t opcode)
 {
     return opcode == twp::kOpCreateUnit || opcode == twp::kOpDeleteUnit || opcode == twp::kOpImportUnit ||
-           opcode == twp::kOpRescan || opcode == twp::kOpSplitMirror;
+           opcode == twp::kOpRescan || opcode == twp::kOpSplitMirror || opcode == twp::kOpMigrateUnit;
 }
 
 const char* unitOpName(uint8_t opcode)
@@ -461,6 +522,7 @@ const char* unitOpName(uint8_t opcode)
     case twp::kOpImportUnit: return "import-unit";
     case twp::kOpRescan: return "rescan";
     case twp::kOpSplitMirror: return "split-mirror";
+    case twp::kOpMigrateUnit: return "migrate-unit";
     default: return "opcode";
     }
 }
@@ -496,6 +558,7 @@ FwAnswer runUnitCommand(Module& module, int index, uint8_t opcode, uint8_t* data
         case twp::kOpDeleteUnit: answer = remove(module, c, record, carried); break;
         case twp::kOpImportUnit: answer = import(module, c, record, carried); break;
         case twp::kOpRescan: answer = rescan(module, c, report, carried); break;
+        case twp::kOpMigrateUnit: answer = migrate(module, c, record, carried); break;
         default: answer = split(module, c, record, carried); break;
         }
         changed = answer.ok();

@@ -33,6 +33,11 @@
 //   it can; it reports the ports it attached and the units it formed. A port
 //   whose drive was swapped behind the controller's back is held, and not
 //   read again.
+// - A migration gives a healthy unit a new configuration over its drives
+//   and those added, keeping its number and policies; a unit never shrinks.
+//   A parity or mirror unit initialises after. A unit that had an image of
+//   its own keeps it, grown to the new capacity; a single unit's data stays
+//   on its drive and the migrated unit's image starts blank.
 // - A split makes the two drives of a mirror two single units: the first
 //   present member keeps the number, the second takes the lowest free one;
 //   the mirror's image goes (the members' data does not follow, as for all

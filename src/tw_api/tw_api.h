@@ -328,6 +328,10 @@ int tw_export_unit(tw_id_type unit_id, int notify_os);
 int tw_import_unit(const tw_id_list_type* drive_id_list, int notify_os, tw_id_type* unit_id);
 /* Exported, and its drives let go of: they stay in their bays. */
 int tw_remove_unit(tw_id_type unit_id, int notify_os);
+/* The unit takes a new configuration over its drives and those added (a
+ * null list or length 0 adds none); its number and its data stay. A parity
+ * or mirror unit initialises after. */
+int tw_migrate_unit(tw_id_type unit_id, const tw_id_list_type* drive_id_list, int configuration, int stripe_size);
 /* A two-drive mirror becomes two single units (the first keeps the number). */
 int tw_split_mirror(tw_id_type unit_id, int notify_os, tw_id_list_type* unit_id_list);
 /* Attaches every drive in a bay the controller does not hold, and forms the

@@ -137,6 +137,7 @@ public:
     int import_unit(const tw_id_list_type* drives, int notify, tw_id_type* unit_id);
     int remove_unit(tw_id_type unit_id, int notify);
     int split_mirror(tw_id_type unit_id, int notify, tw_id_list_type* units);
+    int migrate_unit(tw_id_type unit_id, const tw_id_list_type* drives, int configuration, int stripe);
     int rescan_controller(tw_id_type id, int notify, tw_id_list_type* units, tw_id_list_type* drives);
 };
 

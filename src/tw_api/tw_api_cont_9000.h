@@ -69,6 +69,7 @@ public:
     // A mirror of two drives becomes two single units: the first keeps the
     // unit's number, `units` names both.
     int split_mirror(tw_id_type unit_id, int notify, tw_id_list_type* units) override;
+    int migrate_unit(tw_id_type unit_id, const tw_id_list_type* drives, int configuration, int stripe) override;
 
 protected:
     int unit_command(tw_id_type id, uint8_t opcode, void* record, uint32_t length) override;

@@ -312,6 +312,7 @@ constexpr uint8_t kOpDeleteUnit = 0x09;   // TAG_TW_Unit_Config
 constexpr uint8_t kOpImportUnit = 0x0A;   // TAG_TW_Unit_Config
 constexpr uint8_t kOpRescan = 0x0B;       // TAG_TW_Rescan_Report, answered
 constexpr uint8_t kOpSplitMirror = 0x0C;  // TAG_TW_Unit_Config: the mirror in, the second unit out
+constexpr uint8_t kOpMigrateUnit = 0x0D;  // TAG_TW_Unit_Config: the unit, its new configuration, the drives added
 constexpr uint8_t kSizeUnitCommand = 4;
 constexpr uint8_t kDeleteKeepConfig = 1;  // TAG_TW_Unit_Config::flags of an export
 // Unit configurations.
@@ -949,6 +950,9 @@ public:
     // The unit exported and its drives let go: they stay in their bays.
     int remove_unit(tw_id_type unit_id, int notify);
     virtual int split_mirror(tw_id_type unit_id, int notify, tw_id_list_type* units);
+    // The unit takes a new configuration over its drives and those added
+    // (none: a null list or length 0); its number stays.
+    virtual int migrate_unit(tw_id_type unit_id, const tw_id_list_type* drives, int configuration, int stripe);
     int rescan_controller(tw_id_type id, int notify, tw_id_list_type* units, tw_id_list_type* drives);
 
 protected:

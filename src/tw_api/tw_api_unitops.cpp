@@ -343,6 +343,12 @@ int controller_base::split_mirror(tw_id_type, int, tw_id_list_type*)
     return -1;
 }
 
+int controller_base::migrate_unit(tw_id_type, const tw_id_list_type*, int, int)
+{
+    set_api(kApiNotSupported);
+    return -1;
+}
+
 int controller_base::rescan_controller(tw_id_type id, int notify, tw_id_list_type* units, tw_id_list_type* drives)
 {
     clear_list(units);
@@ -544,6 +550,56 @@ int controller_9000::split_mirror(tw_id_type unit_id, int notify, tw_id_list_typ
     return 0;
 }
 
+// A migration: the unit healthy (API code 51 otherwise), the configuration
+// and the count of its present and added drives taken, the added drives
+// free drives of its controller.
+int controller_9000::migrate_unit(tw_id_type unit_id, const tw_id_list_type* drives, int configuration, int stripe)
+{
+    const int present = unit_present(unit_id);
+    if (present != 0) {
+        if (present > 0) set_api(kApiNoUnit);
+        return -1;
+    }
+    const bool adding = drives && drives->length != 0;
+    if (adding && check_list(drives, {kApiTwoControllers, kApiDuplicate}) != 0) return -1;
+    if (adding && drives->list[0].id[1] != unit_id.id[1]) {
+        set_api(kApiTwoControllers);
+        return -1;
+    }
+    tw_id_list_type members;
+    int mode = 0;
+    if (get_drive_id_list_from_unit_id(unit_id, &members) != 0 || get_unit_mode(unit_id, &mode) != 0) return -1;
+    if (mode != twp::kModeOk) {
+        set_api(51);
+        return -1;
+    }
+    const int count = members.length + (adding ? drives->length : 0);
+    if (configuration == twp::kConfigSpare || !isFeatureValid(configuration, 0)) {
+        set_api(kApiConfigNotSupported);
+        return -1;
+    }
+    if (!isDriveCountValid(configuration, count, 0)) {
+        set_api(kApiDriveCount);
+        return -1;
+    }
+    if (stripe != 0 && (stripe < twp::kStripeMin || stripe > twp::kStripeMax)) {
+        set_api(kApiStripe);
+        return -1;
+    }
+    if (!isStripeSizeValid(configuration, stripe)) {
+        set_api(kApiStripeForConfig);
+        return -1;
+    }
+    if (adding && check_free(*this, drives, kApiPortEmpty, kApiOtherUnit) != 0) return -1;
+    TAG_TW_Unit_Config record {};
+    record.unit = unit_id.id[4];
+    record.configuration = uint8_t(configuration);
+    record.stripe = uint8_t(stripe);
+    for (int i = 0; adding && i < drives->length; ++i)
+        record.ports[record.count++] = drives->list[i].id[2];
+    return locked(unit_id, [&] { return unit_command(unit_id, twp::kOpMigrateUnit, &record, sizeof record); });
+}
+
 // ---------------------------------------------------------------------------
 // The controller interface layer and the flat functions.
 
@@ -614,6 +670,11 @@ int cil::split_mirror(tw_id_type unit_id, int notify, tw_id_list_type* units)
     return on_unit(unit_id, [&](controller_base& c) { return c.split_mirror(unit_id, notify, units); });
 }
 
+int cil::migrate_unit(tw_id_type unit_id, const tw_id_list_type* drives, int configuration, int stripe)
+{
+    return on_unit(unit_id, [&](controller_base& c) { return c.migrate_unit(unit_id, drives, configuration, stripe); });
+}
+
 int cil::rescan_controller(tw_id_type id, int notify, tw_id_list_type* units, tw_id_list_type* drives)
 {
     if (id.id[0] != TW_ID_KIND_CONTROLLER) {
@@ -645,6 +706,11 @@ int tw_import_unit(const tw_id_list_type* drive_id_list, int notify_os, tw_id_ty
 }
 
 int tw_remove_unit(tw_id_type unit_id, int notify_os) { return controller.remove_unit(unit_id, notify_os); }
+
+int tw_migrate_unit(tw_id_type unit_id, const tw_id_list_type* drive_id_list, int configuration, int stripe_size)
+{
+    return controller.migrate_unit(unit_id, drive_id_list, configuration, stripe_size);
+}
 
 int tw_split_mirror(tw_id_type unit_id, int notify_os, tw_id_list_type* unit_id_list)
 {

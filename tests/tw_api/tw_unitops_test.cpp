@@ -180,6 +180,8 @@ TEST(TwUnitOps, EachBuilderOfThe7000MakesItsUnitAtTheLowestFreeNumber)
     tw_id_list_type out;
     EXPECT_EQ(tw_split_mirror(made, 0, &out), -1);
     EXPECT_EQ(apiCode(), 2u);
+    EXPECT_EQ(tw_migrate_unit(made, nullptr, 5, 4), -1);
+    EXPECT_EQ(apiCode(), 2u);
     list = drives({0, 1, 2, 3});
     EXPECT_EQ(tw_create_unit_with_layout(&list, 6, 5, 2, 0, &made), -1);
     EXPECT_EQ(apiCode(), 25u);
@@ -384,7 +386,7 @@ TEST(TwUnitOps, DestroyWipesWhatExportKeeps)
     EXPECT_EQ(members(0), (std::vector<int>{0, 1, 2, 3}));
 }
 
-TEST(TwUnitOps, LayoutsAndSplitOnThe9000)
+TEST(TwUnitOps, LayoutsSplitAndMigrationOnThe9000)
 {
     TwModule t(15, "none");
     ASSERT_EQ(t.created, "");
@@ -410,6 +412,37 @@ TEST(TwUnitOps, LayoutsAndSplitOnThe9000)
     EXPECT_EQ(kernelTargets(), (std::vector<int>{1, 2}));
     EXPECT_EQ(tw_split_mirror(unitId(0), 1, &halves), -1);
     EXPECT_EQ(apiCode(), 81u);
+
+    // A single unit grows into a mirror, then a parity unit, keeping its number.
+    list = drives({9});
+    ASSERT_EQ(tw_create_unit(&list, 11, 0, 1, &unit), 0);
+    const int number = unit.id[4];
+    uint64_t before = 0, after = 0;
+    ASSERT_EQ(tw_get_unit_capacity(unit, &before), 0);
+    list = drives({10});
+    ASSERT_EQ(tw_migrate_unit(unit, &list, 6, 5), 0) << apiCode();
+    EXPECT_EQ(configOf(number), 6);
+    EXPECT_EQ(members(number), (std::vector<int>{9, 10}));
+    EXPECT_EQ(modeOf(unit), 0xF7);
+    list = drives({11});
+    EXPECT_EQ(tw_migrate_unit(unit, &list, 5, 5), -1) << "not while it initialises";
+    EXPECT_EQ(apiCode(), 51u);
+    sim::tw::twView(t.p.module()).update(0, [&](sim::tw::Controller& c) {
+        c.unit(number)->mode = "OK";
+        c.unit(number)->tree.mode = "OK";
+        return true;
+    });
+    EXPECT_EQ(tw_migrate_unit(unit, &list, 5, 0), -1);
+    EXPECT_EQ(apiCode(), 60u);
+    list = drives({6});
+    EXPECT_EQ(tw_migrate_unit(unit, &list, 5, 5), -1);
+    EXPECT_EQ(apiCode(), 31u);
+    list = drives({11});
+    ASSERT_EQ(tw_migrate_unit(unit, &list, 5, 5), 0) << apiCode();
+    ASSERT_EQ(tw_get_unit_capacity(unit, &after), 0);
+    EXPECT_EQ(after, 2 * before);
+    EXPECT_EQ(unitNumbers(), (std::vector<int>{0, 1, 2, number}));
+    EXPECT_EQ(kernelTargets(), (std::vector<int>{1, 2, number})) << "the kernel keeps the unit's disk";
 }
 
 } // namespace
