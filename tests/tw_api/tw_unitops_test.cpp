@@ -352,6 +352,37 @@ TEST(TwUnitOps, ARescanFormsADegradedUnitAndFindsANewDriveWithItsOwnSerial)
     EXPECT_EQ(kernelTargets(), std::vector<int>{0}) << "a spare has no disk";
 }
 
+// A drive put into a bay behind the controller's back: the port keeps the
+// serial number read before until the drive is let go and found anew.
+TEST(TwUnitOps, ADriveReplacedBehindTheControllerIsFoundByARescan)
+{
+    TwModule t(9, "raid5", true);
+    ASSERT_EQ(t.created, "");
+    const std::string dir = t.m.dir();
+    const std::string before = t.p.module().manifest().driveInBay(2)->serial;
+    EXPECT_EQ(simtest::tavsim({"replace", dir, "9"}).status, 1) << "a bay the module lacks";
+    EXPECT_EQ(simtest::tavsim({"replace", dir, "x"}).status, 2);
+    EXPECT_EQ(simtest::tavsim({"replace", dir, "2", "NOSUCH"}).status, 1);
+    const simtest::Captured done = simtest::tavsim({"replace", dir, "2"});
+    ASSERT_EQ(done.status, 0) << done.err;
+    const std::string after = t.p.module().manifest().driveInBay(2)->serial;
+    ASSERT_NE(after, before);
+    char serial[TW_SERIAL_NUMBER_SIZE] = {};
+    ASSERT_EQ(tw_get_drive_serial_number(driveId(1), serial), 0);
+    EXPECT_EQ(std::string(serial), before) << "the controller noticed nothing";
+    EXPECT_EQ(modeOf(unitId(0)), 0xFF);
+
+    ASSERT_EQ(tw_remove_drive(driveId(1)), 0) << apiCode();
+    EXPECT_EQ(modeOf(unitId(0)), 0xEF);
+    EXPECT_EQ(members(0), (std::vector<int>{0, 255, 2, 3}));
+    tw_id_list_type units, found;
+    ASSERT_EQ(tw_rescan_controller(controllerId(0), 1, &units, &found), 0) << apiCode();
+    EXPECT_EQ(driveNumbers(found), std::vector<int>{1});
+    EXPECT_EQ(units.length, 0) << "the old drive's unit stands; the new drive carries none";
+    ASSERT_EQ(tw_get_drive_serial_number(driveId(1), serial), 0);
+    EXPECT_EQ(std::string(serial), after);
+}
+
 TEST(TwUnitOps, DestroyWipesWhatExportKeeps)
 {
     TwModule t(9, "raid10");
