@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "tw_api/tw_api_cont_7000.h"
 #include "tw_fixture.h"
 
 namespace {
@@ -194,6 +195,18 @@ TEST(TwUnitOps, EachBuilderOfThe7000MakesItsUnitAtTheLowestFreeNumber)
     list = drives({0, 1});
     EXPECT_EQ(tw_import_unit(&list, 0, &made), -1);
     EXPECT_EQ(apiCode(), 37u);
+
+    // The family's own checks and its hot-swap command.
+    EXPECT_EQ(c7000.unit_exists(made), 0);
+    EXPECT_EQ(c7000.unit_exists(unitId(5)), -1);
+    EXPECT_EQ(apiCode(), 43u);
+    EXPECT_EQ(c7000.drive_exists(driveId(0)), 0);
+    ASSERT_EQ(c7000.ioctl_hotswap(driveId(0), 0), 0);
+    EXPECT_EQ(c7000.drive_exists(driveId(0)), -1);
+    EXPECT_EQ(apiCode(), 30u);
+    EXPECT_EQ(heldDrives(), (std::vector<int>{1, 2, 3}));
+    ASSERT_EQ(c7000.ioctl_hotswap(driveId(0), 1), 0);
+    EXPECT_EQ(heldDrives(), (std::vector<int>{0, 1, 2, 3}));
 }
 
 TEST(TwUnitOps, RefusalsGoOutBeforeAnyCommand)
