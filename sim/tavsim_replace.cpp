@@ -44,7 +44,8 @@ int runReplace(const Call& call)
         module->insert(bay, old);
         return refused(call, err);
     }
-    const Drive* now = module->manifest().driveInBay(bay);
+    const Manifest after = module->manifest();
+    const Drive* now = after.driveInBay(bay);
     report("replaced drive " + old + " in " + bayText + " by " + (serial.empty() ? "a new blank drive " : "drive ") +
            (now ? now->serial : serial) + "; " + old + " is on the shelf, and a controller still lists it until it finds the drive anew");
     return kDone;
