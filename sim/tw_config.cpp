@@ -1,6 +1,7 @@
 #include "tw_config.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -75,8 +76,12 @@ std::map<std::string, Carried> parseCarried(const std::string& text)
             else if (name == "of") k.of = static_cast<int>(n);
             else if (name == "unit") k.unit = static_cast<int>(n);
         }
-        // A line that cannot be read carries nothing.
-        if (ok && !k.key.empty() && k.of >= 1 && k.of <= 16 && k.slot < k.of) out[percentDecode(serial)] = k;
+        // A line that cannot be read carries nothing. Keys name files
+        // (set_KEY.img): letters, digits, '-' and '_' only.
+        const bool plainKey = std::all_of(k.key.begin(), k.key.end(), [](char ch) {
+            return std::isalnum(static_cast<unsigned char>(ch)) || ch == '-' || ch == '_';
+        });
+        if (ok && plainKey && k.key.size() <= 64 && !k.key.empty() && k.of >= 1 && k.of <= 16 && k.slot < k.of) out[percentDecode(serial)] = k;
     }
     return out;
 }

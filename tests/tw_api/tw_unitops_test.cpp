@@ -423,6 +423,11 @@ TEST(TwUnitOps, DestroyWipesWhatExportKeeps)
     tw_id_list_type units, found;
     ASSERT_EQ(tw_rescan_controller(controllerId(0), 1, &units, &found), 0);
     EXPECT_EQ(units.length, 0) << "the drives carry nothing";
+    // A carried line whose key would name a file elsewhere carries nothing.
+    const std::string serial = t.p.module().manifest().driveInBay(1)->serial;
+    t.p.module().writeState("3ware/carried", serial + " key=..%2F..%2Fdev config=11 stripe=0 sub=0 slot=0 of=1 unit=3 capacity=8\n");
+    ASSERT_EQ(tw_rescan_controller(controllerId(0), 1, &units, &found), 0);
+    EXPECT_EQ(units.length, 0);
     // All spares form one unit.
     list = drives({0, 1, 2, 3});
     ASSERT_EQ(tw_create_unit(&list, 13, 0, 1, &unit), 0);
