@@ -63,9 +63,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     // command's size and scatter list as the API sends them, the record's
     // length, and the record from byte 2 on.
     if (data[0] & 0x10) {
-        static const uint8_t unitOps[] = {0x08, 0x09, 0x0A, 0x0B, 0x0C, 0x0D};
+        static const uint8_t unitOps[] = {0x08, 0x09, 0x0A, 0x0E, 0x0C, 0x0D};
         const uint8_t op = unitOps[(size > 1 ? data[1] : 0) % 6];
-        const uint32_t length = op == 0x0B ? 52 : 32;
+        const uint32_t length = op == 0x0E ? 52 : 32;
         request = nine ? 264 : 0x1F;
         buf.assign(header + length, 0);
         const size_t command = 512 + (nine ? 128 : 0);

@@ -305,12 +305,12 @@ static_assert(offsetof(TAG_TW_Rescan_Report, units) == 20);
 
 namespace twp {
 // Opcodes of the unit commands, chosen among those the families leave
-// free; each carries one record as its data, with the parameter commands'
+// free (0x07 and 0x0B stay unknown to both); each carries one record as its data, with the parameter commands'
 // size and scatter list offset.
 constexpr uint8_t kOpCreateUnit = 0x08;   // TAG_TW_Unit_Config
 constexpr uint8_t kOpDeleteUnit = 0x09;   // TAG_TW_Unit_Config
 constexpr uint8_t kOpImportUnit = 0x0A;   // TAG_TW_Unit_Config
-constexpr uint8_t kOpRescan = 0x0B;       // TAG_TW_Rescan_Report, answered
+constexpr uint8_t kOpRescan = 0x0E;       // TAG_TW_Rescan_Report, answered
 constexpr uint8_t kOpSplitMirror = 0x0C;  // TAG_TW_Unit_Config: the mirror in, the second unit out
 constexpr uint8_t kOpMigrateUnit = 0x0D;  // TAG_TW_Unit_Config: the unit, its new configuration, the drives added
 constexpr uint8_t kSizeUnitCommand = 4;
