@@ -3,10 +3,12 @@
 #include <climits>
 #include <cstdlib>
 #include <iostream>
+#include <map>
 
 #include "manifest.h"
 #include "table.h"
 #include "tavsim_cli.h"
+#include "tw_config.h"
 #include "tw_kernel.h"
 #include "tw_state.h"
 
@@ -188,6 +190,16 @@ int runTw(const Call& call)
     const std::vector<tw::KernelDisk> disks = tw::kernelDisks(*module);
     for (const tw::Controller& c : tw::twView(*module).controllers()) printController(c, disks);
     std::cout << "kernel:\n" << tw::procScsiText(*module);
+    // The units the drives carry (tw_config.h), wherever the drives are.
+    const std::map<std::string, tw::Carried> carried = tw::readCarried(*module);
+    if (!carried.empty()) {
+        Table table({"DRIVE", "UNIT", "CONFIG", "STRIPE", "SLOT", "OF", "CAPACITY", "KEY"});
+        for (const auto& [serial, k] : carried)
+            table.add({serial, std::to_string(k.unit), std::to_string(k.config), std::to_string(k.stripe),
+                       std::to_string(k.slot), std::to_string(k.of), std::to_string(k.capacity), k.key});
+        std::cout << "\ncarried:\n";
+        table.print(std::cout);
+    }
     return kDone;
 }
 
