@@ -305,6 +305,8 @@ int formUnit(Module& module, Controller& c, const std::map<std::string, Carried>
     if (hasOwnImage(u) && module.host().stat(kept, &st) == 0) module.host().rename(kept, imageName(c, number));
     c.units.push_back(u);
     std::sort(c.units.begin(), c.units.end(), [](const Unit& a, const Unit& b) { return a.number < b.number; });
+    if (u.mode == "DEGRADED")
+        raiseEvent(c, module.nowUs(), kEventUnitDegraded, 2, "unit " + std::to_string(number) + " degraded");
     return number;
 }
 

@@ -25,7 +25,7 @@
 // - Import and rescan form a unit from the free drives the controller holds
 //   that carry one key no current unit's members carry, taking the carried
 //   number when it is free, else the lowest free one. Missing members leave
-//   their slot missing (mode DEGRADED): beyond the unit's redundancy (a
+//   their slot missing (mode DEGRADED, event 22): beyond the unit's redundancy (a
 //   second slot of a parity group, both drives of a mirror, any of a stripe)
 //   the unit is INOPERABLE. A spare unit forms from the drives present only.
 // - The rescan attaches every drive in a bay of a port the controller holds

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <vector>
@@ -346,6 +347,13 @@ TEST(TwUnitOps, ARescanFormsADegradedUnitAndFindsANewDriveWithItsOwnSerial)
     ASSERT_EQ(units.length, 1);
     const tw_id_type unit = units.list[0];
     EXPECT_EQ(modeOf(unit), 0xEF) << "its fourth member is missing";
+    tw_event_info_type last;
+    std::memset(&last, 0, sizeof last);
+    ASSERT_EQ(tw_get_last_event(controllerId(0), &last), 0);
+    EXPECT_EQ(last.aen_code, 22) << "the unit formed degraded";
+    tw_event_info_type found_event = last;
+    ASSERT_EQ(tw_get_previous_event(controllerId(0), &found_event), 0);
+    EXPECT_EQ(found_event.aen_code, 21) << "the new drive found first";
     EXPECT_EQ(members(unit.id[4]), (std::vector<int>{0, 1, 2, 255}));
     tw_id_list_type subs;
     ASSERT_EQ(tw_get_subunit_id_list(unit, &subs), 0);
