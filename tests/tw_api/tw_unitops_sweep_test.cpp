@@ -124,6 +124,9 @@ TEST(TwUnitOpsSweep, EveryCallOfMakeExportRemoveAndRescanFailsCleanly)
                     << "step " << step << " api " << e.api_error_code;
             }
         }
-    std::printf("unit configuration fault sweep: %d injection points, %d failed runs\n", points, failed);
+    std::printf("unit configuration fault sweep: %d injection points (%llu ioctl, %llu node opens, %llu opens and "
+                "%llu writes of /proc/scsi/scsi), %d failed runs\n",
+                points, (unsigned long long)targets[0].count, (unsigned long long)targets[1].count,
+                (unsigned long long)targets[2].count, (unsigned long long)targets[3].count, failed);
     EXPECT_GT(failed, points / 2);
 }
