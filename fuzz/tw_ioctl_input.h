@@ -13,6 +13,43 @@
 
 namespace twfuzz {
 
+// The unit and drive getters over whatever lists the controller gives, and
+// a walk of the events, which has to end.
+inline void unitsAndDrives(tw_id_type c)
+{
+    tw_id_list_type units, subunits, drives;
+    int value = 0;
+    uint64_t sectors = 0;
+    tw_id_type id;
+    char text[TW_MODEL_SIZE];
+    if (tw_get_unit_id_list(c, &units) == 0)
+        for (int i = 0; i < units.length && i < 16; ++i) {
+            const tw_id_type u = units.list[i];
+            tw_get_unit_status(u, &value);
+            tw_get_unit_mode(u, &value);
+            tw_get_unit_capacity(u, &sectors);
+            tw_get_unit_percentage_complete(u, &value);
+            tw_get_drive_id_list_from_unit_id(u, &drives);
+            if (tw_get_subunit_id_list(u, &subunits) == 0)
+                for (int j = 0; j < subunits.length && j < 16; ++j) {
+                    tw_get_unit_configuration(subunits.list[j], &value);
+                    tw_get_drive_id_list_from_unit_id(subunits.list[j], &drives);
+                }
+        }
+    if (tw_get_drive_id_list(c, &drives) == 0)
+        for (int i = 0; i < drives.length && i < 16; ++i) {
+            tw_get_drive_status(drives.list[i], &value);
+            tw_get_drive_serial_number(drives.list[i], text);
+            tw_get_drive_capacity(drives.list[i], &sectors);
+            tw_get_unit_id_from_drive_id(drives.list[i], &id);
+        }
+    tw_get_port_id_list(c, &drives);
+    tw_event_info_type e;
+    if (tw_get_first_event(c, &e) == 0)
+        while (e.aen_code != 0 && tw_get_next_event(c, &e) == 0) {
+        }
+}
+
 inline void everyGetter(tw_id_type c)
 {
     char text[TW_DRIVER_VERSION_SIZE];
@@ -70,6 +107,7 @@ inline void everyGetter(tw_id_type c)
     tw_get_bbu_boot_code_version(c, text);
     tw_get_bbu_pcb_revision(c, text);
     tw_get_bbu_factory_data(c, text);
+    unitsAndDrives(c);
 }
 
 

@@ -209,19 +209,25 @@
 // its standard descriptors on the null device; the call is a line of
 // commands.log ("daemon 0 daemon NOCHDIR NOCLOSE").
 //
-// The tw controllers (tw_state.h, tw_driver.h, tw_firmware.h, tw_kernel.h)
-// leave out, of real controllers and their drivers:
+// The tw controllers (tw_state.h, tw_driver.h, tw_firmware.h, tw_kernel.h,
+// tw_config.h) leave out, of real controllers and their drivers:
 // - The drivers' majors are fixed (254 "twe", 253 "twa"); a kernel gives
 //   them out at load. Nodes of the table answer by major whatever their path.
 // - A pulled, inserted or swapped drive changes the port's drive only; the
-//   controller notices nothing until a port scan reads the identity again,
-//   and no unit degrades or rebuilds on its own.
+//   controller notices nothing until a port scan, an add or a rescan reads
+//   the identity again, and no unit degrades or rebuilds on its own.
 // - Units of several drives keep their data in an image of their own: the
 //   members' images are not striped and a member's data does not follow it.
 //   The kernel's disks of the units answer as block devices with partition
 //   windows (their tables under sim/tables/bayN, N 1000 + 16 * host +
 //   target); platform 2's single units are its bays. A unit's disk answers
 //   no SCSI request of its own (SG_IO): the system asks the controller.
+// - The unit a drive carries is kept beside the model, in sim/3ware/carried
+//   by the drive's serial number, not in a reserved area of its image: a
+//   write over the whole image does not wipe it. An exported unit's own
+//   image waits as sim/3ware/set_KEY.img until the unit is formed again.
+// - Unit commands are the model's own opcodes and records (tw_config.h):
+//   the system's calls are what is tested, not the real firmware's layout.
 // - The event queue is kept and shown, and no request reads it yet.
 // - A battery test ends when the firmware is next asked after its end, with
 //   the date of its end; an expired lock goes the same way.

@@ -258,6 +258,13 @@ const std::vector<Command> kCommands = {
     {"agent",
      "DIR [--tcp] [--from 127.0.0.N]... [--port P] [--header TEXT] [--alert TEXT]... [--local-client] [--flood N] [--json]",
      "run the management agent in a private network namespace with consoles on loopback", kAgentHelp, runAgent},
+    {"replace", "DIR BAY [SERIAL]", "put another drive into BAY behind the controller's back",
+     "Takes the drive out of BAY to the shelf and puts drive SERIAL from the shelf,\n"
+     "or a new blank drive, in its place, in one step. A tw controller is not told:\n"
+     "it keeps the port listed with the serial number it read before, while the\n"
+     "bay answers identify and SMART as the new drive, until the controller finds\n"
+     "the drive anew (tw_rescan_controller after tw_remove_drive, or tw_add_drive).\n",
+     runReplace},
 };
 
 std::string joined(const std::vector<std::string>& words)

@@ -110,6 +110,8 @@ int runRaid(const Call& call);
 int runPull(const Call& call);
 int runInsert(const Call& call);
 int runSwap(const Call& call);
+// A drive put into a bay behind the controller's back (tavsim_replace.cpp).
+int runReplace(const Call& call);
 int runCorrupt(const Call& call);
 int runFault(const Call& call);
 int runLog(const Call& call);

@@ -3,10 +3,12 @@
 #include <climits>
 #include <cstdlib>
 #include <iostream>
+#include <map>
 
 #include "manifest.h"
 #include "table.h"
 #include "tavsim_cli.h"
+#include "tw_config.h"
 #include "tw_kernel.h"
 #include "tw_state.h"
 
@@ -27,10 +29,10 @@ void printController(const tw::Controller& c, const std::vector<tw::KernelDisk>&
     }
     values.print(std::cout);
     std::cout << "\n";
-    Table ports({"PORT", "DRIVE", "FOUND-SERIAL", "FOUND-FIRMWARE", "FOUND-SECTORS", "FOUND-MODEL"});
+    Table ports({"PORT", "DRIVE", "STATUS", "FOUND-SERIAL", "FOUND-FIRMWARE", "FOUND-SECTORS", "FOUND-MODEL"});
     for (const tw::Port& p : c.ports)
-        ports.add({std::to_string(p.number), p.drive, p.foundSerial, p.foundFirmware,
-                   p.foundSerial.empty() ? "" : std::to_string(p.foundSectors), p.foundModel});
+        ports.add({std::to_string(p.number), p.drive, p.drive.empty() ? "" : std::to_string(p.status), p.foundSerial,
+                   p.foundFirmware, p.foundSerial.empty() ? "" : std::to_string(p.foundSectors), p.foundModel});
     ports.print(std::cout);
     std::cout << "\n";
     Table units({"UNIT", "CONFIG", "MODE", "PORTS", "STRIPE", "CAPACITY", "RCACHE", "WCACHE", "ECC", "AUTOVERIFY",
@@ -49,6 +51,9 @@ void printController(const tw::Controller& c, const std::vector<tw::KernelDisk>&
     units.print(std::cout);
     std::cout << "\nlock: " << (c.lockHolder.empty() ? "none" : c.lockHolder + " until " + std::to_string(c.lockExpires))
               << "\nevents: " << c.events.size() << "\n";
+    for (const tw::Event& e : c.events)
+        std::cout << "  " << e.sequence << " time " << e.time << " code " << e.code << " severity " << int(e.severity)
+                  << " " << e.text << "\n";
     for (const tw::TwFault& f : c.faults) std::cout << f.format() << "\n";
     std::cout << "\n";
 }
@@ -77,6 +82,48 @@ int applySet(const Call& call, Module& module, const std::string& word)
                 return false;
             }
             c.faults.push_back(parsed.faults[0]);
+        } else if (key.rfind("port", 0) == 0 && key.size() > 11 && key.substr(key.size() - 7) == ".status") {
+            // portN.status=B: the drive's status byte (255 good, 0 failed, 254 unsupported)
+            uint64_t port = 0, b = 0;
+            tw::Port* p = parseNumber(key.substr(4, key.size() - 11), port) && port < 32 ? c.port(static_cast<int>(port)) : nullptr;
+            if (!p || !parseNumber(value, b) || b > 255) {
+                why = key + "=" + cell(value) + ": no such port, or not a byte";
+                return false;
+            }
+            p->status = static_cast<int>(b);
+        } else if (key.rfind("unit", 0) == 0 && key.find('.') != std::string::npos) {
+            // unitN.mode=M, unitN.tree=T, unitN.percent=P
+            uint64_t number = 0;
+            const std::string field = key.substr(key.find('.') + 1);
+            tw::Unit* u = parseNumber(key.substr(4, key.find('.') - 4), number) && number < 16
+                              ? c.unit(static_cast<int>(number))
+                              : nullptr;
+            uint64_t percent = 0;
+            tw::TreeNode tree;
+            if (!u) {
+                why = key + ": no such unit";
+                return false;
+            } else if (field == "mode" && !value.empty()) {
+                u->mode = value;
+            } else if (field == "tree" && tw::parseTree(value, tree)) {
+                u->tree = tree;
+                u->ports = tw::treePorts(tree);
+            } else if (field == "percent" && parseNumber(value, percent) && percent <= 100) {
+                u->percent = static_cast<int>(percent);
+            } else {
+                why = key + "=" + cell(value) + ": a unit takes mode=M, tree=T or percent=0..100";
+                return false;
+            }
+        } else if (key == "event") {
+            // event=CODE:SEVERITY:TEXT, raised now with the next sequence number
+            const size_t a = value.find(':'), b = a == std::string::npos ? a : value.find(':', a + 1);
+            uint64_t code = 0, severity = 0;
+            if (b == std::string::npos || !parseNumber(value.substr(0, a), code) || code == 0 || code > 0xFFFF ||
+                !parseNumber(value.substr(a + 1, b - a - 1), severity) || severity < 1 || severity > 4) {
+                why = cell(value) + ": not CODE:SEVERITY:TEXT (code 1 to 65535, severity 1 to 4)";
+                return false;
+            }
+            tw::raiseEvent(c, module.nowUs(), static_cast<uint16_t>(code), static_cast<uint8_t>(severity), value.substr(b + 1));
         } else if (key == "faults" && value == "none") {
             c.faults.clear();
         } else if (key == "lock") {
@@ -143,6 +190,16 @@ int runTw(const Call& call)
     const std::vector<tw::KernelDisk> disks = tw::kernelDisks(*module);
     for (const tw::Controller& c : tw::twView(*module).controllers()) printController(c, disks);
     std::cout << "kernel:\n" << tw::procScsiText(*module);
+    // The units the drives carry (tw_config.h), wherever the drives are.
+    const std::map<std::string, tw::Carried> carried = tw::readCarried(*module);
+    if (!carried.empty()) {
+        Table table({"DRIVE", "UNIT", "CONFIG", "STRIPE", "SLOT", "OF", "CAPACITY", "KEY"});
+        for (const auto& [serial, k] : carried)
+            table.add({serial, std::to_string(k.unit), std::to_string(k.config), std::to_string(k.stripe),
+                       std::to_string(k.slot), std::to_string(k.of), std::to_string(k.capacity), k.key});
+        std::cout << "\ncarried:\n";
+        table.print(std::cout);
+    }
     return kDone;
 }
 

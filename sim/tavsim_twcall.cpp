@@ -188,6 +188,180 @@ Caller idMaker(int (*make)(int, int, tw_id_type*), int (*read)(tw_id_type, int*)
     };
 }
 
+
+// A unit: CONTROLLER UNIT[.SUBUNIT[.SUBUNIT[.SUBUNIT]]].
+tw_id_type unitId(const Args& a, std::string& why)
+{
+    tw_id_type id;
+    std::memset(&id, 0xff, sizeof id);
+    int c = 0;
+    int path[4] = {};
+    int depth = 0;
+    if (a.size() < 2 || !number(a[0], c)) {
+        why = "expected CONTROLLER UNIT[.SUBUNIT...]";
+        return id;
+    }
+    size_t at = 0;
+    const std::string& w = a[1];
+    while (depth < 4) {
+        const size_t dot = w.find('.', at);
+        if (!number(w.substr(at, dot == std::string::npos ? std::string::npos : dot - at), path[depth++])) break;
+        if (dot == std::string::npos) {
+            if (tw_create_unit_id(c, path[0], path + 1, depth - 1, &id) != 0) break;
+            return id;
+        }
+        at = dot + 1;
+    }
+    why = "expected CONTROLLER UNIT[.SUBUNIT...] (up to three subunits)";
+    return id;
+}
+
+tw_id_type driveId(const Args& a, std::string& why)
+{
+    tw_id_type id;
+    std::memset(&id, 0xff, sizeof id);
+    int c = 0, d = 0;
+    if (a.size() != 2 || !number(a[0], c) || !number(a[1], d) || tw_create_drive_id(c, d, &id) != 0)
+        why = "expected CONTROLLER DRIVE";
+    return id;
+}
+
+std::string idText(const tw_id_type& id)
+{
+    std::string out;
+    if (id.id[0] == TW_ID_KIND_UNIT) {
+        out = std::to_string(id.id[4]);
+        for (int i = 5; i < 8 && id.id[i] != 0xFF; ++i) out += "." + std::to_string(id.id[i]);
+    } else {
+        out = std::to_string(id.id[2]);
+    }
+    return out;
+}
+
+using IdOf = tw_id_type (*)(const Args&, std::string&);
+
+template <class T>
+Caller idGetter(IdOf idOf, int (*f)(tw_id_type, T*), const char* name)
+{
+    return [idOf, f, name](const Args& a, std::string& out, std::string& why) {
+        tw_id_type id = idOf(a, why);
+        if (!why.empty()) return 0;
+        T v{};
+        int rc = f(id, &v);
+        out = std::string(name) + ": " + std::to_string(v);
+        return rc;
+    };
+}
+
+template <size_t N>
+Caller idTextGetter(IdOf idOf, int (*f)(tw_id_type, char*), const char* name)
+{
+    return [idOf, f, name](const Args& a, std::string& out, std::string& why) {
+        tw_id_type id = idOf(a, why);
+        if (!why.empty()) return 0;
+        char buf[N] = {};
+        int rc = f(id, buf);
+        out = std::string(name) + ": " + text(buf, N);
+        return rc;
+    };
+}
+
+Caller listGetter(IdOf idOf, int (*f)(tw_id_type, tw_id_list_type*), const char* name)
+{
+    return [idOf, f, name](const Args& a, std::string& out, std::string& why) {
+        tw_id_type id = idOf(a, why);
+        if (!why.empty()) return 0;
+        tw_id_list_type list;
+        std::memset(&list, 0, sizeof list);
+        int rc = f(id, &list);
+        out = "length: " + std::to_string(list.length);
+        for (int i = 0; i < list.length && i < TW_MAX_CONTROLLERS; ++i) out += "\n" + std::string(name) + ": " + idText(list.list[i]);
+        return rc;
+    };
+}
+
+Caller idAction(IdOf idOf, int (*f)(tw_id_type))
+{
+    return [idOf, f](const Args& a, std::string&, std::string& why) {
+        tw_id_type id = idOf(a, why);
+        return why.empty() ? f(id) : 0;
+    };
+}
+
+// An event getter: CONTROLLER, and for next and previous the SEQUENCE to start from.
+Caller eventGetter(int (*f)(tw_id_type, tw_event_info_type*), bool from)
+{
+    return [f, from](const Args& a, std::string& out, std::string& why) {
+        tw_event_info_type e;
+        std::memset(&e, 0, sizeof e);
+        int seq = 0;
+        if (a.size() != (from ? 2u : 1u) || (from && !number(a[1], seq))) {
+            why = from ? "expected CONTROLLER SEQUENCE" : "expected CONTROLLER";
+            return 0;
+        }
+        tw_id_type id = controllerId(a, why);
+        if (!why.empty()) return 0;
+        e.sequence_id = static_cast<uint32_t>(seq);
+        int rc = f(id, &e);
+        out = "sequence_id: " + std::to_string(e.sequence_id) + "\ntime_stamp_sec: " + std::to_string(e.time_stamp_sec) +
+              "\naen_code: " + std::to_string(e.aen_code) + "\nseverity: " + std::to_string(e.severity) +
+              "\ntext: " + text(e.text, sizeof e.text);
+        return rc;
+    };
+}
+
+tw_id_type controllerOnly(const Args& a, std::string& why) { return controllerId(a, why); }
+
+// --- Unit configuration.
+
+// The drives of controller `c` named from a[from] on; false for a word that
+// is no drive number, or more than 16.
+bool driveList(int c, const Args& a, size_t from, tw_id_list_type& list)
+{
+    std::memset(&list, 0xff, sizeof list);
+    list.length = 0;
+    if (a.size() <= from || a.size() - from > 16) return false;
+    for (size_t i = from; i < a.size(); ++i) {
+        int d = 0;
+        if (!number(a[i], d) || tw_create_drive_id(c, d, &list.list[list.length]) != 0) return false;
+        ++list.length;
+    }
+    return true;
+}
+
+// CONTROLLER CONFIG STRIPE [SUBUNIT_SIZE] NOTIFY DRIVE...
+Caller unitMaker(bool layout)
+{
+    return [layout](const Args& a, std::string& out, std::string& why) {
+        const size_t fixed = layout ? 5 : 4;
+        int c = 0, config = 0, stripe = 0, sub = 0, notify = 0;
+        tw_id_list_type list;
+        if (a.size() <= fixed || !number(a[0], c) || !number(a[1], config) || !number(a[2], stripe) ||
+            (layout && !number(a[3], sub)) || !number(a[fixed - 1], notify) || !driveList(c, a, fixed, list)) {
+            why = layout ? "expected CONTROLLER CONFIG STRIPE SUBUNIT_SIZE NOTIFY DRIVE... (1 to 16 drives)"
+                         : "expected CONTROLLER CONFIG STRIPE NOTIFY DRIVE... (1 to 16 drives)";
+            return 0;
+        }
+        tw_id_type unit;
+        std::memset(&unit, 0xff, sizeof unit);
+        int rc = layout ? tw_create_unit_with_layout(&list, config, stripe, sub, notify, &unit)
+                        : tw_create_unit(&list, config, stripe, notify, &unit);
+        if (rc == 0) out = "unit: " + idText(unit);
+        return rc;
+    };
+}
+
+// CONTROLLER UNIT NOTIFY
+Caller unitChange(int (*f)(tw_id_type, int))
+{
+    return [f](const Args& a, std::string&, std::string& why) {
+        tw_id_type id = unitId(a, why);
+        int notify = 0;
+        if (why.empty() && (a.size() != 3 || !number(a[2], notify))) why = "expected CONTROLLER UNIT NOTIFY";
+        return why.empty() ? f(id, notify) : 0;
+    };
+}
+
 const std::map<std::string, Caller>& callers()
 {
     static const std::map<std::string, Caller> all = {
@@ -270,6 +444,64 @@ const std::map<std::string, Caller>& callers()
         {"tw_get_bbu_boot_code_version", textGetter<TW_VERSION_SIZE>(tw_get_bbu_boot_code_version, "boot_code_version")},
         {"tw_get_bbu_pcb_revision", textGetter<TW_VERSION_SIZE>(tw_get_bbu_pcb_revision, "pcb_revision")},
         {"tw_get_bbu_factory_data", textGetter<TW_FACTORY_DATA_SIZE>(tw_get_bbu_factory_data, "factory_data")},
+        {"tw_get_first_event", eventGetter(tw_get_first_event, false)},
+        {"tw_get_last_event", eventGetter(tw_get_last_event, false)},
+        {"tw_get_next_event", eventGetter(tw_get_next_event, true)},
+        {"tw_get_previous_event", eventGetter(tw_get_previous_event, true)},
+        {"tw_get_unit_id_list", listGetter(controllerOnly, tw_get_unit_id_list, "unit")},
+        {"tw_get_subunit_id_list", listGetter(unitId, tw_get_subunit_id_list, "unit")},
+        {"tw_get_number_of_subunits", idGetter<int>(unitId, tw_get_number_of_subunits, "number_of_subunits")},
+        {"tw_get_unit_status", idGetter<int>(unitId, tw_get_unit_status, "status")},
+        {"tw_get_unit_mode", idGetter<int>(unitId, tw_get_unit_mode, "mode")},
+        {"tw_get_unit_capacity", idGetter<uint64_t>(unitId, tw_get_unit_capacity, "capacity")},
+        {"tw_get_unit_configuration", idGetter<int>(unitId, tw_get_unit_configuration, "configuration")},
+        {"tw_get_unit_percentage_complete", idGetter<int>(unitId, tw_get_unit_percentage_complete, "percent")},
+        {"tw_get_unit_stripe_size", idGetter<int>(unitId, tw_get_unit_stripe_size, "stripe_size")},
+        {"tw_get_unit_read_cache_state", idGetter<int>(unitId, tw_get_unit_read_cache_state, "state")},
+        {"tw_get_unit_write_cache_state", idGetter<int>(unitId, tw_get_unit_write_cache_state, "state")},
+        {"tw_get_unit_ecc_policy", idGetter<int>(unitId, tw_get_unit_ecc_policy, "policy")},
+        {"tw_get_unit_auto_verify_policy", idGetter<int>(unitId, tw_get_unit_auto_verify_policy, "policy")},
+        {"tw_get_unit_local_unit_id", idGetter<int>(unitId, tw_get_unit_local_unit_id, "local_unit_id")},
+        {"tw_unit_background_task_active", idGetter<int>(unitId, tw_unit_background_task_active, "active")},
+        {"tw_unit_is_initialized", idGetter<int>(unitId, tw_unit_is_initialized, "initialized")},
+        {"tw_get_unit_id_from_drive_id",
+         [](const Args& a, std::string& out, std::string& why) {
+             tw_id_type id = driveId(a, why);
+             if (!why.empty()) return 0;
+             tw_id_type unit;
+             std::memset(&unit, 0xff, sizeof unit);
+             int rc = tw_get_unit_id_from_drive_id(id, &unit);
+             out = "unit: " + idText(unit);
+             return rc;
+         }},
+        {"tw_enable_unit_read_cache", idAction(unitId, tw_enable_unit_read_cache)},
+        {"tw_disable_unit_read_cache", idAction(unitId, tw_disable_unit_read_cache)},
+        {"tw_enable_unit_write_cache", idAction(unitId, tw_enable_unit_write_cache)},
+        {"tw_disable_unit_write_cache", idAction(unitId, tw_disable_unit_write_cache)},
+        {"tw_enable_unit_auto_verify", idAction(unitId, tw_enable_unit_auto_verify)},
+        {"tw_disable_unit_auto_verify", idAction(unitId, tw_disable_unit_auto_verify)},
+        {"tw_unit_set_ecc_policy_to_continue", idAction(unitId, tw_unit_set_ecc_policy_to_continue)},
+        {"tw_unit_set_ecc_policy_to_halt", idAction(unitId, tw_unit_set_ecc_policy_to_halt)},
+        {"tw_get_drive_id_list", listGetter(controllerOnly, tw_get_drive_id_list, "drive")},
+        {"tw_get_drive_id_list_from_unit_id", listGetter(unitId, tw_get_drive_id_list_from_unit_id, "drive")},
+        {"tw_get_port_id_list", listGetter(controllerOnly, tw_get_port_id_list, "port")},
+        {"tw_remove_drive", idAction(driveId, tw_remove_drive)},
+        {"tw_add_drive", idAction(driveId, tw_add_drive)},
+        {"tw_get_drive_status", idGetter<int>(driveId, tw_get_drive_status, "status")},
+        {"tw_get_drive_capacity", idGetter<uint64_t>(driveId, tw_get_drive_capacity, "capacity")},
+        {"tw_get_drive_model", idTextGetter<TW_MODEL_SIZE>(driveId, tw_get_drive_model, "model")},
+        {"tw_get_drive_serial_number", idTextGetter<TW_SERIAL_NUMBER_SIZE>(driveId, tw_get_drive_serial_number, "serial_number")},
+        {"tw_get_drive_firmware_version", idTextGetter<TW_VERSION_SIZE>(driveId, tw_get_drive_firmware_version, "firmware_version")},
+        {"tw_get_drive_port_id",
+         [](const Args& a, std::string& out, std::string& why) {
+             tw_id_type id = driveId(a, why);
+             if (!why.empty()) return 0;
+             tw_id_type port;
+             std::memset(&port, 0xff, sizeof port);
+             int rc = tw_get_drive_port_id(id, &port);
+             out = "port: " + idText(port);
+             return rc;
+         }},
         {"tw_get_boot_unit",
          [](const Args& a, std::string& out, std::string& why) {
              tw_id_type id = controllerId(a, why);
@@ -385,6 +617,67 @@ const std::map<std::string, Caller>& callers()
          [](const Args&, std::string& out, std::string&) {
              out = std::string("version: ") + tw_get_api_version();
              return 0;
+         }},
+        // --- Unit configuration. NOTIFY 1 tells the kernel, 0 leaves it alone.
+        {"tw_create_unit", unitMaker(false)},
+        {"tw_create_unit_with_layout", unitMaker(true)},
+        {"tw_destroy_unit", unitChange(tw_destroy_unit)},
+        {"tw_export_unit", unitChange(tw_export_unit)},
+        {"tw_remove_unit", unitChange(tw_remove_unit)},
+        {"tw_import_unit",
+         [](const Args& a, std::string& out, std::string& why) {
+             int c = 0, notify = 0;
+             tw_id_list_type list;
+             if (a.size() < 3 || !number(a[0], c) || !number(a[1], notify) || !driveList(c, a, 2, list)) {
+                 why = "expected CONTROLLER NOTIFY DRIVE... (1 to 16 drives)";
+                 return 0;
+             }
+             tw_id_type unit;
+             std::memset(&unit, 0xff, sizeof unit);
+             int rc = tw_import_unit(&list, notify, &unit);
+             if (rc == 0) out = "unit: " + idText(unit);
+             return rc;
+         }},
+        {"tw_split_mirror",
+         [](const Args& a, std::string& out, std::string& why) {
+             tw_id_type id = unitId(a, why);
+             int notify = 0;
+             if (why.empty() && (a.size() != 3 || !number(a[2], notify))) why = "expected CONTROLLER UNIT NOTIFY";
+             if (!why.empty()) return 0;
+             tw_id_list_type units;
+             std::memset(&units, 0, sizeof units);
+             int rc = tw_split_mirror(id, notify, &units);
+             out = "length: " + std::to_string(units.length);
+             for (int i = 0; i < units.length && i < TW_MAX_CONTROLLERS; ++i) out += "\nunit: " + idText(units.list[i]);
+             return rc;
+         }},
+        {"tw_migrate_unit",
+         [](const Args& a, std::string&, std::string& why) {
+             tw_id_type id = unitId(a, why);
+             int c = 0, config = 0, stripe = 0;
+             tw_id_list_type list;
+             std::memset(&list, 0xff, sizeof list);
+             list.length = 0;
+             if (why.empty() && (a.size() < 4 || !number(a[0], c) || !number(a[2], config) || !number(a[3], stripe) ||
+                                 (a.size() > 4 && !driveList(c, a, 4, list))))
+                 why = "expected CONTROLLER UNIT CONFIG STRIPE [DRIVE...] (at most 16 drives)";
+             return why.empty() ? tw_migrate_unit(id, &list, config, stripe) : 0;
+         }},
+        {"tw_rescan_controller",
+         [](const Args& a, std::string& out, std::string& why) {
+             tw_id_type id = controllerId(a, why);
+             int notify = 0;
+             if (why.empty() && (a.size() != 2 || !number(a[1], notify))) why = "expected CONTROLLER NOTIFY";
+             if (!why.empty()) return 0;
+             tw_id_list_type units, drives;
+             std::memset(&units, 0, sizeof units);
+             std::memset(&drives, 0, sizeof drives);
+             int rc = tw_rescan_controller(id, notify, &units, &drives);
+             out = "units: " + std::to_string(units.length);
+             for (int i = 0; i < units.length && i < TW_MAX_CONTROLLERS; ++i) out += "\nunit: " + idText(units.list[i]);
+             out += "\ndrives: " + std::to_string(drives.length);
+             for (int i = 0; i < drives.length && i < TW_MAX_CONTROLLERS; ++i) out += "\ndrive: " + idText(drives.list[i]);
+             return rc;
          }},
     };
     return all;

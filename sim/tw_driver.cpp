@@ -11,6 +11,7 @@
 
 #include "md.h"
 #include "module.h"
+#include "tw_config.h"
 #include "tw_firmware.h"
 #include "tw_state.h"
 
@@ -36,6 +37,9 @@ constexpr uint16_t k9TableFlag = 0x8000;
 constexpr unsigned kMinSglUnit = 3, kMaxSglUnit = 34;
 
 constexpr uint32_t kLock = 262, kUnlock = 263, kPassThrough = 264, kVersion = 265;
+constexpr uint32_t kFirstEvent = 266, kLastEvent = 267, kNextEvent = 268, kPreviousEvent = 269;
+constexpr size_t k9Sequence = 12;
+constexpr size_t kEventSize = 112, kEventParamSize = 98;
 constexpr uint8_t kOpPortscan = 0x06, kOpGet = 0x12, kOpSet = 0x13, kOpDiagnostic = 0x1D;
 
 uint16_t le16(const uint8_t* p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
@@ -77,7 +81,7 @@ const char* opName(uint8_t op)
     case kOpSet: return "set-param";
     case kOpPortscan: return "portscan";
     case kOpDiagnostic: return "diagnostic-log";
-    default: return "opcode";
+    default: return unitOpName(op);
     }
 }
 
@@ -165,13 +169,14 @@ int TwDriver::call7000(DeviceContext& ctx, OpenNode& n, int index, unsigned long
     const uint8_t op = cmd[kCmdByte0] & 0x1F;
     const unsigned unit = cmd[kCmdUnit] & 0x0F;
     line += " " + std::string(opName(op));
-    if (op != kOpGet && op != kOpSet && op != kOpPortscan && op != kOpDiagnostic) line += "=" + std::to_string(op);
+    if (op != kOpGet && op != kOpSet && op != kOpPortscan && op != kOpDiagnostic && !isUnitOpcode(op))
+        line += "=" + std::to_string(op);
     line += " unit=" + std::to_string(unit);
     FwAnswer answer;
     const uint8_t wantSize = op == kOpPortscan ? 3 : 4;
     int table = -1, parameter = -1;
     std::string rules;
-    if (op != kOpGet && op != kOpSet && op != kOpPortscan && op != kOpDiagnostic) {
+    if (op != kOpGet && op != kOpSet && op != kOpPortscan && op != kOpDiagnostic && !isUnitOpcode(op)) {
         answer = fwError(kErrOpcode);
     } else if (cmd[kCmdSize] != wantSize) {
         answer = fwError(kErrSize);
@@ -213,6 +218,9 @@ int TwDriver::call7000(DeviceContext& ctx, OpenNode& n, int index, unsigned long
                         if (rules == "oversize") data[3] = static_cast<uint8_t>(std::min(255, data[3] + 16));
                     }
                 }
+            } else if (isUnitOpcode(op)) {
+                // Unit configuration (tw_config.h).
+                answer = runUnitCommand(module, index, op, data, length);
             } else if (op == kOpPortscan) {
                 const uint32_t mask = le32(cmd + kCmdMask);
                 line += " mask=0x" + hex(cmd + kCmdMask, 4);
@@ -239,7 +247,8 @@ int TwDriver::call9000(DeviceContext& ctx, OpenNode& n, int index, unsigned long
 {
     Module& module = ctx.module;
     std::string line = stamp(module) + " " + n.vpath + " " + std::to_string(request);
-    if (request != kLock && request != kUnlock && request != kPassThrough && request != kVersion) {
+    const bool event = request >= kFirstEvent && request <= kPreviousEvent;
+    if (request != kLock && request != kUnlock && request != kPassThrough && request != kVersion && !event) {
         logCall(module, line + " -> EINVAL");
         return fail(EINVAL);
     }
@@ -275,6 +284,45 @@ int TwDriver::call9000(DeviceContext& ctx, OpenNode& n, int index, unsigned long
         std::sscanf(version.c_str(), "%u.%u.%u.%u", &v[0], &v[1], &v[2], &v[3]);
         std::memcpy(data + 32, "3w-9xxx", 7);
         for (int i = 0; i < 4; ++i) put16(data + 48 + 2 * i, static_cast<uint16_t>(v[i]));
+    } else if (event) {
+        // The queue by sequence number: 4100 past either end, 4099 for a
+        // number the queue no longer keeps (dropped as the oldest).
+        const uint32_t from = le32(buf + k9Sequence);
+        static const char* const kNames[] = {"first", "last", "next", "previous"};
+        line += std::string(" event ") + kNames[request - kFirstEvent] + " from=" + std::to_string(from);
+        if (length < kEventSize) {
+            logCall(module, line + " length=" + std::to_string(length) + " -> EINVAL");
+            return fail(EINVAL);
+        }
+        const Controller* c = nullptr;
+        for (const Controller& each : twView(module).controllers())
+            if (each.index == index) c = &each;
+        const std::vector<Event> none;
+        const std::vector<Event>& q = c ? c->events : none;
+        const Event* hit = nullptr;
+        if (q.empty()) driverStatus = kDriverStatusOutOfRange;
+        else if (request == kFirstEvent) hit = &q.front();
+        else if (request == kLastEvent) hit = &q.back();
+        else {
+            const int64_t want = static_cast<int64_t>(from) + (request == kNextEvent ? 1 : -1);
+            if (want < 1 || want > static_cast<int64_t>(q.back().sequence)) driverStatus = kDriverStatusOutOfRange;
+            else if (want < static_cast<int64_t>(q.front().sequence)) driverStatus = kDriverStatusNotKept;
+            else
+                for (const Event& e : q)
+                    if (e.sequence == static_cast<uint32_t>(want)) hit = &e;
+            if (!hit && !driverStatus) driverStatus = kDriverStatusNotKept;
+        }
+        if (hit) {
+            std::memset(data, 0, kEventSize);
+            put32(data, hit->sequence);
+            put32(data + 4, hit->time);
+            put16(data + 8, hit->code);
+            data[10] = hit->severity;
+            const size_t n = std::min(hit->text.size(), kEventParamSize - 1);
+            data[13] = static_cast<uint8_t>(n + 1);
+            std::memcpy(data + 14, hit->text.data(), n);
+            line += " seq=" + std::to_string(hit->sequence);
+        }
     } else if (request == kLock || request == kUnlock) {
         if (length < 12) {
             logCall(module, line + " length=" + std::to_string(length) + " -> EINVAL");
@@ -311,9 +359,13 @@ int TwDriver::call9000(DeviceContext& ctx, OpenNode& n, int index, unsigned long
         line += " " + std::string(opName(op)) + " unit=" + std::to_string(unit);
         uint16_t table = 0, parameter = 0, size = 0;
         if (buf[k9HeaderDesc] != k9HeaderSize) answer = fwError(kErrHeader);
-        else if (op != kOpGet && op != kOpSet) answer = fwError(kErrOpcode);
+        else if (op != kOpGet && op != kOpSet && !isUnitOpcode(op)) answer = fwError(kErrOpcode);
         else if (le16(buf + k9SglEntries) != 1 || unit < kMinSglUnit || unit > kMaxSglUnit) answer = fwError(kErrSgl);
-        else if (length < 8) answer = fwError(kErrParamSize);
+        else if (isUnitOpcode(op)) {
+            // Unit configuration (tw_config.h).
+            if (!takeFirmwareFault(module, index, op, -1, -1, answer))
+                answer = runUnitCommand(module, index, op, data, length);
+        } else if (length < 8) answer = fwError(kErrParamSize);
         else {
             table = le16(data);
             parameter = le16(data + 2);

@@ -35,6 +35,8 @@ constexpr size_t k7000MaxData = 2048;
 constexpr size_t k9000Header = 1536;
 constexpr size_t k9000MaxData = 16384;
 constexpr uint32_t kDriverStatusLockBusy = 4097;
+constexpr uint32_t kDriverStatusNotKept = 4099;     // an event the queue no longer keeps
+constexpr uint32_t kDriverStatusOutOfRange = 4100;  // past either end of the event queue
 
 class TwDriver : public DeviceModel {
 public:

@@ -22,6 +22,16 @@ enum class Kind {
     Drives,
     Units,
     UnitStatus,
+    UnitList,  // a byte a unit number: its status, 0xFF none
+    UnitTree,  // the unit's descriptor tree
+    UnitPolicy,  // the unit's cache and policy bits
+    Aen,         // 7000: the oldest event, taken off the queue by the read
+    DriveList,     // a byte a port: 1 a drive the controller holds
+    DriveStatus,   // the port's drive's status byte
+    DriveText,     // what the controller read of the port's drive when it found it
+    DriveSectors,
+    DriveRemove,   // written 1: the controller lets go of the port's drive
+    DriveAdd,      // written 1: the controller finds the drive in the port's bay
     Schedule,  // bytes of the state in hex
     Action,    // written 1 to start; reads 0
 };
@@ -51,6 +61,18 @@ const ItemKey kItems[] = {
     {Item::ControllerLog, "controller-log", Kind::Text, false},
     {Item::DiagnosticLog, "diagnostic-log", Kind::Text, false},
     {Item::UnitStatus, "", Kind::UnitStatus, false},
+    {Item::UnitList, "", Kind::UnitList, false},
+    {Item::UnitDescriptor, "", Kind::UnitTree, false},
+    {Item::UnitPolicy, "", Kind::UnitPolicy, true, 0, 15},
+    {Item::AenQueue, "", Kind::Aen, false},
+    {Item::DriveList, "", Kind::DriveList, false},
+    {Item::DriveStatus, "", Kind::DriveStatus, false},
+    {Item::DriveModel, "model", Kind::DriveText, false},
+    {Item::DriveSerial, "serial", Kind::DriveText, false},
+    {Item::DriveFirmware, "firmware", Kind::DriveText, false},
+    {Item::DriveCapacity, "", Kind::DriveSectors, false},
+    {Item::DriveRemove, "", Kind::DriveRemove, true, 1, 1},
+    {Item::DriveAdd, "", Kind::DriveAdd, true, 1, 1},
     {Item::AvMode, "av-mode", Kind::Flag, true, 0, 1},
     {Item::BootUnit, "boot-unit", Kind::Number, true, 0, 255},
     {Item::CachePolicy, "cache-policy", Kind::Flag, true, 0, 1},
@@ -101,7 +123,8 @@ const ItemKey* find(int family, uint16_t table, uint16_t parameter, bool& tableK
         const twp::Param& p = t[k.item];
         if (!p.present) continue;
         uint16_t want = p.table;
-        if (family == 9000 && k.item == Item::UnitStatus) {
+        if ((family == 9000 && p.table == twp::kTable9000UnitBase) || p.table == twp::kTablePortBase) {
+            // Tables of one unit or one port: the base plus its number.
             if (table < p.table || table >= p.table + 16) continue;
             unit = table - p.table;
             want = table;
@@ -125,6 +148,103 @@ uint8_t unitStatus(const Unit& u)
     if (u.mode == "REBUILDING") return 0x05;
     if (u.mode == "INOPERABLE") return 0x06;
     return 0x7E;
+}
+
+// A mode of the state as the descriptor's byte: "OK", "VERIFYING",
+// "INITIALIZING", "DEGRADED", "REBUILDING", "REBUILD-PAUSED"; any other
+// name (such as "INOPERABLE") is a unit that cannot be used.
+uint8_t modeByte(const std::string& mode)
+{
+    if (mode == "OK") return twp::kModeOk;
+    if (mode == "VERIFYING") return twp::kModeVerifying;
+    if (mode == "INITIALIZING") return twp::kModeInitializing;
+    if (mode == "DEGRADED") return twp::kModeDegraded;
+    if (mode == "REBUILDING") return twp::kModeRebuilding;
+    if (mode == "REBUILD-PAUSED") return twp::kModeRebuildPaused;
+    return twp::kModeInoperable;
+}
+
+// The controller reads the drive now in the port's bay, or finds none.
+void attachDrive(const Manifest& m, const Controller& c, Port* p)
+{
+    // The drive now on the port, as the bay holds it.
+    const Drive* d = nullptr;
+    for (const Bay& b : m.bays) {
+        const bool k7 = c.family == 7000;
+        unsigned host = 0, bus = 0, target = 0, lun = 0;
+        const bool here = k7 ? std::sscanf(b.device.c_str(), "/dev/scsi/host%u/bus%u/target%u/lun%u/", &host, &bus,
+                           &target, &lun) == 4 &&
+                       static_cast<int>(host) == c.host && static_cast<int>(target) == p->number
+                 : b.number == p->number + 1;
+        if (here) d = m.driveInBay(b.number);
+    }
+    p->drive = d ? d->serial : "";
+    p->foundModel = d ? d->model : "";
+    p->foundSerial = d ? d->serial : "";
+    p->foundFirmware = d ? d->firmware : "";
+    p->foundSectors = d ? d->sectors : 0;
+}
+
+// A unit loses the member on `port`: its slot goes missing and reads the
+// degraded mode, as does every node above it and the unit; the healthy
+// members keep theirs. A spare unit simply loses the drive.
+bool loseMember(Unit& u, int port)
+{
+    std::function<bool(TreeNode&)> walk = [&](TreeNode& t) {
+        if (t.children.empty()) {
+            if (t.port != port) return false;
+            t.port = -1;
+            t.mode = "DEGRADED";
+            return true;
+        }
+        bool hit = false;
+        for (TreeNode& child : t.children) hit = walk(child) || hit;
+        if (hit) t.mode = "DEGRADED";
+        return hit;
+    };
+    if (!walk(u.tree)) return false;
+    u.ports = treePorts(u.tree);
+    u.mode = "DEGRADED";
+    u.percent = 0;
+    return true;
+}
+
+uint8_t policyBits(const Unit& u)
+{
+    return static_cast<uint8_t>((u.readCache ? twp::kPolicyReadCache : 0) | (u.writeCache ? twp::kPolicyWriteCache : 0) |
+                                (u.ecc ? twp::kPolicyEcc : 0) | (u.autoVerify ? twp::kPolicyAutoVerify : 0));
+}
+
+// The descriptor tree of a unit, in preorder, as far as `size` holds.
+// Inner nodes below the root are mirrors (6) of a RAID 10, or take the
+// unit's configuration; a member slot is a single drive (11) with the
+// capacity its drive had when the controller found it; the percentage of
+// the unit's task shows on every node whose mode has one.
+void unitTree(const Controller& c, const Unit& u, std::vector<uint8_t>& out)
+{
+    const size_t room = (out.size() - twp::kUnitHeadSize) / sizeof(TAG_TW_Unit_Node);
+    size_t count = 0;
+    const uint8_t policy = policyBits(u);
+    std::function<void(const TreeNode&, int)> put = [&](const TreeNode& t, int depth) {
+        if (count >= room) return;
+        TAG_TW_Unit_Node n{};
+        const bool leaf = t.children.empty();
+        n.configuration = static_cast<uint8_t>(depth == 1 ? u.config : leaf ? 11 : u.config == 6 ? 6 : u.config);
+        n.mode = modeByte(t.mode);
+        n.percent = twp::modeHasPercent(n.mode) ? static_cast<uint8_t>(std::clamp(u.percent, 0, 100)) : 100;
+        n.stripe = static_cast<uint8_t>(u.stripe);
+        n.children = static_cast<uint8_t>(std::min<size_t>(t.children.size(), 255));
+        n.drive = leaf && t.port >= 0 && t.port < 255 ? static_cast<uint8_t>(t.port) : twp::kNoDrive;
+        n.policy = policy;
+        if (depth == 1) n.capacity = u.capacity;
+        else if (leaf) n.capacity = t.port >= 0 && c.port(t.port) ? c.port(t.port)->foundSectors : 0;
+        else n.capacity = u.tree.children.empty() ? u.capacity : u.capacity / u.tree.children.size();
+        std::memcpy(out.data() + twp::kUnitHeadSize + count * sizeof n, &n, sizeof n);
+        ++count;
+        for (const TreeNode& child : t.children) put(child, depth + 1);
+    };
+    put(u.tree, 1);
+    out[0] = static_cast<uint8_t>(count);
 }
 
 std::vector<uint8_t> fromHex(const std::string& hex, size_t size)
@@ -250,10 +370,27 @@ FwAnswer runParam(Module& module, int index, const ParamRequest& r, std::vector<
     const twp::Param& p = tableOf(c->family)[k->item];
     if (r.size != p.size) return fwError(kErrParamSize);
     if (isBattery(k->item) && c->num("bbu-present") != 1) return fwError(kErrNoBattery);
-    if (k->item == Item::UnitStatus && c->family == 9000 && !c->unit(static_cast<int>(unit))) return fwError(kErrUnit);
+    const bool drive = k->kind == Kind::DriveStatus || k->kind == Kind::DriveText || k->kind == Kind::DriveSectors ||
+                       k->kind == Kind::DriveRemove;
+    const Port* port = drive ? c->port(static_cast<int>(unit)) : nullptr;
+    if (drive && (!port || port->drive.empty())) return fwError(kErrPort);
+    if (k->kind == Kind::DriveAdd && (!c->port(static_cast<int>(unit)) || !c->port(static_cast<int>(unit))->drive.empty()))
+        return fwError(kErrPort);
+    // The 7000's unit tables name the unit in the command's unit bits.
+    const bool perUnit = k->item == Item::UnitDescriptor || k->item == Item::UnitPolicy;
+    if (c->family == 7000 && perUnit) unit = r.unit;
+    if ((k->item == Item::UnitStatus && c->family == 9000) || perUnit)
+        if (!c->unit(static_cast<int>(unit))) return fwError(kErrUnit);
 
     if (r.set) {
         if (!k->writable) return fwError(kErrReadOnly);
+        // The last copy of a unit's data stays: a member of a unit without
+        // redundancy is not let go.
+        if (k->kind == Kind::DriveRemove)
+            for (const Unit& u : c->units)
+                if (u.config != 5 && u.config != 6 && u.config != 13 &&
+                    std::count(u.ports.begin(), u.ports.end(), static_cast<int>(unit)) > 0)
+                    return fwError(kErrValue);
         if (r.value.size() < p.size) return fwError(kErrParamSize);
         int64_t value = 0;
         for (size_t i = 0; i < p.size && i < 8; ++i) value |= static_cast<int64_t>(r.value[i]) << (8 * i);
@@ -261,6 +398,25 @@ FwAnswer runParam(Module& module, int index, const ParamRequest& r, std::vector<
         const uint64_t now = module.nowUs();
         view.update(index, [&](Controller& s) {
             if (k->kind == Kind::Schedule) s.set(k->key, toHex(r.value.data(), p.size));
+            else if (k->kind == Kind::DriveAdd) {
+                Port* q = s.port(static_cast<int>(unit));
+                attachDrive(module.manifest(), s, q);
+                if (!q->drive.empty())
+                    raiseEvent(s, now, kEventDriveFound, 3, "drive found on port " + std::to_string(q->number));
+            } else if (k->kind == Kind::DriveRemove) {
+                Port& q = *s.port(static_cast<int>(unit));
+                q.drive.clear();
+                raiseEvent(s, now, kEventDriveRemoved, 2, "drive removed from port " + std::to_string(q.number));
+                for (Unit& u : s.units)
+                    if (loseMember(u, q.number))
+                        raiseEvent(s, now, kEventUnitDegraded, 2, "unit " + std::to_string(u.number) + " degraded");
+            } else if (k->kind == Kind::UnitPolicy) {
+                Unit& u = *s.unit(static_cast<int>(unit));
+                u.readCache = (value & twp::kPolicyReadCache) != 0;
+                u.writeCache = (value & twp::kPolicyWriteCache) != 0;
+                u.ecc = (value & twp::kPolicyEcc) != 0;
+                u.autoVerify = (value & twp::kPolicyAutoVerify) != 0;
+            }
             else if (k->item == Item::BbuTestBattery) {
                 s.setNum("test-in-progress", 1);
                 s.setNum("test-ends", static_cast<int64_t>(now + static_cast<uint64_t>(s.num("test-seconds", 3600)) * 1000000));
@@ -275,6 +431,22 @@ FwAnswer runParam(Module& module, int index, const ParamRequest& r, std::vector<
     }
 
     out.assign(p.size, 0);
+    if (k->kind == Kind::Aen) {
+        // The 7000 hands out its events once, oldest first.
+        view.update(index, [&](Controller& s) {
+            if (s.events.empty()) return false;
+            const Event e = s.events.front();
+            s.events.erase(s.events.begin());
+            TAG_TW_Aen aen{};
+            aen.sequence_id = e.sequence;
+            aen.time_stamp_sec = e.time;
+            aen.aen_code = e.code;
+            aen.severity = e.severity;
+            std::memcpy(out.data(), &aen, std::min(out.size(), sizeof aen));
+            return true;
+        });
+        return FwAnswer{};
+    }
     switch (k->kind) {
     case Kind::Text: {
         const std::string text = c->get(k->key);
@@ -304,8 +476,34 @@ FwAnswer runParam(Module& module, int index, const ParamRequest& r, std::vector<
                 if (static_cast<size_t>(u.number) < out.size()) out[static_cast<size_t>(u.number)] = unitStatus(u);
         }
         break;
+    case Kind::UnitList:
+        std::fill(out.begin(), out.end(), 0xff);
+        for (const Unit& u : c->units)
+            if (static_cast<size_t>(u.number) < out.size()) out[static_cast<size_t>(u.number)] = unitStatus(u);
+        break;
+    case Kind::UnitPolicy: out[0] = policyBits(*c->unit(static_cast<int>(unit))); break;
+    case Kind::UnitTree: unitTree(*c, *c->unit(static_cast<int>(unit)), out); break;
+    case Kind::DriveList:
+        for (const Port& q : c->ports)
+            if (q.number >= 0 && static_cast<size_t>(q.number) < out.size() && !q.drive.empty())
+                out[static_cast<size_t>(q.number)] = 1;
+        break;
+    case Kind::DriveStatus: out[0] = static_cast<uint8_t>(port->status); break;
+    case Kind::DriveText: {
+        const std::string key = k->key;
+        const std::string& text = key == "model" ? port->foundModel : key == "serial" ? port->foundSerial : port->foundFirmware;
+        std::fill(out.begin(), out.end(), static_cast<uint8_t>(' '));
+        std::memcpy(out.data(), text.data(), std::min<size_t>(text.size(), out.size()));
+        break;
+    }
+    case Kind::DriveSectors:
+        for (size_t i = 0; i < out.size() && i < 8; ++i) out[i] = static_cast<uint8_t>(port->foundSectors >> (8 * i));
+        break;
     case Kind::Schedule: out = fromHex(c->get(k->key), p.size); break;
-    case Kind::Action: break;
+    case Kind::Action:
+    case Kind::DriveRemove:
+    case Kind::DriveAdd:
+    case Kind::Aen: break;
     }
     return FwAnswer{};
 }
@@ -318,23 +516,7 @@ FwAnswer runPortscan(Module& module, int index, unsigned port)
         Port* p = c.port(static_cast<int>(port));
         if (!p) return false;
         known = true;
-        // The drive now on the port, as the bay holds it.
-        std::string serial;
-        const Drive* d = nullptr;
-        for (const Bay& b : m.bays) {
-            const bool k7 = c.family == 7000;
-            unsigned host = 0, bus = 0, target = 0, lun = 0;
-            const bool here = k7 ? std::sscanf(b.device.c_str(), "/dev/scsi/host%u/bus%u/target%u/lun%u/", &host, &bus,
-                                               &target, &lun) == 4 &&
-                                       static_cast<int>(host) == c.host && target == port
-                                 : b.number == static_cast<int>(port) + 1;
-            if (here) d = m.driveInBay(b.number);
-        }
-        p->drive = d ? d->serial : "";
-        p->foundModel = d ? d->model : "";
-        p->foundSerial = d ? d->serial : "";
-        p->foundFirmware = d ? d->firmware : "";
-        p->foundSectors = d ? d->sectors : 0;
+        attachDrive(m, c, p);
         return true;
     });
     return known ? FwAnswer{} : fwError(kErrPort);

@@ -275,6 +275,7 @@ Controller parseController(const std::string& text, int index, std::vector<std::
             p.foundSerial = f["found-serial"];
             p.foundFirmware = f["found-firmware"];
             p.foundSectors = static_cast<uint64_t>(std::max<int64_t>(0, toNum(f["found-sectors"], 0)));
+            p.status = static_cast<int>(std::clamp<int64_t>(toNum(f["status"], 0xFF), 0, 0xFF));
             c.ports.push_back(p);
         } else if (key == "unit") {
             std::string num;
@@ -363,7 +364,7 @@ std::string formatController(const Controller& c)
         out += "port " + std::to_string(p.number) + " drive=" + percentEncode(p.drive) +
                " found-model=" + percentEncode(p.foundModel) + " found-serial=" + percentEncode(p.foundSerial) +
                " found-firmware=" + percentEncode(p.foundFirmware) + " found-sectors=" + std::to_string(p.foundSectors) +
-               "\n";
+               " status=" + std::to_string(p.status) + "\n";
     for (const Unit& u : c.units)
         out += "unit " + std::to_string(u.number) + " config=" + std::to_string(u.config) + " mode=" +
                percentEncode(u.mode) + " ports=" + portsText(u.ports) + " tree=" + formatTree(u.tree) +
@@ -483,6 +484,18 @@ TwView& twView(Module& module)
 }
 
 bool isTwModule(Module& module) { return !twView(module).controllers().empty(); }
+
+void raiseEvent(Controller& c, uint64_t nowUs, uint16_t code, uint8_t severity, const std::string& text)
+{
+    Event e;
+    e.sequence = c.events.empty() ? 1 : c.events.back().sequence + 1;
+    e.time = static_cast<uint32_t>(nowUs / 1000000);
+    e.code = code;
+    e.severity = severity;
+    e.text = text;
+    c.events.push_back(e);
+    if (c.events.size() > kMaxEvents) c.events.erase(c.events.begin(), c.events.end() - static_cast<long>(kMaxEvents));
+}
 
 std::string dateText(int64_t seconds)
 {

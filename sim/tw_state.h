@@ -5,7 +5,7 @@
 //
 //   family 7000|9000        host N          (the SCSI host of the controller)
 //   KEY VALUE               identity, compatibility, settings, battery (kKeys)
-//   port N drive=SERIAL found-model=M found-serial=S found-firmware=F found-sectors=N
+//   port N drive=SERIAL found-model=M found-serial=S found-firmware=F found-sectors=N status=B
 //                           the drive on port N ("" none) and the identity the
 //                           controller read when it found it
 //   unit N config=C mode=M ports=0,1,- tree=T stripe=S capacity=SECTORS
@@ -46,6 +46,7 @@ struct Port {
     std::string drive;  // serial of the drive on the port, "" none
     std::string foundModel, foundSerial, foundFirmware;
     uint64_t foundSectors = 0;
+    int status = 0xFF;  // the drive's status byte: 0xFF good, 0 failed or offline, 0xFE unsupported
 };
 
 struct TreeNode {
@@ -182,6 +183,15 @@ private:
 // The view kept for a module (one per Module object).
 TwView& twView(Module& module);
 bool isTwModule(Module& module);
+
+// The event queue: rising sequence numbers, stamped with the virtual clock,
+// at most kMaxEvents kept, the oldest dropped first. Codes the model raises
+// (37, 78, 80, 83 and 95 keep the meanings the battery and cache checks read):
+constexpr size_t kMaxEvents = 128;
+constexpr uint16_t kEventDriveRemoved = 20;
+constexpr uint16_t kEventDriveFound = 21;
+constexpr uint16_t kEventUnitDegraded = 22;
+void raiseEvent(Controller& c, uint64_t nowUs, uint16_t code, uint8_t severity, const std::string& text);
 
 // "15-Mar-2006" of a time in seconds since the epoch (UTC).
 std::string dateText(int64_t seconds);

@@ -763,3 +763,203 @@ controller_7000 c7000;
 controller_9000 c9000;
 tw_message msg;
 tw_api_error_type tw_api_error;
+
+int tw_get_unit_id_list(tw_id_type controller_id, tw_id_list_type* unit_id_list)
+{
+    if (!unit_id_list) return null_argument();
+    return controller.get_unit_id_list(controller_id, unit_id_list);
+}
+
+int tw_get_subunit_id_list(tw_id_type unit_id, tw_id_list_type* subunit_id_list)
+{
+    if (!subunit_id_list) return null_argument();
+    return controller.get_subunit_id_list(unit_id, subunit_id_list);
+}
+
+int tw_get_number_of_subunits(tw_id_type unit_id, int* number_of_subunits)
+{
+    if (!number_of_subunits) return null_argument();
+    return controller.get_number_of_subunits(unit_id, number_of_subunits);
+}
+
+int tw_get_unit_status(tw_id_type unit_id, int* status)
+{
+    if (!status) return null_argument();
+    return controller.get_unit_status(unit_id, status);
+}
+
+int tw_get_unit_mode(tw_id_type unit_id, int* mode)
+{
+    if (!mode) return null_argument();
+    return controller.get_unit_mode(unit_id, mode);
+}
+
+int tw_get_unit_capacity(tw_id_type unit_id, uint64_t* sectors)
+{
+    if (!sectors) return null_argument();
+    return controller.get_unit_capacity(unit_id, sectors);
+}
+
+int tw_get_unit_configuration(tw_id_type unit_id, int* configuration)
+{
+    if (!configuration) return null_argument();
+    return controller.get_unit_configuration(unit_id, configuration);
+}
+
+int tw_get_unit_percentage_complete(tw_id_type unit_id, int* percent)
+{
+    if (!percent) return null_argument();
+    return controller.get_unit_percentage_complete(unit_id, percent);
+}
+
+int tw_get_unit_stripe_size(tw_id_type unit_id, int* stripe_size)
+{
+    if (!stripe_size) return null_argument();
+    return controller.get_unit_stripe_size(unit_id, stripe_size);
+}
+
+int tw_get_unit_read_cache_state(tw_id_type unit_id, int* state)
+{
+    if (!state) return null_argument();
+    return controller.get_unit_read_cache_state(unit_id, state);
+}
+
+int tw_get_unit_write_cache_state(tw_id_type unit_id, int* state)
+{
+    if (!state) return null_argument();
+    return controller.get_unit_write_cache_state(unit_id, state);
+}
+
+int tw_get_unit_ecc_policy(tw_id_type unit_id, int* policy)
+{
+    if (!policy) return null_argument();
+    return controller.get_unit_ecc_policy(unit_id, policy);
+}
+
+int tw_get_unit_auto_verify_policy(tw_id_type unit_id, int* policy)
+{
+    if (!policy) return null_argument();
+    return controller.get_unit_auto_verify_policy(unit_id, policy);
+}
+
+int tw_get_unit_id_from_drive_id(tw_id_type drive_id, tw_id_type* unit_id)
+{
+    if (!unit_id) return null_argument();
+    return controller.get_unit_id_from_drive_id(drive_id, unit_id);
+}
+
+int tw_get_drive_id_list(tw_id_type controller_id, tw_id_list_type* drive_id_list)
+{
+    if (!drive_id_list) return null_argument();
+    return controller.get_drive_id_list(controller_id, drive_id_list);
+}
+
+int tw_get_drive_id_list_from_unit_id(tw_id_type unit_id, tw_id_list_type* drive_id_list)
+{
+    if (!drive_id_list) return null_argument();
+    return controller.get_drive_id_list_from_unit_id(unit_id, drive_id_list);
+}
+
+int tw_get_drive_status(tw_id_type drive_id, int* status)
+{
+    if (!status) return null_argument();
+    return controller.get_drive_status(drive_id, status);
+}
+
+int tw_get_drive_capacity(tw_id_type drive_id, uint64_t* sectors)
+{
+    if (!sectors) return null_argument();
+    return controller.get_drive_capacity(drive_id, sectors);
+}
+
+int tw_get_drive_model(tw_id_type drive_id, char* model)
+{
+    if (!model) return null_argument();
+    return controller.get_drive_model(drive_id, model);
+}
+
+int tw_get_drive_serial_number(tw_id_type drive_id, char* serial_number)
+{
+    if (!serial_number) return null_argument();
+    return controller.get_drive_serial_number(drive_id, serial_number);
+}
+
+int tw_get_drive_firmware_version(tw_id_type drive_id, char* firmware_version)
+{
+    if (!firmware_version) return null_argument();
+    return controller.get_drive_firmware_version(drive_id, firmware_version);
+}
+
+int tw_get_drive_port_id(tw_id_type drive_id, tw_id_type* port_id)
+{
+    if (!port_id) return null_argument();
+    return controller.get_drive_port_id(drive_id, port_id);
+}
+
+int tw_get_port_id_list(tw_id_type controller_id, tw_id_list_type* port_id_list)
+{
+    if (!port_id_list) return null_argument();
+    return controller.get_port_id_list(controller_id, port_id_list);
+}
+
+int tw_get_first_event(tw_id_type controller_id, tw_event_info_type* event)
+{
+    if (!event) return null_argument();
+    return controller.get_first_event(controller_id, event);
+}
+
+int tw_get_last_event(tw_id_type controller_id, tw_event_info_type* event)
+{
+    if (!event) return null_argument();
+    return controller.get_last_event(controller_id, event);
+}
+
+int tw_get_next_event(tw_id_type controller_id, tw_event_info_type* event)
+{
+    if (!event) return null_argument();
+    return controller.get_next_event(controller_id, event);
+}
+
+int tw_get_previous_event(tw_id_type controller_id, tw_event_info_type* event)
+{
+    if (!event) return null_argument();
+    return controller.get_previous_event(controller_id, event);
+}
+
+int tw_enable_unit_read_cache(tw_id_type unit_id) { return controller.enable_unit_read_cache(unit_id); }
+
+int tw_disable_unit_read_cache(tw_id_type unit_id) { return controller.disable_unit_read_cache(unit_id); }
+
+int tw_enable_unit_write_cache(tw_id_type unit_id) { return controller.enable_unit_write_cache(unit_id); }
+
+int tw_disable_unit_write_cache(tw_id_type unit_id) { return controller.disable_unit_write_cache(unit_id); }
+
+int tw_enable_unit_auto_verify(tw_id_type unit_id) { return controller.enable_unit_auto_verify(unit_id); }
+
+int tw_disable_unit_auto_verify(tw_id_type unit_id) { return controller.disable_unit_auto_verify(unit_id); }
+
+int tw_unit_set_ecc_policy_to_continue(tw_id_type unit_id) { return controller.unit_set_ecc_policy_to_continue(unit_id); }
+
+int tw_unit_set_ecc_policy_to_halt(tw_id_type unit_id) { return controller.unit_set_ecc_policy_to_halt(unit_id); }
+
+int tw_get_unit_local_unit_id(tw_id_type unit_id, int* local_unit_id)
+{
+    if (!local_unit_id) return null_argument();
+    return controller.get_unit_local_unit_id(unit_id, local_unit_id);
+}
+
+int tw_unit_background_task_active(tw_id_type unit_id, int* active)
+{
+    if (!active) return null_argument();
+    return controller.unit_background_task_active(unit_id, active);
+}
+
+int tw_unit_is_initialized(tw_id_type unit_id, int* initialized)
+{
+    if (!initialized) return null_argument();
+    return controller.unit_is_initialized(unit_id, initialized);
+}
+
+int tw_remove_drive(tw_id_type drive_id) { return controller.remove_drive(drive_id); }
+
+int tw_add_drive(tw_id_type port_id) { return controller.add_drive(port_id); }

@@ -242,6 +242,103 @@ int tw_get_bbu_pcb_revision(tw_id_type controller_id, char pcb_revision[TW_VERSI
 int tw_get_bbu_factory_data(tw_id_type controller_id,
                             char factory_data[TW_FACTORY_DATA_SIZE]);
 
+
+/* ------------------------------------------------------------------ units */
+/* Units of depth 1; a unit's subunits one level deeper. Modes: 0xFF healthy,
+ * 0xFB verifying, 0xF7 initialising, 0xEF degraded, 0xAF rebuilding, 0xDF
+ * rebuild paused; any other is not usable. Capacities in sectors. Stripe
+ * sizes are codes, 4 to 11 for 8 to 1024 kilobytes. */
+int tw_get_unit_id_list(tw_id_type controller_id, tw_id_list_type* unit_id_list);
+int tw_get_subunit_id_list(tw_id_type unit_id, tw_id_list_type* subunit_id_list);
+int tw_get_number_of_subunits(tw_id_type unit_id, int* number_of_subunits);
+int tw_get_unit_status(tw_id_type unit_id, int* status);
+int tw_get_unit_mode(tw_id_type unit_id, int* mode);
+int tw_get_unit_capacity(tw_id_type unit_id, uint64_t* sectors);
+int tw_get_unit_configuration(tw_id_type unit_id, int* configuration);
+int tw_get_unit_percentage_complete(tw_id_type unit_id, int* percent);
+int tw_get_unit_stripe_size(tw_id_type unit_id, int* stripe_size);
+int tw_get_unit_read_cache_state(tw_id_type unit_id, int* state);
+int tw_get_unit_write_cache_state(tw_id_type unit_id, int* state);
+int tw_get_unit_ecc_policy(tw_id_type unit_id, int* policy);
+int tw_get_unit_auto_verify_policy(tw_id_type unit_id, int* policy);
+int tw_get_unit_id_from_drive_id(tw_id_type drive_id, tw_id_type* unit_id);
+
+
+int tw_get_unit_local_unit_id(tw_id_type unit_id, int* local_unit_id);
+int tw_unit_background_task_active(tw_id_type unit_id, int* active);
+int tw_unit_is_initialized(tw_id_type unit_id, int* initialized);
+
+/* Per unit of depth 1: caches, auto-verify, and ECC errors continued past or halting. */
+int tw_enable_unit_read_cache(tw_id_type unit_id);
+int tw_disable_unit_read_cache(tw_id_type unit_id);
+int tw_enable_unit_write_cache(tw_id_type unit_id);
+int tw_disable_unit_write_cache(tw_id_type unit_id);
+int tw_enable_unit_auto_verify(tw_id_type unit_id);
+int tw_disable_unit_auto_verify(tw_id_type unit_id);
+int tw_unit_set_ecc_policy_to_continue(tw_id_type unit_id);
+int tw_unit_set_ecc_policy_to_halt(tw_id_type unit_id);
+
+/* ------------------------------------------------------- drives and ports */
+/* A drive's number is its port's; a unit's missing member is drive 255.
+ * Drive status: 0xFF good, 0 failed or offline, 0xFE unsupported. The serial
+ * number is the one the controller read when it last found the drive. */
+int tw_get_drive_id_list(tw_id_type controller_id, tw_id_list_type* drive_id_list);
+int tw_get_drive_id_list_from_unit_id(tw_id_type unit_id, tw_id_list_type* drive_id_list);
+int tw_get_drive_status(tw_id_type drive_id, int* status);
+int tw_get_drive_capacity(tw_id_type drive_id, uint64_t* sectors);
+int tw_get_drive_model(tw_id_type drive_id, char model[TW_MODEL_SIZE]);
+int tw_get_drive_serial_number(tw_id_type drive_id, char serial_number[TW_SERIAL_NUMBER_SIZE]);
+int tw_get_drive_firmware_version(tw_id_type drive_id, char firmware_version[TW_VERSION_SIZE]);
+int tw_get_drive_port_id(tw_id_type drive_id, tw_id_type* port_id);
+int tw_get_port_id_list(tw_id_type controller_id, tw_id_list_type* port_id_list);
+
+
+/* ----------------------------------------------------------------- events */
+/* Next and previous start from the sequence number in *event. At an end of
+ * the queue the result is 0 and the event has code 0. */
+int tw_get_first_event(tw_id_type controller_id, tw_event_info_type* event);
+int tw_get_last_event(tw_id_type controller_id, tw_event_info_type* event);
+int tw_get_next_event(tw_id_type controller_id, tw_event_info_type* event);
+int tw_get_previous_event(tw_id_type controller_id, tw_event_info_type* event);
+
+/* The controller lets go of the drive, which stays in its bay; a member
+ * degrades its unit. */
+int tw_remove_drive(tw_id_type drive_id);
+/* The controller finds the drive in the port's bay and reads its identity. */
+int tw_add_drive(tw_id_type port_id);
+
+/* ------------------------------------------------------ unit configuration */
+/* notify_os 1 tells the kernel of a unit that came or went through
+ * "/proc/scsi/scsi" (API code 69 or 70 when it could not), 0 leaves the
+ * kernel alone. Configurations: 5 parity, 6 mirror (four drives or more a
+ * RAID 10), 11 stripe (one drive a single unit), 13 spare. Stripe codes 4 to
+ * 11 for 8 to 1024 kilobytes; 11 also takes 0, a spare 0 only. A new unit
+ * takes the lowest free unit number. */
+int tw_create_unit(const tw_id_list_type* drive_id_list, int configuration, int stripe_size, int notify_os,
+                   tw_id_type* unit_id);
+/* subunit_size: drives per subunit, 2 for a RAID 10's mirrors, 3 or more for
+ * parity groups striped together; 0 the usual layout. */
+int tw_create_unit_with_layout(const tw_id_list_type* drive_id_list, int configuration, int stripe_size,
+                               int subunit_size, int notify_os, tw_id_type* unit_id);
+/* The unit's configuration wiped from its drives, its data dropped. */
+int tw_destroy_unit(tw_id_type unit_id, int notify_os);
+/* The unit goes; its drives stay attached and free, carrying it. */
+int tw_export_unit(tw_id_type unit_id, int notify_os);
+/* Forms the unit the drives carry (degraded when members are missing). */
+int tw_import_unit(const tw_id_list_type* drive_id_list, int notify_os, tw_id_type* unit_id);
+/* Exported, and its drives let go of: they stay in their bays. */
+int tw_remove_unit(tw_id_type unit_id, int notify_os);
+/* The unit takes a new configuration over its drives and those added (a
+ * null list or length 0 adds none); its number and its data stay. A parity
+ * or mirror unit initialises after. */
+int tw_migrate_unit(tw_id_type unit_id, const tw_id_list_type* drive_id_list, int configuration, int stripe_size);
+/* A two-drive mirror becomes two single units (the first keeps the number). */
+int tw_split_mirror(tw_id_type unit_id, int notify_os, tw_id_list_type* unit_id_list);
+/* Attaches every drive in a bay the controller does not hold, and forms the
+ * units their configurations name; the lists hold what it brought. */
+int tw_rescan_controller(tw_id_type controller_id, int notify_os, tw_id_list_type* unit_id_list,
+                         tw_id_list_type* drive_id_list);
+
 #ifdef __cplusplus
 }
 

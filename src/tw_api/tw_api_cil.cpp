@@ -13,7 +13,7 @@ int dispatch(tw_id_type id, int kind, Call call)
 {
     if (id.id[0] != kind) {
         tw_api_clear_error();
-        tw_api_set_error(TW_ERROR_FLAG_API, kind == TW_ID_KIND_UNIT ? 9 : 8, 0, 0, 0, nullptr);
+        tw_api_set_error(TW_ERROR_FLAG_API, kind == TW_ID_KIND_UNIT ? 9 : kind == TW_ID_KIND_DRIVE ? 10 : 8, 0, 0, 0, nullptr);
         return -1;
     }
     switch (osil_instance.controllers_architecture(id)) {
@@ -403,4 +403,204 @@ int cil::get_bbu_pcb_revision(tw_id_type id, char* pcb_revision)
 int cil::get_bbu_factory_data(tw_id_type id, char* factory_data)
 {
     return dispatch(id, TW_ID_KIND_CONTROLLER, [&](controller_base& c) { return c.get_bbu_factory_data(id, factory_data); });
+}
+
+int cil::get_unit_id_list(tw_id_type id, tw_id_list_type* unit_id_list)
+{
+    return dispatch(id, TW_ID_KIND_CONTROLLER, [&](controller_base& c) { return c.get_unit_id_list(id, unit_id_list); });
+}
+
+int cil::get_subunit_id_list(tw_id_type id, tw_id_list_type* subunit_id_list)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.get_subunit_id_list(id, subunit_id_list); });
+}
+
+int cil::get_number_of_subunits(tw_id_type id, int* number_of_subunits)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.get_number_of_subunits(id, number_of_subunits); });
+}
+
+int cil::get_unit_status(tw_id_type id, int* status)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.get_unit_status(id, status); });
+}
+
+int cil::get_unit_mode(tw_id_type id, int* mode)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.get_unit_mode(id, mode); });
+}
+
+int cil::get_unit_capacity(tw_id_type id, uint64_t* sectors)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.get_unit_capacity(id, sectors); });
+}
+
+int cil::get_unit_configuration(tw_id_type id, int* configuration)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.get_unit_configuration(id, configuration); });
+}
+
+int cil::get_unit_percentage_complete(tw_id_type id, int* percent)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.get_unit_percentage_complete(id, percent); });
+}
+
+int cil::get_unit_stripe_size(tw_id_type id, int* stripe_size)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.get_unit_stripe_size(id, stripe_size); });
+}
+
+int cil::get_unit_read_cache_state(tw_id_type id, int* state)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.get_unit_read_cache_state(id, state); });
+}
+
+int cil::get_unit_write_cache_state(tw_id_type id, int* state)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.get_unit_write_cache_state(id, state); });
+}
+
+int cil::get_unit_ecc_policy(tw_id_type id, int* policy)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.get_unit_ecc_policy(id, policy); });
+}
+
+int cil::get_unit_auto_verify_policy(tw_id_type id, int* policy)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.get_unit_auto_verify_policy(id, policy); });
+}
+
+int cil::get_unit_id_from_drive_id(tw_id_type id, tw_id_type* unit_id)
+{
+    return dispatch(id, TW_ID_KIND_DRIVE, [&](controller_base& c) { return c.get_unit_id_from_drive_id(id, unit_id); });
+}
+
+int cil::get_drive_id_list(tw_id_type id, tw_id_list_type* drive_id_list)
+{
+    return dispatch(id, TW_ID_KIND_CONTROLLER, [&](controller_base& c) { return c.get_drive_id_list(id, drive_id_list); });
+}
+
+int cil::get_drive_id_list_from_unit_id(tw_id_type id, tw_id_list_type* drive_id_list)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.get_drive_id_list_from_unit_id(id, drive_id_list); });
+}
+
+int cil::get_drive_status(tw_id_type id, int* status)
+{
+    return dispatch(id, TW_ID_KIND_DRIVE, [&](controller_base& c) { return c.get_drive_status(id, status); });
+}
+
+int cil::get_drive_capacity(tw_id_type id, uint64_t* sectors)
+{
+    return dispatch(id, TW_ID_KIND_DRIVE, [&](controller_base& c) { return c.get_drive_capacity(id, sectors); });
+}
+
+int cil::get_drive_model(tw_id_type id, char* model)
+{
+    return dispatch(id, TW_ID_KIND_DRIVE, [&](controller_base& c) { return c.get_drive_model(id, model); });
+}
+
+int cil::get_drive_serial_number(tw_id_type id, char* serial_number)
+{
+    return dispatch(id, TW_ID_KIND_DRIVE, [&](controller_base& c) { return c.get_drive_serial_number(id, serial_number); });
+}
+
+int cil::get_drive_firmware_version(tw_id_type id, char* firmware_version)
+{
+    return dispatch(id, TW_ID_KIND_DRIVE, [&](controller_base& c) { return c.get_drive_firmware_version(id, firmware_version); });
+}
+
+int cil::get_drive_port_id(tw_id_type id, tw_id_type* port_id)
+{
+    return dispatch(id, TW_ID_KIND_DRIVE, [&](controller_base& c) { return c.get_drive_port_id(id, port_id); });
+}
+
+int cil::get_port_id_list(tw_id_type id, tw_id_list_type* port_id_list)
+{
+    return dispatch(id, TW_ID_KIND_CONTROLLER, [&](controller_base& c) { return c.get_port_id_list(id, port_id_list); });
+}
+
+int cil::get_first_event(tw_id_type id, tw_event_info_type* event)
+{
+    return dispatch(id, TW_ID_KIND_CONTROLLER, [&](controller_base& c) { return c.get_first_event(id, event); });
+}
+
+int cil::get_last_event(tw_id_type id, tw_event_info_type* event)
+{
+    return dispatch(id, TW_ID_KIND_CONTROLLER, [&](controller_base& c) { return c.get_last_event(id, event); });
+}
+
+int cil::get_next_event(tw_id_type id, tw_event_info_type* event)
+{
+    return dispatch(id, TW_ID_KIND_CONTROLLER, [&](controller_base& c) { return c.get_next_event(id, event); });
+}
+
+int cil::get_previous_event(tw_id_type id, tw_event_info_type* event)
+{
+    return dispatch(id, TW_ID_KIND_CONTROLLER, [&](controller_base& c) { return c.get_previous_event(id, event); });
+}
+
+int cil::enable_unit_read_cache(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.enable_unit_read_cache(id); });
+}
+
+int cil::disable_unit_read_cache(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.disable_unit_read_cache(id); });
+}
+
+int cil::enable_unit_write_cache(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.enable_unit_write_cache(id); });
+}
+
+int cil::disable_unit_write_cache(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.disable_unit_write_cache(id); });
+}
+
+int cil::enable_unit_auto_verify(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.enable_unit_auto_verify(id); });
+}
+
+int cil::disable_unit_auto_verify(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.disable_unit_auto_verify(id); });
+}
+
+int cil::unit_set_ecc_policy_to_continue(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.unit_set_ecc_policy_to_continue(id); });
+}
+
+int cil::unit_set_ecc_policy_to_halt(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.unit_set_ecc_policy_to_halt(id); });
+}
+
+int cil::get_unit_local_unit_id(tw_id_type id, int* local_unit_id)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.get_unit_local_unit_id(id, local_unit_id); });
+}
+
+int cil::unit_background_task_active(tw_id_type id, int* active)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.unit_background_task_active(id, active); });
+}
+
+int cil::unit_is_initialized(tw_id_type id, int* initialized)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.unit_is_initialized(id, initialized); });
+}
+
+int cil::remove_drive(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_DRIVE, [&](controller_base& c) { return c.remove_drive(id); });
+}
+
+int cil::add_drive(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_DRIVE, [&](controller_base& c) { return c.add_drive(id); });
 }

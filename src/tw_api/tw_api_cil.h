@@ -87,6 +87,58 @@ public:
     int get_bbu_boot_code_version(tw_id_type id, char* version);
     int get_bbu_pcb_revision(tw_id_type id, char* pcb_revision);
     int get_bbu_factory_data(tw_id_type id, char* factory_data);
+
+    int get_unit_id_list(tw_id_type id, tw_id_list_type* unit_id_list);
+    int get_subunit_id_list(tw_id_type id, tw_id_list_type* subunit_id_list);
+    int get_number_of_subunits(tw_id_type id, int* number_of_subunits);
+    int get_unit_status(tw_id_type id, int* status);
+    int get_unit_mode(tw_id_type id, int* mode);
+    int get_unit_capacity(tw_id_type id, uint64_t* sectors);
+    int get_unit_configuration(tw_id_type id, int* configuration);
+    int get_unit_percentage_complete(tw_id_type id, int* percent);
+    int get_unit_stripe_size(tw_id_type id, int* stripe_size);
+    int get_unit_read_cache_state(tw_id_type id, int* state);
+    int get_unit_write_cache_state(tw_id_type id, int* state);
+    int get_unit_ecc_policy(tw_id_type id, int* policy);
+    int get_unit_auto_verify_policy(tw_id_type id, int* policy);
+    int get_unit_id_from_drive_id(tw_id_type id, tw_id_type* unit_id);
+    int remove_drive(tw_id_type id);
+    int add_drive(tw_id_type id);
+    int get_unit_local_unit_id(tw_id_type id, int* local_unit_id);
+    int unit_background_task_active(tw_id_type id, int* active);
+    int unit_is_initialized(tw_id_type id, int* initialized);
+    int enable_unit_read_cache(tw_id_type id);
+    int disable_unit_read_cache(tw_id_type id);
+    int enable_unit_write_cache(tw_id_type id);
+    int disable_unit_write_cache(tw_id_type id);
+    int enable_unit_auto_verify(tw_id_type id);
+    int disable_unit_auto_verify(tw_id_type id);
+    int unit_set_ecc_policy_to_continue(tw_id_type id);
+    int unit_set_ecc_policy_to_halt(tw_id_type id);
+    int get_first_event(tw_id_type id, tw_event_info_type* event);
+    int get_last_event(tw_id_type id, tw_event_info_type* event);
+    int get_next_event(tw_id_type id, tw_event_info_type* event);
+    int get_previous_event(tw_id_type id, tw_event_info_type* event);
+    int get_drive_id_list(tw_id_type id, tw_id_list_type* drive_id_list);
+    int get_drive_id_list_from_unit_id(tw_id_type id, tw_id_list_type* drive_id_list);
+    int get_drive_status(tw_id_type id, int* status);
+    int get_drive_capacity(tw_id_type id, uint64_t* sectors);
+    int get_drive_model(tw_id_type id, char* model);
+    int get_drive_serial_number(tw_id_type id, char* serial_number);
+    int get_drive_firmware_version(tw_id_type id, char* firmware_version);
+    int get_drive_port_id(tw_id_type id, tw_id_type* port_id);
+    int get_port_id_list(tw_id_type id, tw_id_list_type* port_id_list);
+
+    // --- Unit configuration (tw_api_unitops.cpp).
+    int create_unit(const tw_id_list_type* drives, int configuration, int stripe, int subunit_size, int notify,
+                    tw_id_type* unit_id);
+    int destroy_unit(tw_id_type unit_id, int notify);
+    int export_unit(tw_id_type unit_id, int notify);
+    int import_unit(const tw_id_list_type* drives, int notify, tw_id_type* unit_id);
+    int remove_unit(tw_id_type unit_id, int notify);
+    int split_mirror(tw_id_type unit_id, int notify, tw_id_list_type* units);
+    int migrate_unit(tw_id_type unit_id, const tw_id_list_type* drives, int configuration, int stripe);
+    int rescan_controller(tw_id_type id, int notify, tw_id_list_type* units, tw_id_list_type* drives);
 };
 
 extern cil controller;

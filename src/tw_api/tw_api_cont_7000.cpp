@@ -162,3 +162,54 @@ int controller_7000::get_driver_version(tw_id_type id, char* version)
     }
     return 0;
 }
+
+int controller_7000::get_7000_unit_status(tw_id_type unit_id, int* status)
+{
+    const int unit = unit_id.id[4];
+    if (unit >= twp::kMaxUnits) {
+        set_api(9);
+        return -1;
+    }
+    uint8_t bytes[twp::kMaxUnits] = {};
+    if (!supported(twp::Item::UnitStatus) || table_[twp::Item::UnitStatus].size != sizeof bytes) return -1;
+    if (read_param(unit_id, table_[twp::Item::UnitStatus], 0, bytes) != 0) return -1;
+    if (bytes[unit] == 0xFF) {
+        // No such unit: "Failed to get unit status".
+        set_api(16);
+        return -1;
+    }
+    *status = bytes[unit] & 0x7F;
+    return 0;
+}
+
+int controller_7000::get_unit_status(tw_id_type unit_id, int* status) { return get_7000_unit_status(unit_id, status); }
+
+int controller_7000::get_unit_descriptor(tw_id_type id, int unit, uint8_t* buffer, size_t size)
+{
+    const twp::Param& p = table_[twp::Item::UnitDescriptor];
+    if (size < p.size) {
+        set_api(kApiBadSize);
+        return -1;
+    }
+    return read_param(id, p, unit, buffer);
+}
+
+int controller_7000::read_unit_descriptor(tw_id_type id, int unit, uint8_t* buffer, size_t size)
+{
+    return get_unit_descriptor(id, unit, buffer, size);
+}
+
+int controller_7000::get_aen(tw_id_type id, tw_event_info_type* event)
+{
+    std::memset(event, 0, sizeof *event);
+    if (!supported(twp::Item::AenQueue)) return -1;
+    TAG_TW_Aen aen {};
+    if (table_[twp::Item::AenQueue].size != sizeof aen) return -1;
+    if (read_param(id, table_[twp::Item::AenQueue], 0, &aen) != 0) return -1;
+    if (aen.aen_code == 0) return 0;
+    event->sequence_id = aen.sequence_id;
+    event->time_stamp_sec = aen.time_stamp_sec;
+    event->aen_code = aen.aen_code;
+    event->severity = aen.severity;
+    return 0;
+}

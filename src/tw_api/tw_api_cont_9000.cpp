@@ -122,3 +122,106 @@ int controller_9000::get_driver_version(tw_id_type id, char* version)
     copy_text(version, TW_DRIVER_VERSION_SIZE, text);
     return 0;
 }
+
+int controller_9000::unit_exists(tw_id_type unit_id)
+{
+    const int unit = unit_id.id[4];
+    uint8_t units[twp::kMaxUnits];
+    if (unit >= twp::kMaxUnits || read_unit_list(unit_id, units) != 0) return 0;
+    return units[unit] != 0xFF;
+}
+
+int controller_9000::get_unit_status(tw_id_type unit_id, int* status)
+{
+    const int depth = unit_id.id[3];
+    const int unit = unit_id.id[4];
+    if (depth < 1 || depth > twp::kMaxUnitDepth || unit >= twp::kMaxUnits) {
+        set_api(9);
+        return -1;
+    }
+    if (depth != 1) {
+        *status = twp::kSubunitStatus;
+        return 0;
+    }
+    return get_number(unit_id, twp::Item::UnitStatus, status, unit);
+}
+
+int controller_9000::get_unit_descriptors(tw_id_type id, int unit, uint8_t* buffer, size_t size)
+{
+    const twp::Param& p = table_[twp::Item::UnitDescriptor];
+    if (size < p.size) {
+        set_api(kApiBadSize);
+        return -1;
+    }
+    return read_param(id, p, unit, buffer);
+}
+
+int controller_9000::read_unit_descriptor(tw_id_type id, int unit, uint8_t* buffer, size_t size)
+{
+    return get_unit_descriptors(id, unit, buffer, size);
+}
+
+int controller_9000::find_a_unit_descriptor(tw_id_type unit_id, TAG_TW_Unit_Node* node)
+{
+    unit_tree tree;
+    int n = 0;
+    if (find_node(unit_id, tree, &n) != 0) return -1;
+    *node = tree.node[n];
+    return 0;
+}
+
+int controller_9000::find_drives_unit_id(tw_id_type drive_id, tw_id_type* unit_id)
+{
+    return get_unit_id_from_drive_id(drive_id, unit_id);
+}
+
+int controller_9000::event_command(tw_id_type id, uint32_t control_code, tw_event_info_type* event)
+{
+    // Next and previous start from the caller's event.
+    const uint32_t from = event->sequence_id;
+    std::memset(event, 0, sizeof *event);
+    int fd = -1;
+    if (osil_instance.open_controller(id, &fd) != 0) return -1;
+    TAG_GP_Command_Driver driver {};
+    driver.control_code = control_code;
+    driver.sequence_id = from;
+    TAG_GP_Command_Full full {};
+    TAG_GP_Event answer {};
+    const int result = osil_instance.send_9000_ioctl_to_controller(fd, &driver, &full, &answer, sizeof answer);
+    osil_instance.close(fd);
+    if (result != 0) return -1;
+    if (driver.status == twp::kDriverStatusNoEvent || driver.status == twp::kDriverStatusEventOutOfRange) return 0;
+    event->sequence_id = answer.sequence_id;
+    event->time_stamp_sec = answer.time_stamp_sec;
+    event->aen_code = answer.aen_code;
+    event->severity = answer.severity;
+    const size_t length = answer.parameter_len < sizeof answer.parameter_data ? answer.parameter_len
+                                                                                : sizeof answer.parameter_data;
+    event->parameter_len = uint8_t(length);
+    std::memcpy(event->parameter_data, answer.parameter_data, length);
+    const size_t text = strnlen(reinterpret_cast<const char*>(answer.parameter_data), length);
+    std::memcpy(event->text, answer.parameter_data, text);
+    event->text[text] = '\0';
+    event->text_len = uint8_t(text);
+    return 0;
+}
+
+int controller_9000::get_9000_first_event(tw_id_type id, tw_event_info_type* event)
+{
+    return event_command(id, twp::kControlFirstEvent, event);
+}
+
+int controller_9000::get_9000_last_event(tw_id_type id, tw_event_info_type* event)
+{
+    return event_command(id, twp::kControlLastEvent, event);
+}
+
+int controller_9000::get_9000_next_event(tw_id_type id, tw_event_info_type* event)
+{
+    return event_command(id, twp::kControlNextEvent, event);
+}
+
+int controller_9000::get_9000_previous_event(tw_id_type id, tw_event_info_type* event)
+{
+    return event_command(id, twp::kControlPreviousEvent, event);
+}

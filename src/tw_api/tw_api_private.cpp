@@ -60,13 +60,13 @@ int controller_base::get_text(tw_id_type id, Item item, char* out, size_t outSiz
     return 0;
 }
 
-int controller_base::get_number(tw_id_type id, Item item, int* out)
+int controller_base::get_number(tw_id_type id, Item item, int* out, int unit)
 {
     if (!supported(item)) return -1;
     const twp::Param& p = table_[item];
     uint8_t bytes[4] = {};
     if (p.size > sizeof bytes) return -1;
-    if (read_param(id, p, 0, bytes) != 0) return -1;
+    if (read_param(id, p, unit, bytes) != 0) return -1;
     uint32_t value = 0;
     for (int i = p.size - 1; i >= 0; --i)
         value = (value << 8) | bytes[i];
@@ -387,3 +387,17 @@ int controller_base::get_bbu_factory_data(tw_id_type id, char* factory_data)
 {
     return get_text(id, Item::BbuFactoryData, factory_data, TW_FACTORY_DATA_SIZE);
 }
+
+namespace {
+int not_supported()
+{
+    tw_api_clear_error();
+    set_api(2);
+    return -1;
+}
+} // namespace
+
+int controller_base::get_first_event(tw_id_type, tw_event_info_type*) { return not_supported(); }
+int controller_base::get_last_event(tw_id_type, tw_event_info_type*) { return not_supported(); }
+int controller_base::get_next_event(tw_id_type, tw_event_info_type*) { return not_supported(); }
+int controller_base::get_previous_event(tw_id_type, tw_event_info_type*) { return not_supported(); }

@@ -235,6 +235,97 @@ static_assert(sizeof(TAG_GP_Version) == 64);
 static_assert(offsetof(TAG_GP_Version, text) == 0);
 static_assert(offsetof(TAG_GP_Version, driver) == 32);
 
+// One node of a unit's descriptor tree. The tree goes out in preorder behind
+// a 16-byte head whose first byte is the node count; each node names how
+// many children follow it. A node with no children is a drive's slot.
+struct TAG_TW_Unit_Node {
+    uint8_t configuration;  // 5 parity, 6 mirror, 11 stripe or single, 13 spare
+    uint8_t mode;           // twp::kMode...
+    uint8_t percent;        // of the task the mode names
+    uint8_t stripe;         // stripe code
+    uint8_t children;
+    uint8_t drive;          // a slot's port; 255 a missing member or an inner node
+    uint8_t policy;         // twp::kPolicy... bits
+    uint8_t reserved;
+    uint64_t capacity;      // sectors
+};
+static_assert(sizeof(TAG_TW_Unit_Node) == 16);
+static_assert(offsetof(TAG_TW_Unit_Node, children) == 4);
+static_assert(offsetof(TAG_TW_Unit_Node, capacity) == 8);
+
+// One AEN of the 7000's queue; an empty queue answers code 0.
+struct TAG_TW_Aen {
+    uint32_t sequence_id;
+    uint32_t time_stamp_sec;
+    uint16_t aen_code;
+    uint8_t severity;
+    uint8_t reserved;
+};
+static_assert(sizeof(TAG_TW_Aen) == 12);
+static_assert(offsetof(TAG_TW_Aen, aen_code) == 8);
+
+// --- Unit configuration: the records and opcodes of the commands that make,
+// delete, import and find units (both families carry the same records).
+
+// A unit to make, delete or import. Create: `configuration`, `stripe`,
+// `count` ports and `subunit_size` (drives per subunit, 0 the family's
+// usual layout); the firmware answers the unit made in `unit`. Delete:
+// `unit`, and `flags` bit 0 keeps the configuration on the drives (export).
+// Import: `count` ports whose drives carry one unit; the unit formed in
+// `unit` and its configuration in `configuration`.
+struct TAG_TW_Unit_Config {
+    uint8_t unit;
+    uint8_t configuration;
+    uint8_t stripe;
+    uint8_t count;
+    uint8_t subunit_size;
+    uint8_t flags;
+    uint8_t reserved[2];
+    uint8_t ports[16];
+    uint8_t reserved2[8];
+};
+static_assert(sizeof(TAG_TW_Unit_Config) == 32);
+static_assert(offsetof(TAG_TW_Unit_Config, count) == 3);
+static_assert(offsetof(TAG_TW_Unit_Config, ports) == 8);
+
+// What a rescan brought: the ports of drives the controller did not hold
+// before, and the units it formed from the drives' configurations.
+struct TAG_TW_Rescan_Report {
+    uint8_t drive_count;
+    uint8_t unit_count;
+    uint8_t reserved[2];
+    uint8_t drives[16];
+    uint8_t units[16];
+    uint8_t configurations[16];  // of each unit formed
+};
+static_assert(sizeof(TAG_TW_Rescan_Report) == 52);
+static_assert(offsetof(TAG_TW_Rescan_Report, configurations) == 36);
+static_assert(offsetof(TAG_TW_Rescan_Report, drives) == 4);
+static_assert(offsetof(TAG_TW_Rescan_Report, units) == 20);
+
+namespace twp {
+// Opcodes of the unit commands, chosen among those the families leave
+// free (0x07 and 0x0B stay unknown to both); each carries one record as its data, with the parameter commands'
+// size and scatter list offset.
+constexpr uint8_t kOpCreateUnit = 0x08;   // TAG_TW_Unit_Config
+constexpr uint8_t kOpDeleteUnit = 0x09;   // TAG_TW_Unit_Config
+constexpr uint8_t kOpImportUnit = 0x0A;   // TAG_TW_Unit_Config
+constexpr uint8_t kOpRescan = 0x0E;       // TAG_TW_Rescan_Report, answered
+constexpr uint8_t kOpSplitMirror = 0x0C;  // TAG_TW_Unit_Config: the mirror in, the second unit out
+constexpr uint8_t kOpMigrateUnit = 0x0D;  // TAG_TW_Unit_Config: the unit, its new configuration, the drives added
+constexpr uint8_t kSizeUnitCommand = 4;
+constexpr uint8_t kDeleteKeepConfig = 1;  // TAG_TW_Unit_Config::flags of an export
+// Unit configurations.
+constexpr int kConfigParity = 5;
+constexpr int kConfigMirror = 6;
+constexpr int kConfigStripe = 11;  // one drive: a single unit
+constexpr int kConfigSpare = 13;
+// Stripe codes 4 to 11 stand for 8 to 1024 kilobytes; a stripe or single
+// unit also takes 0, and a spare unit takes 0 only.
+constexpr int kStripeMin = 4;
+constexpr int kStripeMax = 11;
+} // namespace twp
+
 // ---------------------------------------------------------------------------
 // Codes.
 
@@ -252,6 +343,13 @@ constexpr uint32_t kControlFirmwarePassThrough = 264;
 constexpr uint32_t kControlAcquireLock = 262;  // read and write locks alike: the controller has one lock
 constexpr uint32_t kControlReleaseLock = 263;
 constexpr uint32_t kControlDriverVersion = 265;  // answers a TAG_GP_Version
+// The driver's event queue, one TAG_GP_Event an answer; next and previous
+// start from the driver command's sequence_id. An event's text is its
+// parameter data up to the first zero.
+constexpr uint32_t kControlFirstEvent = 266;
+constexpr uint32_t kControlLastEvent = 267;
+constexpr uint32_t kControlNextEvent = 268;
+constexpr uint32_t kControlPreviousEvent = 269;
 
 // 9000 driver statuses that end a call with 0 and nothing copied: no event
 // there, and a sequence number beyond the queue.
@@ -306,6 +404,40 @@ constexpr unsigned kMax7000ParamSize = 255;
 // line that begins with this label; the version is the rest of that line.
 constexpr const char kProcDriverVersionLabel[] = "Driver version:";
 
+// The descriptor tree: a 16-byte head, then nodes. The 7000's one-byte size
+// field holds 14 nodes, enough for its four-drive RAID 10 and a twelve-drive
+// parity unit; the 9000 holds 31.
+constexpr size_t kUnitHeadSize = 16;
+constexpr uint16_t kUnitDescriptorSize7000 = kUnitHeadSize + 14 * sizeof(TAG_TW_Unit_Node);
+constexpr uint16_t kUnitDescriptorSize9000 = kUnitHeadSize + 31 * sizeof(TAG_TW_Unit_Node);
+constexpr int kMaxUnitDepth = 4;
+
+// Unit and subunit modes.
+constexpr uint8_t kModeOk = 0xFF;
+constexpr uint8_t kModeVerifying = 0xFB;
+constexpr uint8_t kModeInitializing = 0xF7;
+constexpr uint8_t kModeDegraded = 0xEF;
+constexpr uint8_t kModeRebuilding = 0xAF;
+constexpr uint8_t kModeRebuildPaused = 0xDF;
+constexpr uint8_t kModeInoperable = 0x00;  // any other byte is not usable either
+constexpr bool modeHasPercent(uint8_t m)
+{
+    return m == kModeDegraded || m == kModeRebuilding || m == kModeRebuildPaused || m == kModeInitializing ||
+           m == kModeVerifying;
+}
+constexpr uint8_t kPolicyReadCache = 1;
+constexpr uint8_t kPolicyWriteCache = 2;
+constexpr uint8_t kPolicyEcc = 4;  // set: continue on ECC errors
+constexpr uint8_t kPolicyAutoVerify = 8;
+// A member slot with no drive.
+constexpr uint8_t kNoDrive = 255;
+// Drive status bytes.
+constexpr uint8_t kDriveGood = 0xFF;
+constexpr uint8_t kDriveFailed = 0x00;  // failed or offline
+constexpr uint8_t kDriveUnsupported = 0xFE;
+// The status of a 9000 unit at a depth other than 1.
+constexpr int kSubunitStatus = 127;
+
 // Limits of the settings: rates take 1 to 5, spinups 1 to 16 drives at a
 // time, the stagger time 0 to 60 seconds between spin-up groups.
 constexpr int kRateMin = 1;
@@ -339,6 +471,19 @@ enum class Item : uint8_t {
     ControllerLog,
     DiagnosticLog,
     UnitStatus,  // 7000: one status byte a unit; 9000: one unit's byte, table plus the unit
+    UnitList,    // one byte a unit number, 0xFF where there is no unit
+    UnitDescriptor,  // a unit's descriptor tree (TAG_TW_Unit_Node)
+    UnitPolicy,      // a unit's twp::kPolicy... bits, read and written
+    AenQueue,        // 7000: a read takes the oldest AEN off the queue (TAG_TW_Aen)
+    DriveList,       // one byte a port: 1 the controller holds a drive there, 0 not
+    // A port's drive, at the port table plus the port.
+    DriveStatus,     // twp::kDrive... byte
+    DriveModel,
+    DriveSerial,     // as the controller read it when it found the drive
+    DriveFirmware,
+    DriveCapacity,   // sectors, 64 bits
+    DriveRemove,     // written 1: the controller lets go of the port's drive
+    DriveAdd,        // written 1: the controller finds the drive in the port's bay
     // Settings and tasks.
     AvMode,
     BootUnit,
@@ -401,6 +546,12 @@ constexpr uint16_t kTableBattery = 1029;
 constexpr uint16_t kTableLogs = 1030;
 constexpr uint16_t kTable7000UnitStatus = 2;
 constexpr uint16_t kTable9000UnitBase = 768;
+constexpr uint16_t kTable7000UnitDescriptor = 3;
+constexpr uint16_t kTableAen7000 = 1025;
+constexpr uint16_t kMaxUnits = 16;
+// Both families: a port's drive items sit at this table plus the port.
+constexpr uint16_t kTablePortBase = 512;
+constexpr uint16_t kMaxPorts = 16;
 
 // Sizes of the logs. The 7000's diagnostic log comes by its own opcode.
 constexpr uint16_t kControllerLogSize = 255;
@@ -434,6 +585,18 @@ constexpr FamilyTable make7000()
     set(Item::NumberOfDrives, at(kTableIdentity, 13, 1));
     set(Item::NumberOfUnits, at(kTableIdentity, 14, 1));
     set(Item::UnitStatus, at(kTable7000UnitStatus, 3, 16));
+    set(Item::UnitList, at(kTable7000UnitStatus, 3, 16));  // the status bytes: 0xFF no unit
+    set(Item::UnitDescriptor, at(kTable7000UnitDescriptor, 1, kUnitDescriptorSize7000));  // unit in byte3
+    set(Item::UnitPolicy, at(kTable7000UnitDescriptor, 2, 1));
+    set(Item::AenQueue, at(kTableAen7000, 2, sizeof(TAG_TW_Aen)));
+    set(Item::DriveList, at(kTableIdentity, 16, kMaxPorts));
+    set(Item::DriveStatus, at(kTablePortBase, 1, 1));
+    set(Item::DriveModel, at(kTablePortBase, 2, 40));
+    set(Item::DriveSerial, at(kTablePortBase, 3, 20));
+    set(Item::DriveFirmware, at(kTablePortBase, 4, 8));
+    set(Item::DriveCapacity, at(kTablePortBase, 5, 8));
+    set(Item::DriveRemove, at(kTablePortBase, 6, 1));
+    set(Item::DriveAdd, at(kTablePortBase, 7, 1));
     set(Item::ControllerLog, at(kTableLogs, 1, kControllerLogSize));
     set(Item::AvMode, at(kTableSettings, 1, 1));
     set(Item::BootUnit, at(kTableSettings, 2, 1));
@@ -464,6 +627,17 @@ constexpr FamilyTable make9000()
     set(Item::NumberOfDrives, at(kTableIdentity, 13, 1));
     set(Item::NumberOfUnits, at(kTableIdentity, 14, 1));
     set(Item::UnitStatus, at(kTable9000UnitBase, 3, 1));  // table: 768 plus the unit
+    set(Item::UnitList, at(kTableIdentity, 15, kMaxUnits));
+    set(Item::UnitDescriptor, at(kTable9000UnitBase, 10, kUnitDescriptorSize9000));
+    set(Item::UnitPolicy, at(kTable9000UnitBase, 11, 1));
+    set(Item::DriveList, at(kTableIdentity, 16, kMaxPorts));
+    set(Item::DriveStatus, at(kTablePortBase, 1, 1));
+    set(Item::DriveModel, at(kTablePortBase, 2, 40));
+    set(Item::DriveSerial, at(kTablePortBase, 3, 20));
+    set(Item::DriveFirmware, at(kTablePortBase, 4, 8));
+    set(Item::DriveCapacity, at(kTablePortBase, 5, 8));
+    set(Item::DriveRemove, at(kTablePortBase, 6, 1));
+    set(Item::DriveAdd, at(kTablePortBase, 7, 1));
     set(Item::ControllerLog, at(kTableLogs, 1, kControllerLogSize));
     set(Item::DiagnosticLog, at(kTableLogs, 2, kDiagnosticLogSize));
     set(Item::AvMode, at(kTableSettings, 1, 1));
@@ -527,6 +701,7 @@ constexpr bool sizesFit7000()
     return true;
 }
 static_assert(sizesFit7000());
+static_assert(kTable7000[Item::UnitDescriptor].size <= kMax7000ParamSize);
 
 }  // namespace twp
 
@@ -534,6 +709,20 @@ static_assert(sizesFit7000());
 // The pattern both families share: an item is read or written whole through
 // the family's table; what differs between the families is the table and the
 // two parameter calls.
+
+// A unit's descriptor tree as read from the controller, checked: every
+// node's children lie inside the count, no branch is deeper than a unit
+// identifier can name, and each node knows its first child and next peer.
+struct unit_tree {
+    static constexpr int kMaxNodes = (twp::kUnitDescriptorSize9000 - twp::kUnitHeadSize) / sizeof(TAG_TW_Unit_Node);
+    TAG_TW_Unit_Node node[kMaxNodes];
+    int first_child[kMaxNodes];
+    int next_peer[kMaxNodes];
+    int depth[kMaxNodes];  // the root 1
+    int count = 0;
+    // Reads a descriptor of `size` bytes; false for one that cannot be read.
+    bool parse(const uint8_t* bytes, size_t size);
+};
 
 // Cuts the leading and trailing spaces of a text, not the inner ones.
 void strip_spaces(char* text);
@@ -626,8 +815,104 @@ public:
     int get_bbu_pcb_revision(tw_id_type id, char* pcb_revision);
     int get_bbu_factory_data(tw_id_type id, char* factory_data);
 
+    // Events. A family without them gives API code 2.
+    virtual int get_first_event(tw_id_type id, tw_event_info_type* event);
+    virtual int get_last_event(tw_id_type id, tw_event_info_type* event);
+    virtual int get_next_event(tw_id_type id, tw_event_info_type* event);
+    virtual int get_previous_event(tw_id_type id, tw_event_info_type* event);
+
+    // Units. Modes, percentages and the other unit items answer at every
+    // depth from the unit's descriptor tree.
+    int get_unit_id_list(tw_id_type id, tw_id_list_type* list);
+    int get_subunit_id_list(tw_id_type unit_id, tw_id_list_type* list);
+    int get_number_of_subunits(tw_id_type unit_id, int* count);
+    virtual int get_unit_status(tw_id_type unit_id, int* status) = 0;
+    int get_unit_mode(tw_id_type unit_id, int* mode);
+    int get_unit_capacity(tw_id_type unit_id, uint64_t* sectors);
+    int get_unit_configuration(tw_id_type unit_id, int* configuration);
+    int get_unit_percentage_complete(tw_id_type unit_id, int* percent);
+    int get_unit_stripe_size(tw_id_type unit_id, int* stripe);
+    int get_unit_read_cache_state(tw_id_type unit_id, int* state);
+    int get_unit_write_cache_state(tw_id_type unit_id, int* state);
+    int get_unit_ecc_policy(tw_id_type unit_id, int* policy);
+    int get_unit_auto_verify_policy(tw_id_type unit_id, int* policy);
+    int get_unit_id_from_drive_id(tw_id_type drive_id, tw_id_type* unit_id);
+    // The unit's number on its controller.
+    int get_unit_local_unit_id(tw_id_type unit_id, int* local_id);
+    // 1 while the unit verifies, initialises or rebuilds (paused included).
+    int unit_background_task_active(tw_id_type unit_id, int* active);
+    // 0 while the unit initialises, else 1.
+    int unit_is_initialized(tw_id_type unit_id, int* initialized);
+
+    // A unit's caches and policies, on units of depth 1: the unit's policy
+    // bits read, changed and written back.
+    int enable_unit_read_cache(tw_id_type unit_id);
+    int disable_unit_read_cache(tw_id_type unit_id);
+    int enable_unit_write_cache(tw_id_type unit_id);
+    int disable_unit_write_cache(tw_id_type unit_id);
+    int enable_unit_auto_verify(tw_id_type unit_id);
+    int disable_unit_auto_verify(tw_id_type unit_id);
+    int unit_set_ecc_policy_to_continue(tw_id_type unit_id);
+    int unit_set_ecc_policy_to_halt(tw_id_type unit_id);
+
+    // Drives and ports. A drive's number is its port's.
+    int get_drive_id_list(tw_id_type id, tw_id_list_type* list);
+    int get_drive_id_list_from_unit_id(tw_id_type unit_id, tw_id_list_type* list);
+    int get_drive_status(tw_id_type drive_id, int* status);
+    int get_drive_capacity(tw_id_type drive_id, uint64_t* sectors);
+    int get_drive_model(tw_id_type drive_id, char* model);
+    int get_drive_serial_number(tw_id_type drive_id, char* serial_number);
+    int get_drive_firmware_version(tw_id_type drive_id, char* version);
+    int get_drive_port_id(tw_id_type drive_id, tw_id_type* port_id);
+    int get_port_id_list(tw_id_type id, tw_id_list_type* list);
+    // Lets go of a drive; a member degrades its unit. Refused for the last
+    // copy of a unit's data (API code 48) and during a verify (56).
+    int remove_drive(tw_id_type drive_id);
+    // The controller finds the drive in the port's bay, its identity read
+    // anew: API code 23 when it holds one there already.
+    int add_drive(tw_id_type port_id);
+
 protected:
     explicit controller_base(const twp::FamilyTable& table) : table_(table) {}
+
+    // The descriptor of unit `unit` as the family reads it, `size` bytes.
+    virtual int read_unit_descriptor(tw_id_type id, int unit, uint8_t* buffer, size_t size) = 0;
+    // The units' numbers, one byte each, 0xFF where there is none.
+    int read_unit_list(tw_id_type id, uint8_t (&units)[twp::kMaxUnits]);
+    // Changes to units and drives hold the controller's write lock where the
+    // family has one; reads take no lock, each being one command.
+    virtual int begin_change(tw_id_type) { return 0; }
+    virtual void end_change(tw_id_type) {}
+    template <class Change>
+    int locked(tw_id_type id, Change change)
+    {
+        if (begin_change(id) != 0) return -1;
+        const int result = change();
+        end_change(id);
+        return result;
+    }
+
+    // An item of the port's drive: the port below the number of ports and
+    // holding a drive; `buffer` takes the item's size.
+    int read_drive_item(tw_id_type drive_id, twp::Item item, void* buffer, size_t size);
+    int get_drive_text(tw_id_type drive_id, twp::Item item, char* out, size_t outSize);
+    int change_unit_policy(tw_id_type unit_id, uint8_t bit, bool on);
+    // 0 when the identifier's port lies below the number of ports.
+    int get_port_id(tw_id_type id);
+    // The checked tree of the unit `unit_id` names, and the index of its node.
+    int find_node(tw_id_type unit_id, unit_tree& tree, int* node);
+
+    // The walk down a tree: a stack of node indices, never deeper than the
+    // four levels of a unit identifier. Each gives false where the tree or
+    // the stack has no room for the step.
+    struct walk_stack {
+        int at[twp::kMaxUnitDepth];
+        int size = 0;
+    };
+    static bool push_root(const unit_tree& tree, walk_stack& stack);
+    static bool push_parent(const unit_tree& tree, walk_stack& stack);  // the top's first child
+    static bool push_peer(const unit_tree& tree, walk_stack& stack);    // the top's next peer, in its place
+    static bool pop(walk_stack& stack);
 
     // One parameter of the family, read into `buffer` (p.size bytes) or
     // written from `value` (p.size bytes).
@@ -640,7 +925,7 @@ protected:
     // A text item into `out` of `outSize` bytes, spaces stripped, terminated.
     int get_text(tw_id_type id, twp::Item item, char* out, size_t outSize);
     // A little-endian number of 1 to 4 bytes.
-    int get_number(tw_id_type id, twp::Item item, int* out);
+    int get_number(tw_id_type id, twp::Item item, int* out, int unit = 0);
     int set_number(tw_id_type id, twp::Item item, int value);
     // A number in [low, high], else `code` set and -1.
     int set_checked(tw_id_type id, twp::Item item, int value, int low, int high, uint32_t code);
@@ -653,4 +938,41 @@ private:
     int get_schedule(tw_id_type id, tw_task_schedule_type* schedule);
     int get_window(tw_id_type id, int day, bool rebuild, tw_task_window_type* item);
     int set_window(tw_id_type id, int day, bool rebuild, tw_task_window_type item);
+
+    // --- Unit configuration (tw_api_unitops.cpp). `notify` 1 tells the
+    // kernel of the unit that came or went, 0 leaves it alone.
+public:
+    int create_unit(const tw_id_list_type* drives, int configuration, int stripe, int subunit_size, int notify,
+                    tw_id_type* unit_id);
+    int destroy_unit(tw_id_type unit_id, int notify);
+    int export_unit(tw_id_type unit_id, int notify);
+    int import_unit(const tw_id_list_type* drives, int notify, tw_id_type* unit_id);
+    // The unit exported and its drives let go: they stay in their bays.
+    int remove_unit(tw_id_type unit_id, int notify);
+    virtual int split_mirror(tw_id_type unit_id, int notify, tw_id_list_type* units);
+    // The unit takes a new configuration over its drives and those added
+    // (none: a null list or length 0); its number stays.
+    virtual int migrate_unit(tw_id_type unit_id, const tw_id_list_type* drives, int configuration, int stripe);
+    int rescan_controller(tw_id_type id, int notify, tw_id_list_type* units, tw_id_list_type* drives);
+
+protected:
+    // One unit command with its record, `length` bytes, copied back.
+    virtual int unit_command(tw_id_type id, uint8_t opcode, void* record, uint32_t length) = 0;
+    // The create and import commands as the family sends them.
+    virtual int send_create(tw_id_type id, TAG_TW_Unit_Config& record);
+    virtual int send_import(tw_id_type id, TAG_TW_Unit_Config& record);
+    // How many drives an import names at most.
+    virtual int max_import_drives() { return 16; }
+    // The checks before a unit is made: API code and -1 on the first that fails.
+    int check_new_unit(const tw_id_list_type* drives, int configuration, int stripe, int subunit_size,
+                       TAG_TW_Unit_Config& out);
+    // Whether the family takes the configuration, its drive count, its stripe code.
+    virtual bool isFeatureValid(int configuration, int subunit_size);
+    virtual bool isDriveCountValid(int configuration, int count, int subunit_size);
+    bool isStripeSizeValid(int configuration, int stripe);
+    // The unit of depth 1 exists on the controller.
+    int unit_present(tw_id_type unit_id);
+    // Sends a create, tells the kernel when asked.
+    int make_unit(tw_id_type controller_id, uint8_t opcode, TAG_TW_Unit_Config& record, int notify, tw_id_type* unit_id);
+    int delete_unit(tw_id_type unit_id, int notify, bool keep, uint32_t no_unit_code);
 };

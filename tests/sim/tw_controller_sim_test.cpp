@@ -789,3 +789,72 @@ TEST(TwDriver, BuffersOfAnyBytesGetAnAnswerOrAnError)
     ASSERT_EQ(plat::ioctl(t.fd, 264, b.data()), 0);
     EXPECT_EQ(b[512 + 132], 0) << "the controller still answers";
 }
+
+TEST(TwTavsim, TwCallsReachUnitsDrivesAndEvents)
+{
+    TempModule m(9, false);
+    ASSERT_EQ(makeTw(m, 9, "raid10"), "");
+    const std::string d = m.dir();
+    auto r = simtest::tavsim({"tw", d, "tw_get_subunit_id_list", "0", "0.1"});
+    EXPECT_EQ(r.status, 0) << r.err << r.out;
+    EXPECT_NE(r.out.find("length: 2\nunit: 0.1.0\nunit: 0.1.1\n"), std::string::npos) << r.out;
+    r = simtest::tavsim({"tw", d, "tw_get_unit_status", "0", "0.1"});
+    EXPECT_NE(r.out.find("status: 127\n"), std::string::npos) << r.out;
+    r = simtest::tavsim({"tw", d, "tw_get_drive_id_list_from_unit_id", "0", "0"});
+    EXPECT_NE(r.out.find("length: 4\n"), std::string::npos) << r.out;
+    r = simtest::tavsim({"tw", d, "tw_get_drive_capacity", "0", "3"});
+    EXPECT_NE(r.out.find("capacity: 8388608\n"), std::string::npos) << r.out;
+    r = simtest::tavsim({"tw", d, "tw_get_first_event", "0"});
+    EXPECT_NE(r.out.find("sequence_id: 1\n"), std::string::npos) << r.out;
+    EXPECT_EQ(simtest::tavsim({"tw", d, "tw_get_unit_mode", "0", "0.1.2.3.4"}).status, 2);
+
+    r = simtest::tavsim({"3ware", d, "set", "unit0.mode=DEGRADED", "unit0.tree=DEGRADED(DEGRADED(OK@0,DEGRADED),OK(OK@2,OK@3))",
+                         "unit0.percent=30", "port3.status=0", "event=9:2:drive gone"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    r = simtest::tavsim({"tw", d, "tw_get_unit_mode", "0", "0.0.1"});
+    EXPECT_NE(r.out.find("mode: 239\n"), std::string::npos) << r.out;
+    r = simtest::tavsim({"tw", d, "tw_get_unit_percentage_complete", "0", "0"});
+    EXPECT_NE(r.out.find("percent: 30\n"), std::string::npos) << r.out;
+    r = simtest::tavsim({"tw", d, "tw_get_drive_status", "0", "3"});
+    EXPECT_NE(r.out.find("status: 0\n"), std::string::npos) << r.out;
+    r = simtest::tavsim({"tw", d, "tw_get_last_event", "0"});
+    EXPECT_NE(r.out.find("aen_code: 9\nseverity: 2\ntext: drive gone\n"), std::string::npos) << r.out;
+    r = simtest::tavsim({"3ware", d});
+    EXPECT_NE(r.out.find(" code 9 severity 2 drive gone\n"), std::string::npos) << r.out;
+    EXPECT_EQ(simtest::tavsim({"3ware", d, "set", "unit5.mode=OK"}).status, 2);
+    EXPECT_EQ(simtest::tavsim({"3ware", d, "set", "event=0:2:x"}).status, 2);
+}
+
+TEST(TwEvents, TheQueueKeepsTheNewestWithRisingNumbers)
+{
+    sim::tw::Controller c;
+    for (int i = 0; i < 200; ++i) sim::tw::raiseEvent(c, 5000000u + uint64_t(i) * 1000000u, 20, 2, "x");
+    ASSERT_EQ(c.events.size(), sim::tw::kMaxEvents);
+    EXPECT_EQ(c.events.front().sequence, 200u - sim::tw::kMaxEvents + 1);
+    EXPECT_EQ(c.events.back().sequence, 200u);
+    EXPECT_EQ(c.events.back().time, 204u);
+}
+
+TEST(TwFirmware, DrivesComeAndGoByThePortTablesAndTheLastCopyStays)
+{
+    TempModule m(9, false);
+    ASSERT_EQ(makeTw(m, 9, "single"), "");
+    sim::SimPlatform p(m.dir());
+    auto write = [&](uint16_t table, uint16_t param) {
+        sim::tw::ParamRequest r;
+        r.family = 9000;
+        r.table = table;
+        r.parameter = param;
+        r.size = 1;
+        r.set = true;
+        r.value = {1};
+        std::vector<uint8_t> out;
+        uint16_t declared = 0;
+        return sim::tw::runParam(p.module(), 0, r, out, declared);
+    };
+    // Units 0 to 3 each hold one drive: none may go.
+    EXPECT_EQ(write(512 + 3, 6).code, sim::tw::kErrValue);
+    EXPECT_EQ(write(512 + 2, 7).code, sim::tw::kErrPort) << "the port holds its drive already";
+    EXPECT_EQ(write(512 + 9, 6).code, sim::tw::kErrPort) << "no such port";
+    EXPECT_NE(m.get("/sim/3ware/c0").find("port 3 drive=SIM"), std::string::npos);
+}

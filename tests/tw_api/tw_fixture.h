@@ -47,7 +47,7 @@ public:
         if (request == 0x1F) {
             std::memcpy(&length, b, 4);
             head = 1024;
-        } else if (request >= 262 && request <= 265) {
+        } else if (request >= 262 && request <= 269) {
             std::memcpy(&length, b + 20, 4);
             head = 1536;
         }
