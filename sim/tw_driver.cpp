@@ -13,6 +13,8 @@
 #include "module.h"
 #include "tw_firmware.h"
 #include "tw_state.h"
+#include "tw_ata.h"
+#include "tw_tasks.h"
 
 namespace sim::tw {
 namespace {
@@ -170,6 +172,18 @@ int TwDriver::call7000(DeviceContext& ctx, OpenNode& n, int index, unsigned long
     line += " " + std::string(opName(op));
     if (op != kOpGet && op != kOpSet && op != kOpPortscan && op != kOpDiagnostic) line += "=" + std::to_string(op);
     line += " unit=" + std::to_string(unit);
+    // Unit tasks, the ATA pass-through and the firmware download (tw_tasks.h, tw_ata.h).
+    if (isTaskOpcode(op)) {
+        const FwAnswer a = cmd[kCmdSize] != (op == kOpAtaPassThrough ? 7 : 4)
+                               ? fwError(kErrSize)
+                               : runTaskOpcode(module, index, op, unit, cmd + 8, data, length);
+        cmd[kCmdStatus] = a.status;
+        cmd[kCmdFlags] = 0;
+        logCall(module, line + " task=" + std::to_string(op) + " -> status " + std::to_string(a.status) +
+                            (a.ok() ? "" : " code " + std::to_string(a.code)) + "\n  in  " + in + "\n  out " +
+                            hex(cmd, 20) + " " + hex(data, std::min<size_t>(length, 32)));
+        return 0;
+    }
     FwAnswer answer;
     const uint8_t wantSize = op == kOpPortscan ? 3 : 4;
     int table = -1, parameter = -1;
@@ -353,7 +367,13 @@ int TwDriver::call9000(DeviceContext& ctx, OpenNode& n, int index, unsigned long
         const unsigned unit = buf[k9Unit];
         line += " " + std::string(opName(op)) + " unit=" + std::to_string(unit);
         uint16_t table = 0, parameter = 0, size = 0;
-        if (buf[k9HeaderDesc] != k9HeaderSize) answer = fwError(kErrHeader);
+        // Unit tasks and the ATA pass-through (tw_tasks.h, tw_ata.h): the
+        // registers in the cdb, the unit or port in the unit byte.
+        const bool task = isTaskOpcode(op) && op != kOpFirmwareDownload;
+        if (task) line += " task=" + std::to_string(op);
+        if (task && buf[k9HeaderDesc] == k9HeaderSize)
+            answer = runTaskOpcode(module, index, op, unit, buf + k9Byte0 + 8, data, length);
+        else if (buf[k9HeaderDesc] != k9HeaderSize) answer = fwError(kErrHeader);
         else if (op != kOpGet && op != kOpSet) answer = fwError(kErrOpcode);
         else if (le16(buf + k9SglEntries) != 1 || unit < kMinSglUnit || unit > kMaxSglUnit) answer = fwError(kErrSgl);
         else if (length < 8) answer = fwError(kErrParamSize);

@@ -63,6 +63,11 @@ private:
     int event_command(tw_id_type id, uint32_t control_code, tw_event_info_type* event);
     int param_command(tw_id_type id, bool set, int table, int parameter, int size, void* buffer, int bufferLength);
     int lock(tw_id_type id, uint32_t control_code, int tries);
+
+    // ---- Unit tasks and the ATA side (tw_api_tasks.cpp, tw_api_ata.cpp).
+protected:
+    int send_unit_task(tw_id_type unit_id, int unit, uint8_t action, uint32_t ports) override;
+    int send_ata(tw_id_type drive_id, uint8_t (&registers)[12], void* data, uint32_t length) override;
 };
 
 extern controller_9000 c9000;
