@@ -294,6 +294,7 @@ int TwDriver::call9000(DeviceContext& ctx, OpenNode& n, int index, unsigned long
         std::memcpy(data + 32, "3w-9xxx", 7);
         for (int i = 0; i < 4; ++i) put16(data + 48 + 2 * i, static_cast<uint16_t>(v[i]));
     } else if (event) {
+        twView(module).settle();  // what the clock brought first (tw_tasks.h)
         // The queue by sequence number: 4100 past either end, 4099 for a
         // number the queue no longer keeps (dropped as the oldest).
         const uint32_t from = le32(buf + k9Sequence);

@@ -14,6 +14,7 @@ namespace {
 
 std::string sinceKey(int unit) { return "task-since-" + std::to_string(unit); }
 std::string ontoKey(int unit) { return "task-onto-" + std::to_string(unit); }
+std::string waitKey(int unit) { return "task-wait-" + std::to_string(unit); }
 
 bool isTaskMode(const std::string& mode) { return mode == "INITIALIZING" || mode == "REBUILDING" || mode == "VERIFYING"; }
 bool redundant(const Unit& u) { return u.config == 5 || u.config == 6; }
@@ -138,6 +139,7 @@ void endTask(Controller& c, Unit& u)
 {
     c.values.erase(sinceKey(u.number));
     c.values.erase(ontoKey(u.number));
+    c.values.erase(waitKey(u.number));
 }
 
 void startTask(Controller& c, Unit& u, const std::string& mode, uint64_t at)
@@ -321,6 +323,50 @@ void settleBattery(Controller& c, uint64_t nowUs)
     }
 }
 
+// Task ends and automatic rebuild starts up to `nowUs`, in the order of
+// their times; each may bring the next. Units that begin to wait for a
+// rebuild count their wait from `since`, the time of the step that let
+// them (the settling's own time at first).
+void runClock(Controller& c, uint64_t since, uint64_t nowUs)
+{
+    uint64_t at = since;
+    for (int guard = 0; guard < 256; ++guard) {
+        for (Unit& u : c.units) {
+            const bool waits = waitsForRebuild(c, u);
+            if (waits && !c.values.count(waitKey(u.number))) c.setNum(waitKey(u.number), static_cast<int64_t>(at));
+            if (!waits) c.values.erase(waitKey(u.number));
+        }
+        Unit* first = nullptr;
+        uint64_t firstAt = 0;
+        bool start = false;
+        for (Unit& u : c.units) {
+            uint64_t t = 0;
+            bool isStart = false;
+            if (taskSince(c, u, t)) {
+                t = taskEnd(c, u, t);
+            } else if (c.values.count(waitKey(u.number))) {
+                t = static_cast<uint64_t>(std::max<int64_t>(0, c.num(waitKey(u.number)))) + kAutoRebuildDelayUs;
+                isStart = true;
+            } else {
+                continue;
+            }
+            if (t <= nowUs && (!first || t < firstAt)) {
+                first = &u;
+                firstAt = t;
+                start = isStart;
+            }
+        }
+        if (!first) return;
+        if (start) {
+            c.values.erase(waitKey(first->number));
+            startRebuildOnto(c, *first, spareFor(c, *first), firstAt);
+        } else {
+            finish(c, *first, firstAt);
+        }
+        at = firstAt;
+    }
+}
+
 } // namespace
 
 int livePercent(const Controller& c, const Unit& u, uint64_t nowUs)
@@ -341,7 +387,10 @@ bool tasksDue(const Controller& c, const Manifest& m, uint64_t nowUs)
         uint64_t since = 0;
         if (taskSince(c, u, since) && taskEnd(c, u, since) <= nowUs) return true;
         if (usable(u) && lost(u.tree, u.config)) return true;
-        if (waitsForRebuild(c, u)) return true;
+        const bool waits = waitsForRebuild(c, u);
+        if (waits != (c.values.count(waitKey(u.number)) > 0)) return true;
+        if (waits && static_cast<uint64_t>(std::max<int64_t>(0, c.num(waitKey(u.number)))) + kAutoRebuildDelayUs <= nowUs)
+            return true;
         if (u.mode == "REBUILDING") {
             const int onto = static_cast<int>(c.num(ontoKey(u.number), -1));
             if (onto >= 0 && (!c.port(onto) || c.port(onto)->drive.empty())) return true;
@@ -353,6 +402,8 @@ bool tasksDue(const Controller& c, const Manifest& m, uint64_t nowUs)
 bool settleTasks(Controller& c, const Manifest& m, uint64_t nowUs)
 {
     if (!tasksDue(c, m, nowUs)) return false;
+    // What ended before now, then what happens now.
+    runClock(c, nowUs, nowUs);
     // Drives pulled from their bays: noticed now.
     for (Port& p : c.ports) {
         if (!pulled(m, c, p)) continue;
@@ -373,7 +424,8 @@ bool settleTasks(Controller& c, const Manifest& m, uint64_t nowUs)
                 recompute(u.tree);
                 u.mode = "DEGRADED";
                 u.percent = 0;
-                raiseEvent(c, nowUs, kEventUnitDegraded, 2, unitText(u) + " degraded");
+                // A unit past its redundancy is reported unusable below instead.
+                if (!lost(u.tree, u.config)) raiseEvent(c, nowUs, kEventUnitDegraded, 2, unitText(u) + " degraded");
             }
         }
         leaveSpare(c, p.number);
@@ -394,26 +446,10 @@ bool settleTasks(Controller& c, const Manifest& m, uint64_t nowUs)
         if (usable(u) && lost(u.tree, u.config)) {
             endTask(c, u);
             u.mode = "INOPERABLE";
+            u.tree.mode = "INOPERABLE";
             raiseEvent(c, nowUs, kEventUnitUnusable, 1, unitText(u) + " is not usable");
         }
-    // Tasks ending, in the order of their ends; each end may start the next.
-    for (int guard = 0; guard < 64; ++guard) {
-        for (Unit& u : c.units)
-            if (waitsForRebuild(c, u)) startRebuildOnto(c, u, spareFor(c, u), nowUs);
-        Unit* first = nullptr;
-        uint64_t firstEnd = 0;
-        for (Unit& u : c.units) {
-            uint64_t since = 0;
-            if (!taskSince(c, u, since)) continue;
-            const uint64_t end = taskEnd(c, u, since);
-            if (end <= nowUs && (!first || end < firstEnd)) {
-                first = &u;
-                firstEnd = end;
-            }
-        }
-        if (!first) break;
-        finish(c, *first, firstEnd);
-    }
+    runClock(c, nowUs, nowUs);
     settleBattery(c, nowUs);
     return true;
 }

@@ -16,8 +16,9 @@
 //   7000 uses its one background rate for all. A rate changed during a task
 //   counts from its start (the base is not re-anchored).
 // - A redundant unit (configuration 5 or 6) that is degraded, with no task
-//   running, starts a rebuild by itself when a spare unit (13) holds a drive
-//   at least as large as its missing member: the unit and the spare unit
+//   running, starts a rebuild by itself kAutoRebuildDelayUs after a spare
+//   unit (13) holds a drive at least as large as its missing member (the
+//   wait is kept as "task-wait-N"): the unit and the spare unit
 //   both read REBUILDING (0xAF), the slot and every node above it too. At
 //   its end the spare's drive takes the slot, leaves the spare unit (which
 //   goes when it has no drive left), and every node reads OK.
@@ -70,6 +71,9 @@ constexpr uint16_t kEventBatteryOverdue = 83;
 constexpr uint16_t kEventCacheError = 37;
 constexpr uint16_t kEventCacheDataLost = 95;
 
+// The automatic rebuild starts this long after a unit began to wait for
+// one (degraded with a spare unit there): 10 virtual seconds.
+constexpr uint64_t kAutoRebuildDelayUs = 10ull * 1000000;
 // A rate step's speed, bytes a second.
 constexpr uint64_t kRateStepBytesPerSecond = 8ull << 20;
 // The battery is overdue for a test 30 virtual days after its last one.
