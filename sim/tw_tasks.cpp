@@ -369,8 +369,21 @@ void runClock(Controller& c, uint64_t since, uint64_t nowUs)
 
 } // namespace
 
+const Drive* driveOfPort(const Manifest& m, const Controller& c, int port)
+{
+    const Bay* b = bayOfPort(m, c, port);
+    return b ? m.driveInBay(b->number) : nullptr;
+}
+
 int livePercent(const Controller& c, const Unit& u, uint64_t nowUs)
 {
+    // A spare unit in a rebuild shows the rebuild's progress.
+    if (u.config == 13 && (u.mode == "REBUILDING" || u.mode == "REBUILD-PAUSED"))
+        for (const Unit& other : c.units) {
+            const int onto = static_cast<int>(c.num(ontoKey(other.number), -1));
+            if (&other != &u && onto >= 0 && std::find(u.ports.begin(), u.ports.end(), onto) != u.ports.end())
+                return livePercent(c, other, nowUs);
+        }
     uint64_t since = 0;
     if (!taskSince(c, u, since)) return u.percent;
     const int base = std::clamp(u.percent, 0, 100);

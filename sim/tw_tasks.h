@@ -50,6 +50,7 @@
 namespace sim {
 class Module;
 struct Manifest;
+struct Drive;
 namespace tw {
 
 // Event codes of the tasks (beside 20, 21 and 22 of tw_state.h; 37, 78, 80,
@@ -97,6 +98,9 @@ constexpr uint16_t kErrUnitState = 0x0020;    // "Unit state does not allow the 
 constexpr uint16_t kErrUnitConfig = 0x0021;   // "Unit configuration does not allow the task"
 constexpr uint16_t kErrDriveInUse = 0x0022;   // "Drive belongs to a unit"
 constexpr uint16_t kErrDriveSmall = 0x0023;   // "Drive too small"
+
+// The drive now in the bay of the controller's port, null none.
+const Drive* driveOfPort(const Manifest& m, const Controller& c, int port);
 
 // The percentage of the unit's running task now (its stored one otherwise).
 int livePercent(const Controller& c, const Unit& u, uint64_t nowUs);
