@@ -1,6 +1,8 @@
 // The simulated tw drivers fed call buffers of any bytes: the first byte
 // picks the family and the request, the rest is the buffer, made as long as
 // its declared data length asks (the drivers refuse more than their maximum).
+// One bit of the first byte turns the command into one of the tasks' and
+// the ATA side's opcodes, so that those are reached often.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -58,6 +60,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const size_t maxData = nine ? sim::tw::k9000MaxData : sim::tw::k7000MaxData;
     buf.resize(header + std::min<size_t>(declared, maxData), 0);
     if (size - 1 > header) std::memcpy(buf.data() + header, data + 1 + header, std::min(size - 1 - header, buf.size() - header));
+    // Bit 4 of the first byte steers the firmware command to the unit task,
+    // ATA pass-through or firmware download opcodes, by bits 5 and 6.
+    if (data[0] & 0x10) {
+        static const uint8_t opcodes[] = {0x18, 0x11, 0x1A, 0x18};
+        uint8_t& byte0 = buf[nine ? 512 + 128 : 512];
+        byte0 = static_cast<uint8_t>((byte0 & 0xE0) | opcodes[(data[0] >> 5) & 3]);
+    }
     Target& t = nine ? k9 : k7;
     plat::ScopedPlatform scope(*t.platform);
     plat::ioctl(t.fd, request, buf.data());

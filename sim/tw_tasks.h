@@ -53,24 +53,7 @@ struct Manifest;
 struct Drive;
 namespace tw {
 
-// Event codes of the tasks (beside 20, 21 and 22 of tw_state.h; 37, 78, 80,
-// 83 and 95 keep the meanings the battery and cache checks read).
-constexpr uint16_t kEventRebuildStarted = 41;
-constexpr uint16_t kEventRebuildEnded = 42;
-constexpr uint16_t kEventVerifyStarted = 43;
-constexpr uint16_t kEventVerifyEnded = 44;
-constexpr uint16_t kEventInitStarted = 45;
-constexpr uint16_t kEventInitEnded = 46;
-constexpr uint16_t kEventUnitUnusable = 47;
-constexpr uint16_t kEventRebuildPaused = 48;
-constexpr uint16_t kEventRebuildResumed = 49;
-constexpr uint16_t kEventVerifyStopped = 50;
-constexpr uint16_t kEventBatteryTestStarted = 51;
-constexpr uint16_t kEventBatteryTestPassed = 78;
-constexpr uint16_t kEventBatteryTestFailed = 80;
-constexpr uint16_t kEventBatteryOverdue = 83;
-constexpr uint16_t kEventCacheError = 37;
-constexpr uint16_t kEventCacheDataLost = 95;
+// The event codes the tasks raise are listed in tw_state.h.
 
 // The automatic rebuild starts this long after a unit began to wait for
 // one (degraded with a spare unit there): 10 virtual seconds.

@@ -265,6 +265,47 @@ TEST(TwTasks, ARebuildOntoAGivenDriveThenVerifies)
     EXPECT_EQ(codes, (std::vector<int>{41, 42, 43, 50, 43, 44}));
 }
 
+TEST(TwTasks, ASpareMadeLaterStartsTheRebuildAndAnInitialisationRunsOnTheClock)
+{
+    Module t(9, "raid5", 0);
+    const tw_id_type unit = unitId(0, 0);
+    ASSERT_EQ(tw_remove_drive(driveId(0, 2)), 0);
+    ASSERT_EQ(tw_add_drive(driveId(0, 2)), 0);
+    t.wait(100);
+    EXPECT_EQ(mode(unit), 0xEF);
+    // The controller makes a spare unit of the free drive, as its create
+    // command does.
+    t.edit(0, [&](sim::tw::Controller& c) {
+        sim::tw::Unit s;
+        s.number = 1;
+        s.config = 13;
+        s.ports = {2};
+        s.tree.port = 2;
+        s.capacity = simtest::kSectors;
+        c.units.push_back(s);
+    });
+    t.wait(5);
+    EXPECT_EQ(mode(unit), 0xEF) << "the rebuild waits its ten seconds";
+    t.wait(6);
+    EXPECT_EQ(mode(unit), 0xAF);
+    t.wait(200);
+    EXPECT_EQ(mode(unit), 0xFF);
+    EXPECT_EQ(members(unit), (std::vector<int>{0, 1, 2, 3}));
+
+    // A unit made initialising becomes healthy on the clock.
+    t.edit(0, [&](sim::tw::Controller& c) { sim::tw::startInitialisation(c, *c.unit(0), t.p.module().nowUs()); });
+    EXPECT_EQ(mode(unit), 0xF7);
+    int initialized = -1;
+    ASSERT_EQ(tw_unit_is_initialized(unit, &initialized), 0);
+    EXPECT_EQ(initialized, 0);
+    t.wait(85);
+    EXPECT_NEAR(percent(unit), 50, 2);
+    t.wait(100);
+    EXPECT_EQ(mode(unit), 0xFF);
+    const std::vector<int> codes = codesAfter(events(), 1);
+    EXPECT_EQ(std::vector<int>(codes.end() - 2, codes.end()), (std::vector<int>{45, 46}));
+}
+
 TEST(TwTasks, VerifyRefusedOnAUnitWithoutRedundancyAndTasksOnAMissingUnit)
 {
     twtest::TwModule t(9, "single");
