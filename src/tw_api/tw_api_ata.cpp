@@ -45,6 +45,7 @@ void get_registers(const uint8_t (&in)[twp::kAtaRegisters], tw_ata_registers_typ
 
 } // namespace
 
+// Takes no lock: a drive's ATA command changes no configuration.
 int controller_base::ata_passthrough(tw_id_type drive_id, tw_ata_registers_type* registers, unsigned char* data)
 {
     // The port holds a drive: any item of it tells.

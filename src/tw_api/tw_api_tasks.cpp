@@ -138,6 +138,8 @@ int controller_base::check_rebuild(tw_id_type unit_id, const tw_id_list_type* dr
     return 0;
 }
 
+// Starting, pausing and resuming a rebuild, and starting and stopping a
+// verify, hold the controller's write lock as other changes to units do.
 int controller_base::rebuild_unit(tw_id_type unit_id, const tw_id_list_type* drives)
 {
     uint32_t mask = 0;
