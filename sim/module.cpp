@@ -1,5 +1,6 @@
 #include "module.h"
 #include "tw_kernel.h"
+#include "tw_state.h"
 
 #include <atomic>
 #include <cerrno>
@@ -524,6 +525,8 @@ std::string Module::pull(int bay)
     if (err.empty()) {
         rereadPartitions(bay);
         discover(bay);
+        // A tw controller notices at once that a port's drive left (tw_tasks.h).
+        tw::twView(*this).settle();
     }
     return err;
 }

@@ -489,4 +489,33 @@ TEST(TwTasks, BatteryTestsAndTheOverdueAlarmRaiseTheirEvents)
     EXPECT_EQ(codesAfter(events(), before).size(), 5u) << "one alarm for each overdue test";
 }
 
+TEST(TwTasks, TavsimWaitMovesTheClockAndSetsSmart)
+{
+    simtest::TempModule m(9, false);
+    sim::CreateOptions o;
+    o.platform = 9;
+    o.sectors = simtest::kSectors;
+    o.units = "raid5";
+    o.spares = 1;
+    ASSERT_EQ(sim::createModule(m.dir(), o), "");
+    const std::string d = m.dir();
+    ASSERT_EQ(simtest::tavsim({"pull", d, "1"}).status, 0);
+    auto r = simtest::tavsim({"wait", d, "15"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("controller 0 unit 0: REBUILDING"), std::string::npos) << r.out;
+    r = simtest::tavsim({"wait", d, "400", "--json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("\"mode\": \"OK\""), std::string::npos) << r.out;
+    EXPECT_EQ(simtest::tavsim({"wait", d, "soon"}).status, 2);
+    EXPECT_EQ(simtest::tavsim({"wait", d}).status, 2);
+
+    EXPECT_EQ(simtest::tavsim({"3ware", d, "set", "port1.smart=exceeded"}).status, 0);
+    EXPECT_EQ(simtest::tavsim({"3ware", d, "set", "port1.smart=maybe"}).status, 2);
+    EXPECT_EQ(simtest::tavsim({"3ware", d, "set", "port0.smart=on"}).status, 2) << "bay 1 is empty";
+    r = simtest::tavsim({"tw", d, "tw_ata_passthrough", "0", "1", "218", "0", "0", "79", "194", "0", "176"});
+    EXPECT_NE(r.out.find("cylinder_low 244 cylinder_high 44"), std::string::npos) << r.out;
+    r = simtest::tavsim({"3ware", d});
+    EXPECT_NE(r.out.find("REAL-SERIAL"), std::string::npos);
+}
+
 } // namespace
