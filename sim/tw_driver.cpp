@@ -239,7 +239,7 @@ int TwDriver::call7000(DeviceContext& ctx, OpenNode& n, int index, unsigned long
             } else {
                 std::vector<uint8_t> out;
                 answer = runDiagnosticLog(module, index, static_cast<uint16_t>(std::min<uint32_t>(length, 0xffff)), out);
-                if (answer.ok()) std::memcpy(data, out.data(), std::min<size_t>(out.size(), length));
+                if (answer.ok() && !out.empty()) std::memcpy(data, out.data(), std::min<size_t>(out.size(), length));
             }
         }
     }

@@ -531,7 +531,8 @@ FwAnswer runDiagnosticLog(Module& module, int index, uint16_t size, std::vector<
     for (const Controller& c : twView(module).controllers())
         if (c.index == index) {
             const std::string text = c.get("diagnostic-log");
-            std::memcpy(out.data(), text.data(), std::min<size_t>(text.size(), size));
+            // A log asked with no room gets nothing (no copy of zero bytes to nowhere).
+            if (size && !text.empty()) std::memcpy(out.data(), text.data(), std::min<size_t>(text.size(), size));
             return FwAnswer{};
         }
     return fwError(kErrUnit);
