@@ -144,6 +144,7 @@ void endTask(Controller& c, Unit& u)
 
 void startTask(Controller& c, Unit& u, const std::string& mode, uint64_t at)
 {
+    endTask(c, u);  // nothing kept of an earlier task or unit of this number
     u.mode = mode;
     u.percent = 0;
     c.setNum(sinceKey(u.number), static_cast<int64_t>(at));
