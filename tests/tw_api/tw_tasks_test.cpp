@@ -237,6 +237,10 @@ TEST(TwTasks, ARebuildOntoAGivenDriveThenVerifies)
     EXPECT_EQ(apiCode(), 72u);
     ASSERT_EQ(tw_add_drive(driveId(0, 2)), 0);
     tw_id_list_type back = driveList({2});
+    t.edit(0, [](sim::tw::Controller& c) { c.port(2)->foundSectors /= 2; });
+    EXPECT_EQ(tw_rebuild_unit(unit, &back), -1);
+    EXPECT_EQ(apiCode(), 54u) << "a drive smaller than the members";
+    t.edit(0, [](sim::tw::Controller& c) { c.port(2)->foundSectors *= 2; });
     ASSERT_EQ(tw_rebuild_unit(unit, &back), 0);
     EXPECT_EQ(mode(unit), 0xAF);
     EXPECT_EQ(members(unit), (std::vector<int>{0, 1, 2, 3})) << "the drive holds its slot while it rebuilds";
