@@ -8,6 +8,7 @@
 #include "manifest.h"
 #include "module.h"
 #include "tw_ata.h"
+#include "tw_kernel.h"
 
 namespace sim::tw {
 namespace {
@@ -369,6 +370,14 @@ void runClock(Controller& c, uint64_t since, uint64_t nowUs)
 }
 
 } // namespace
+
+bool unitUsable(Module& module, int unitBay)
+{
+    const int host = (unitBay - kUnitBayBase) / 16, target = (unitBay - kUnitBayBase) % 16;
+    const Controller* c = twView(module).byHost(host);
+    const Unit* u = c ? c->unit(target) : nullptr;
+    return !u || u->mode != "INOPERABLE";
+}
 
 const Drive* driveOfPort(const Manifest& m, const Controller& c, int port)
 {

@@ -26,7 +26,8 @@
 //   resumed, it goes on from there.
 // - A unit that has lost more than its redundancy allows (a second member of
 //   a parity node, both halves of a mirror, any member of a stripe or single
-//   unit) becomes INOPERABLE once, with an event; no task runs on it.
+//   unit) becomes INOPERABLE once, with an event; no task runs on it, and
+//   reads and writes of its disk fail with EIO.
 // - A unit with auto-verify on starts a verify as soon as a rebuild or an
 //   initialisation of it ends.
 // - The controller notices at once a drive pulled from the bay of one of its
@@ -81,6 +82,10 @@ constexpr uint16_t kErrUnitState = 0x0020;    // "Unit state does not allow the 
 constexpr uint16_t kErrUnitConfig = 0x0021;   // "Unit configuration does not allow the task"
 constexpr uint16_t kErrDriveInUse = 0x0022;   // "Drive belongs to a unit"
 constexpr uint16_t kErrDriveSmall = 0x0023;   // "Drive too small"
+
+// Whether the disk of a unit bay (tw_kernel.h) answers: false while its
+// unit is not usable, so that its reads and writes fail with EIO.
+bool unitUsable(Module& module, int unitBay);
 
 // The drive now in the bay of the controller's port, null none.
 const Drive* driveOfPort(const Manifest& m, const Controller& c, int port);

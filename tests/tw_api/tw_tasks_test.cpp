@@ -2,7 +2,9 @@
 // families of simulated controllers.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <functional>
 
 #include "sim/tw_ata.h"
@@ -308,6 +310,24 @@ TEST(TwTasks, ASpareMadeLaterStartsTheRebuildAndAnInitialisationRunsOnTheClock)
     EXPECT_EQ(mode(unit), 0xFF);
     const std::vector<int> codes = codesAfter(events(), 1);
     EXPECT_EQ(std::vector<int>(codes.end() - 2, codes.end()), (std::vector<int>{45, 46}));
+}
+
+TEST(TwTasks, AParityUnitLosingTwoMembersIsUnusableAndItsDiskFails)
+{
+    Module t(9, "raid5", 0);
+    const int fd = plat::open("/dev/scsi/host0/bus0/target0/lun0/disc", O_RDONLY, 0);
+    ASSERT_GE(fd, 0);
+    char sector[512];
+    EXPECT_EQ(plat::pread(fd, sector, sizeof sector, 0), 512);
+    ASSERT_EQ(t.p.module().pull(1), "");
+    EXPECT_EQ(plat::pread(fd, sector, sizeof sector, 0), 512) << "degraded, still usable";
+    ASSERT_EQ(t.p.module().pull(2), "");
+    EXPECT_EQ(mode(unitId(0, 0)), 0x00);
+    errno = 0;
+    EXPECT_EQ(plat::pread(fd, sector, sizeof sector, 0), -1);
+    EXPECT_EQ(errno, EIO);
+    plat::close(fd);
+    EXPECT_EQ(codesAfter(events(), 1), (std::vector<int>{20, 22, 20, 47}));
 }
 
 TEST(TwTasks, VerifyRefusedOnAUnitWithoutRedundancyAndTasksOnAMissingUnit)
