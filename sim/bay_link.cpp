@@ -6,6 +6,8 @@
 #include "create.h"
 #include "dsp.h"
 #include "dsp_state.h"
+#include "tw_kernel.h"
+#include "tw_tasks.h"
 
 namespace sim {
 
@@ -101,6 +103,8 @@ bool bayFound(Module& module, int bay) { return at(view(module).found, bay); }
 
 bool bayAnswers(Module& module, int bay)
 {
+    // The disk of a tw unit answers while the unit is usable (tw_tasks.h).
+    if (bay >= tw::kUnitBayBase) return tw::unitUsable(module, bay);
     const BayLinkCache& c = current(module);
     return at(c.found, bay) && at(c.powered, bay);
 }

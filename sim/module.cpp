@@ -1,5 +1,6 @@
 #include "module.h"
 #include "tw_kernel.h"
+#include "tw_state.h"
 
 #include <atomic>
 #include <cerrno>
@@ -504,7 +505,7 @@ std::string Module::newDriveSerial(const Manifest& m, int hint)
     }
 }
 
-std::string Module::pull(int bay)
+std::string Module::pull(int bay, bool noticed)
 {
     std::string err;
     updateManifest([&](Manifest& m) {
@@ -524,6 +525,8 @@ std::string Module::pull(int bay)
     if (err.empty()) {
         rereadPartitions(bay);
         discover(bay);
+        // A tw controller notices at once that a port's drive left (tw_tasks.h).
+        if (noticed) tw::twView(*this).settle();
     }
     return err;
 }

@@ -64,6 +64,8 @@
 //   sim/3ware/ports/c0pN  the image of the drive on port N of a 9000 module
 //                      (its bays are ports; no system path leads there)
 //   sim/3ware/unitH_U.img the sparse image of a unit of several drives
+//   sim/3ware/ata      the SMART state of each drive by serial: "SERIAL
+//                      enabled=0|1 exceeded=0|1" (tw_ata.h)
 //   sim/3ware.log      every call of a tw driver: "TIME NODE REQUEST [OPERATION
 //                      unit=U table=T param=P size=S] -> RESULT", then the
 //                      bytes in and out on indented lines (tw_driver.h)
@@ -210,12 +212,16 @@
 // commands.log ("daemon 0 daemon NOCHDIR NOCLOSE").
 //
 // The tw controllers (tw_state.h, tw_driver.h, tw_firmware.h, tw_kernel.h,
-// tw_config.h) leave out, of real controllers and their drivers:
+// tw_config.h, tw_tasks.h, tw_ata.h) leave out, of real controllers and their drivers:
 // - The drivers' majors are fixed (254 "twe", 253 "twa"); a kernel gives
 //   them out at load. Nodes of the table answer by major whatever their path.
-// - A pulled, inserted or swapped drive changes the port's drive only; the
-//   controller notices nothing until a port scan, an add or a rescan reads
-//   the identity again, and no unit degrades or rebuilds on its own.
+// - A drive pulled from a port's bay is noticed at the controller's next
+//   command (or tavsim's next look), not by an interrupt; an inserted or
+//   swapped drive changes the port's bay only: the controller keeps the
+//   identity it read until a port scan, an add or a rescan reads it again.
+//   A unit degrades, rebuilds onto a spare and ends its tasks on the clock
+//   as tw_tasks.h writes down, in closed form: a task's data are never read
+//   or written, so a rebuild cannot meet a bad sector of another member.
 // - Units of several drives keep their data in an image of their own: the
 //   members' images are not striped and a member's data does not follow it.
 //   The kernel's disks of the units answer as block devices with partition
@@ -228,9 +234,15 @@
 //   image waits as sim/3ware/set_KEY.img until the unit is formed again.
 // - Unit commands are the model's own opcodes and records (tw_config.h):
 //   the system's calls are what is tested, not the real firmware's layout.
-// - The event queue is kept and shown, and no request reads it yet.
 // - A battery test ends when the firmware is next asked after its end, with
-//   the date of its end; an expired lock goes the same way.
+//   the date of its end and its event stamped then; an expired lock goes the
+//   same way. A test passes unless "battery-test-fails" is 1.
+// - The drives' ATA side (tw_ata.h) answers identify and SMART only: other
+//   ATA commands are aborted, the off-line test runs nothing, and the SMART
+//   attributes move only with the clock's power-on hours and the
+//   exceeded-threshold switch.
+// - A downloaded firmware image is kept as its size, chunk count and sum;
+//   the controller's version does not change.
 // - Commands run within the call that carries them: no controller is ever
 //   busy but through an EBUSY fault of the platform.
 //
@@ -367,7 +379,9 @@ public:
     std::shared_ptr<tw::TwView>& twCache() { return tw_; }
 
     // Drive handling; each gives "" or the reason it could not.
-    std::string pull(int bay);
+    // A tw controller notices a pull at once; `noticed` false leaves that to
+    // its next look, for a drive put back into the bay before it (tavsim replace).
+    std::string pull(int bay, bool noticed = true);
     std::string insert(int bay, const std::string& serial);  // serial "" makes a blank new drive
     std::string swap(int bayA, int bayB);
     // Writes `bytes` at `offset` of a device node (disk or partition), bounded by it.

@@ -222,7 +222,12 @@ const std::vector<Command> kCommands = {
      "commands that match, times=0 every one), driver (times=N,status=S: a 9000\n"
      "driver status) or answer (times=N,answer=unterminated|oversize|garbage).\n"
      "driver-loaded=0 unloads the driver, controller-found=0 leaves it without\n"
-     "its controller, compatibility=N changes the number the firmware gives.\n",
+     "its controller, compatibility=N changes the number the firmware gives.\n"
+     "portN.smart=on|off|exceeded|ok sets the SMART state of the drive now in\n"
+     "the port's bay (exceeded: a threshold is passed). The PERCENT of a unit\n"
+     "whose task runs is the one the clock has reached; REAL-SERIAL is the\n"
+     "serial of the drive now in the port's bay, which differs from\n"
+     "FOUND-SERIAL after a drive was swapped behind the controller's back.\n",
      runTw},
     {"tw", "DIR FUNCTION [ARGS...]", "call one function of the controller API against the module",
      "Calls one function of the controller API in this process, against the\n"
@@ -238,6 +243,15 @@ const std::vector<Command> kCommands = {
      "status 0 when the function gave 0, 1 when it gave -1, 2 for arguments it\n"
      "cannot take. The functions:\n@TWFUNCTIONS@\n",
      runTwCall},
+    {"wait", "DIR SECONDS [--json]", "move the virtual clock on; the tw controllers' tasks follow",
+     "Moves the module's virtual clock on by SECONDS (0 to 316,224,000) and lets\n"
+     "the tw controllers catch up: a drive pulled is noticed, a rebuild,\n"
+     "verify or initialisation moves on or ends, a degraded unit starts its\n"
+     "rebuild onto a spare 10 seconds after the spare is there, a battery test\n"
+     "ends. Prints the clock and each unit's mode and percentage; --json gives\n"
+     "{\"clock\", \"units\": [{\"controller\", \"unit\", \"config\", \"mode\",\n"
+     "\"percent\"}], \"events\"}.\n",
+     runWait},
     {"hp", "DIR [set LABEL=VALUE... | remove]", "the HP array controller of slot 0 as its tool shows it; set it",
      kHpHelp, runHp},
     {"console", "DIR [--debug LEVEL]", "host the module: the drive manager up, the chassis controller's link running",

@@ -117,6 +117,8 @@ int runFault(const Call& call);
 int runLog(const Call& call);
 int runTw(const Call& call);
 int runTwCall(const Call& call);
+// tavsim wait: the virtual clock moved on (tavsim_wait.cpp).
+int runWait(const Call& call);
 // The API functions tavsim tw calls, by name, blank-separated.
 std::string twFunctionNames();
 int runMd(const Call& call);

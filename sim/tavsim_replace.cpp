@@ -38,7 +38,8 @@ int runReplace(const Call& call)
             return refused(call, "drive " + cell(serial) + ": not on the shelf; " +
                                      (shelf.empty() ? "the shelf is empty" : "the shelf holds " + listed(shelf)));
     }
-    if (std::string err = module->pull(bay); !err.empty()) return refused(call, err);
+    // The controller must not see the bay empty in between.
+    if (std::string err = module->pull(bay, false); !err.empty()) return refused(call, err);
     if (std::string err = module->insert(bay, serial); !err.empty()) {
         // The old drive goes back: a replace is whole or not at all.
         module->insert(bay, old);

@@ -10,12 +10,21 @@
 #include "tavsim_cli.h"
 #include "tw_config.h"
 #include "tw_kernel.h"
+#include "tw_ata.h"
 #include "tw_state.h"
+#include "tw_tasks.h"
 
 namespace sim::cli {
 namespace {
 
-void printController(const tw::Controller& c, const std::vector<tw::KernelDisk>& disks)
+// The drive now in the port's bay (tw_tasks.h), "" none.
+std::string realSerial(const Manifest& m, const tw::Controller& c, int port)
+{
+    const Drive* d = tw::driveOfPort(m, c, port);
+    return d ? d->serial : "";
+}
+
+void printController(const tw::Controller& c, const std::vector<tw::KernelDisk>& disks, const Manifest& m, uint64_t nowUs)
 {
     std::cout << "controller " << c.index << ": family " << c.family << ", host " << c.host << ", driver "
               << c.driverName() << " (" << c.nodePrefix() << ", major " << c.major() << ")\n\n";
@@ -29,10 +38,11 @@ void printController(const tw::Controller& c, const std::vector<tw::KernelDisk>&
     }
     values.print(std::cout);
     std::cout << "\n";
-    Table ports({"PORT", "DRIVE", "STATUS", "FOUND-SERIAL", "FOUND-FIRMWARE", "FOUND-SECTORS", "FOUND-MODEL"});
+    Table ports({"PORT", "DRIVE", "STATUS", "FOUND-SERIAL", "FOUND-FIRMWARE", "FOUND-SECTORS", "FOUND-MODEL", "REAL-SERIAL"});
     for (const tw::Port& p : c.ports)
         ports.add({std::to_string(p.number), p.drive, p.drive.empty() ? "" : std::to_string(p.status), p.foundSerial,
-                   p.foundFirmware, p.foundSerial.empty() ? "" : std::to_string(p.foundSectors), p.foundModel});
+                   p.foundFirmware, p.foundSerial.empty() ? "" : std::to_string(p.foundSectors), p.foundModel,
+                   realSerial(m, c, p.number)});
     ports.print(std::cout);
     std::cout << "\n";
     Table units({"UNIT", "CONFIG", "MODE", "PORTS", "STRIPE", "CAPACITY", "RCACHE", "WCACHE", "ECC", "AUTOVERIFY",
@@ -45,7 +55,7 @@ void printController(const tw::Controller& c, const std::vector<tw::KernelDisk>&
             if (d.host == c.host && d.id == u.number) kernel = "sd" + std::string(1, static_cast<char>('a' + d.index % 26));
         units.add({std::to_string(u.number), std::to_string(u.config), u.mode, ports, std::to_string(u.stripe),
                    std::to_string(u.capacity), std::to_string(u.readCache), std::to_string(u.writeCache),
-                   std::to_string(u.ecc), std::to_string(u.autoVerify), std::to_string(u.percent), kernel,
+                   std::to_string(u.ecc), std::to_string(u.autoVerify), std::to_string(tw::livePercent(c, u, nowUs)), kernel,
                    tw::formatTree(u.tree)});
     }
     units.print(std::cout);
@@ -70,6 +80,21 @@ int applySet(const Call& call, Module& module, const std::string& word)
         key = key.substr(key.find('.') + 1);
     }
     std::string why;
+    // portN.smart=on|off|exceeded|ok: the drive's own state, not the controller's.
+    if (key.rfind("port", 0) == 0 && key.size() > 10 && key.substr(key.size() - 6) == ".smart") {
+        uint64_t port = 0;
+        const tw::Controller* c = nullptr;
+        for (const tw::Controller& each : tw::twView(module).controllers())
+            if (each.index == index) c = &each;
+        const Manifest m = module.manifest();
+        const Drive* d = c && parseNumber(key.substr(4, key.size() - 10), port) && port < 32
+                             ? tw::driveOfPort(m, *c, static_cast<int>(port))
+                             : nullptr;
+        if (!d) return badUsage(call, key + ": no such port, or no drive in its bay");
+        if (!tw::setSmart(module, d->serial, value)) return badUsage(call, key + "=" + cell(value) + ": on, off, exceeded or ok");
+        report("drive " + d->serial + " of port " + std::to_string(port) + ": SMART " + value);
+        return kDone;
+    }
     bool ok = tw::twView(module).update(index, [&](tw::Controller& c) {
         if (key == "fault") {
             // fault=firmware:times=N,status=S,... as the state file's line has it
@@ -188,7 +213,8 @@ int runTw(const Call& call)
     }
     tw::twView(*module).settle();
     const std::vector<tw::KernelDisk> disks = tw::kernelDisks(*module);
-    for (const tw::Controller& c : tw::twView(*module).controllers()) printController(c, disks);
+    const Manifest m = module->manifest();
+    for (const tw::Controller& c : tw::twView(*module).controllers()) printController(c, disks, m, module->nowUs());
     std::cout << "kernel:\n" << tw::procScsiText(*module);
     // The units the drives carry (tw_config.h), wherever the drives are.
     const std::map<std::string, tw::Carried> carried = tw::readCarried(*module);

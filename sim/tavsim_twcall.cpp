@@ -679,6 +679,74 @@ const std::map<std::string, Caller>& callers()
              for (int i = 0; i < drives.length && i < TW_MAX_CONTROLLERS; ++i) out += "\ndrive: " + idText(drives.list[i]);
              return rc;
          }},
+        // Unit tasks and the drives' ATA side.
+        {"tw_rebuild_unit",
+         [](const Args& a, std::string&, std::string& why) {
+             // CONTROLLER UNIT DRIVE...
+             int c = 0, u = 0;
+             tw_id_type unit;
+             tw_id_list_type drives;
+             std::memset(&drives, 0xff, sizeof drives);
+             drives.length = 0;
+             bool ok = a.size() >= 2 && a.size() <= 2 + 16 && number(a[0], c) && number(a[1], u) &&
+                       tw_create_unit_id(c, u, nullptr, 0, &unit) == 0;
+             for (size_t i = 2; ok && i < a.size(); ++i) {
+                 int d = 0;
+                 ok = number(a[i], d) && tw_create_drive_id(c, d, &drives.list[drives.length++]) == 0;
+             }
+             if (!ok) {
+                 why = "expected CONTROLLER UNIT [DRIVE...] (at most 16 drives)";
+                 return 0;
+             }
+             return tw_rebuild_unit(unit, &drives);
+         }},
+        {"tw_pause_rebuild_unit", idAction(unitId, tw_pause_rebuild_unit)},
+        {"tw_resume_rebuild_unit", idAction(unitId, tw_resume_rebuild_unit)},
+        {"tw_verify_unit", idAction(unitId, tw_verify_unit)},
+        {"tw_stop_verify_unit", idAction(unitId, tw_stop_verify_unit)},
+        {"tw_flush_unit_write_cache", idAction(unitId, tw_flush_unit_write_cache)},
+        {"tw_get_drive_ident_data",
+         [](const Args& a, std::string& out, std::string& why) {
+             tw_id_type id = driveId(a, why);
+             if (!why.empty()) return 0;
+             unsigned char data[TW_SECTOR_SIZE] = {};
+             int rc = tw_get_drive_ident_data(id, data);
+             out = "ident_data: " + hexText(data, sizeof data);
+             return rc;
+         }},
+        {"tw_get_drive_smart_data",
+         [](const Args& a, std::string& out, std::string& why) {
+             tw_id_type id = driveId(a, why);
+             if (!why.empty()) return 0;
+             unsigned char data[TW_SECTOR_SIZE] = {};
+             int rc = tw_get_drive_smart_data(id, data);
+             out = "smart_data: " + hexText(data, sizeof data);
+             return rc;
+         }},
+        {"tw_ata_passthrough",
+         [](const Args& a, std::string& out, std::string& why) {
+             // CONTROLLER DRIVE FEATURE COUNT SECTOR CYL_LOW CYL_HIGH DEVICE COMMAND [data]
+             int c = 0, d = 0, r[7] = {};
+             bool ok = (a.size() == 9 || (a.size() == 10 && a[9] == "data")) && number(a[0], c) && number(a[1], d);
+             for (int i = 0; ok && i < 7; ++i) ok = number(a[2 + static_cast<size_t>(i)], r[i]) && r[i] >= 0 && r[i] <= 255;
+             tw_id_type id;
+             if (!ok || tw_create_drive_id(c, d, &id) != 0) {
+                 why = "expected CONTROLLER DRIVE FEATURE COUNT SECTOR CYL_LOW CYL_HIGH DEVICE COMMAND [data] (registers 0 to 255)";
+                 return 0;
+             }
+             tw_ata_registers_type regs{static_cast<unsigned char>(r[0]), static_cast<unsigned char>(r[1]),
+                                        static_cast<unsigned char>(r[2]), static_cast<unsigned char>(r[3]),
+                                        static_cast<unsigned char>(r[4]), static_cast<unsigned char>(r[5]),
+                                        static_cast<unsigned char>(r[6])};
+             unsigned char data[TW_SECTOR_SIZE] = {};
+             int rc = tw_ata_passthrough(id, &regs, a.size() == 10 ? data : nullptr);
+             out = "registers: error " + std::to_string(regs.feature) + " count " + std::to_string(regs.count) +
+                   " sector " + std::to_string(regs.sector) + " cylinder_low " + std::to_string(regs.cylinder_low) +
+                   " cylinder_high " + std::to_string(regs.cylinder_high) + " device " + std::to_string(regs.device) +
+                   " status " + std::to_string(regs.command);
+             if (a.size() == 10) out += "\ndata: " + hexText(data, sizeof data);
+             return rc;
+         }},
     };
     return all;
 }

@@ -1,4 +1,5 @@
 #include "tw_config.h"
+#include "tw_tasks.h"
 
 #include <algorithm>
 #include <cctype>
@@ -21,16 +22,7 @@ namespace {
 constexpr const char* kCarriedState = "3ware/carried";
 constexpr int kMaxUnitNumbers = 16;
 
-FwAnswer refuse(uint16_t code)
-{
-    const char* text = code == kErrUnitConfig   ? "Invalid unit configuration"
-                       : code == kErrDriveInUse ? "Drive belongs to a unit"
-                       : code == kErrNoDrive    ? "No drive on port"
-                       : code == kErrNoUnitRoom ? "No free unit number"
-                       : code == kErrNotCarried ? "Drive carries no unit to form"
-                                                : fwErrorText(code);
-    return FwAnswer{static_cast<uint8_t>(code & 0xff), code, text};
-}
+FwAnswer refuse(uint16_t code) { return fwError(code); }
 
 std::string formatCarried(const std::map<std::string, Carried>& all)
 {
@@ -84,21 +76,6 @@ std::map<std::string, Carried> parseCarried(const std::string& text)
         if (ok && plainKey && k.key.size() <= 64 && !k.key.empty() && k.of >= 1 && k.of <= 16 && k.slot < k.of) out[percentDecode(serial)] = k;
     }
     return out;
-}
-
-// The drive in the bay of a port, as the controller would read it.
-const Drive* driveOfPort(const Manifest& m, const Controller& c, int port)
-{
-    for (const Bay& b : m.bays) {
-        unsigned host = 0, bus = 0, target = 0, lun = 0;
-        const bool here = c.family == 7000
-                              ? std::sscanf(b.device.c_str(), "/dev/scsi/host%u/bus%u/target%u/lun%u/", &host, &bus,
-                                            &target, &lun) == 4 &&
-                                    static_cast<int>(host) == c.host && static_cast<int>(target) == port
-                              : b.number == port + 1;
-        if (here) return m.driveInBay(b.number);
-    }
-    return nullptr;
 }
 
 bool memberOfAny(const Controller& c, int port)
@@ -535,12 +512,6 @@ const char* unitOpName(uint8_t opcode)
 }
 
 std::map<std::string, Carried> readCarried(Module& module) { return parseCarried(module.readState(kCarriedState)); }
-
-void startInitialisation(Controller&, Unit&, uint64_t)
-{
-    // Left as the mode and percent the command set: the task model of the
-    // virtual clock replaces this body.
-}
 
 FwAnswer runUnitCommand(Module& module, int index, uint8_t opcode, uint8_t* data, uint32_t length)
 {

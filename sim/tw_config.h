@@ -55,12 +55,7 @@ namespace sim {
 class Module;
 namespace tw {
 
-// Controller error codes of the unit commands.
-constexpr uint16_t kErrUnitConfig = 0x0020;  // "Invalid unit configuration"
-constexpr uint16_t kErrDriveInUse = 0x0021;  // "Drive belongs to a unit"
-constexpr uint16_t kErrNoDrive = 0x0022;     // "No drive on port"
-constexpr uint16_t kErrNoUnitRoom = 0x0023;  // "No free unit number"
-constexpr uint16_t kErrNotCarried = 0x0024;  // "Drive carries no unit to form"
+// The unit commands' controller error codes are the firmware's (tw_firmware.h).
 
 bool isUnitOpcode(uint8_t opcode);
 const char* unitOpName(uint8_t opcode);  // "opcode" for others
@@ -77,10 +72,8 @@ struct Carried {
 };
 std::map<std::string, Carried> readCarried(Module& module);
 
-// Starts a unit's initialisation on the virtual clock. The unit is already
-// INITIALIZING at percent 0; the clock's progress belongs to the task model,
-// which gives this its real body.
-void startInitialisation(Controller& c, Unit& u, uint64_t nowUs);
+// A new unit of configuration 5 or 6 starts initialising through
+// startInitialisation (tw_tasks.h), at percent 0.
 
 } // namespace tw
 } // namespace sim

@@ -14,6 +14,8 @@
 #include "tw_config.h"
 #include "tw_firmware.h"
 #include "tw_state.h"
+#include "tw_ata.h"
+#include "tw_tasks.h"
 
 namespace sim::tw {
 namespace {
@@ -172,6 +174,18 @@ int TwDriver::call7000(DeviceContext& ctx, OpenNode& n, int index, unsigned long
     if (op != kOpGet && op != kOpSet && op != kOpPortscan && op != kOpDiagnostic && !isUnitOpcode(op))
         line += "=" + std::to_string(op);
     line += " unit=" + std::to_string(unit);
+    // Unit tasks, the ATA pass-through and the firmware download (tw_tasks.h, tw_ata.h).
+    if (isTaskOpcode(op)) {
+        const FwAnswer a = cmd[kCmdSize] != (op == kOpAtaPassThrough ? 7 : 4)
+                               ? fwError(kErrSize)
+                               : runTaskOpcode(module, index, op, unit, cmd + 8, data, length);
+        cmd[kCmdStatus] = a.status;
+        cmd[kCmdFlags] = 0;
+        logCall(module, line + " task=" + std::to_string(op) + " -> status " + std::to_string(a.status) +
+                            (a.ok() ? "" : " code " + std::to_string(a.code)) + "\n  in  " + in + "\n  out " +
+                            hex(cmd, 20) + " " + hex(data, std::min<size_t>(length, 32)));
+        return 0;
+    }
     FwAnswer answer;
     const uint8_t wantSize = op == kOpPortscan ? 3 : 4;
     int table = -1, parameter = -1;
@@ -230,7 +244,7 @@ int TwDriver::call7000(DeviceContext& ctx, OpenNode& n, int index, unsigned long
             } else {
                 std::vector<uint8_t> out;
                 answer = runDiagnosticLog(module, index, static_cast<uint16_t>(std::min<uint32_t>(length, 0xffff)), out);
-                if (answer.ok()) std::memcpy(data, out.data(), std::min<size_t>(out.size(), length));
+                if (answer.ok() && !out.empty()) std::memcpy(data, out.data(), std::min<size_t>(out.size(), length));
             }
         }
     }
@@ -285,6 +299,7 @@ int TwDriver::call9000(DeviceContext& ctx, OpenNode& n, int index, unsigned long
         std::memcpy(data + 32, "3w-9xxx", 7);
         for (int i = 0; i < 4; ++i) put16(data + 48 + 2 * i, static_cast<uint16_t>(v[i]));
     } else if (event) {
+        twView(module).settle();  // what the clock brought first (tw_tasks.h)
         // The queue by sequence number: 4100 past either end, 4099 for a
         // number the queue no longer keeps (dropped as the oldest).
         const uint32_t from = le32(buf + k9Sequence);
@@ -358,7 +373,13 @@ int TwDriver::call9000(DeviceContext& ctx, OpenNode& n, int index, unsigned long
         const unsigned unit = buf[k9Unit];
         line += " " + std::string(opName(op)) + " unit=" + std::to_string(unit);
         uint16_t table = 0, parameter = 0, size = 0;
-        if (buf[k9HeaderDesc] != k9HeaderSize) answer = fwError(kErrHeader);
+        // Unit tasks and the ATA pass-through (tw_tasks.h, tw_ata.h): the
+        // registers in the cdb, the unit or port in the unit byte.
+        const bool task = isTaskOpcode(op) && op != kOpFirmwareDownload;
+        if (task) line += " task=" + std::to_string(op);
+        if (task && buf[k9HeaderDesc] == k9HeaderSize)
+            answer = runTaskOpcode(module, index, op, unit, buf + k9Byte0 + 8, data, length);
+        else if (buf[k9HeaderDesc] != k9HeaderSize) answer = fwError(kErrHeader);
         else if (op != kOpGet && op != kOpSet && !isUnitOpcode(op)) answer = fwError(kErrOpcode);
         else if (le16(buf + k9SglEntries) != 1 || unit < kMinSglUnit || unit > kMaxSglUnit) answer = fwError(kErrSgl);
         else if (isUnitOpcode(op)) {

@@ -7,6 +7,7 @@
 
 #include "manifest.h"
 #include "module.h"
+#include "tw_tasks.h"
 #include "src/tw_api/tw_api_private.h"
 
 namespace sim::tw {
@@ -220,8 +221,9 @@ uint8_t policyBits(const Unit& u)
 // unit's configuration; a member slot is a single drive (11) with the
 // capacity its drive had when the controller found it; the percentage of
 // the unit's task shows on every node whose mode has one.
-void unitTree(const Controller& c, const Unit& u, std::vector<uint8_t>& out)
+void unitTree(const Controller& c, const Unit& u, std::vector<uint8_t>& out, uint64_t nowUs)
 {
+    const int percent = livePercent(c, u, nowUs);  // a running task's, on the clock (tw_tasks.h)
     const size_t room = (out.size() - twp::kUnitHeadSize) / sizeof(TAG_TW_Unit_Node);
     size_t count = 0;
     const uint8_t policy = policyBits(u);
@@ -231,7 +233,7 @@ void unitTree(const Controller& c, const Unit& u, std::vector<uint8_t>& out)
         const bool leaf = t.children.empty();
         n.configuration = static_cast<uint8_t>(depth == 1 ? u.config : leaf ? 11 : u.config == 6 ? 6 : u.config);
         n.mode = modeByte(t.mode);
-        n.percent = twp::modeHasPercent(n.mode) ? static_cast<uint8_t>(std::clamp(u.percent, 0, 100)) : 100;
+        n.percent = twp::modeHasPercent(n.mode) ? static_cast<uint8_t>(std::clamp(percent, 0, 100)) : 100;
         n.stripe = static_cast<uint8_t>(u.stripe);
         n.children = static_cast<uint8_t>(std::min<size_t>(t.children.size(), 255));
         n.drive = leaf && t.port >= 0 && t.port < 255 ? static_cast<uint8_t>(t.port) : twp::kNoDrive;
@@ -319,6 +321,14 @@ const char* fwErrorText(uint16_t code)
     case kErrHeader: return "Invalid command header";
     case kErrSgl: return "Invalid scatter list";
     case kErrTableFlag: return "Table number lacks its flag";
+    case kErrUnitConfig: return "Invalid unit configuration";
+    case kErrDriveInUse: return "Drive belongs to a unit";
+    case kErrNoDrive: return "No drive on port";
+    case kErrNoUnitRoom: return "No free unit number";
+    case kErrNotCarried: return "Drive carries no unit to form";
+    case kErrUnitState: return "Unit state does not allow the task";
+    case kErrTaskConfig: return "Unit configuration does not allow the task";
+    case kErrDriveSmall: return "Drive too small";
     default: return "Firmware error";
     }
 }
@@ -420,6 +430,7 @@ FwAnswer runParam(Module& module, int index, const ParamRequest& r, std::vector<
             else if (k->item == Item::BbuTestBattery) {
                 s.setNum("test-in-progress", 1);
                 s.setNum("test-ends", static_cast<int64_t>(now + static_cast<uint64_t>(s.num("test-seconds", 3600)) * 1000000));
+                raiseEvent(s, now, kEventBatteryTestStarted, 3, "battery test started");
             } else if (k->item == Item::BbuInitializeBattery) {
                 s.setNum("charge-in-progress", 1);
             } else {
@@ -482,7 +493,7 @@ FwAnswer runParam(Module& module, int index, const ParamRequest& r, std::vector<
             if (static_cast<size_t>(u.number) < out.size()) out[static_cast<size_t>(u.number)] = unitStatus(u);
         break;
     case Kind::UnitPolicy: out[0] = policyBits(*c->unit(static_cast<int>(unit))); break;
-    case Kind::UnitTree: unitTree(*c, *c->unit(static_cast<int>(unit)), out); break;
+    case Kind::UnitTree: unitTree(*c, *c->unit(static_cast<int>(unit)), out, module.nowUs()); break;
     case Kind::DriveList:
         for (const Port& q : c->ports)
             if (q.number >= 0 && static_cast<size_t>(q.number) < out.size() && !q.drive.empty())
@@ -528,7 +539,8 @@ FwAnswer runDiagnosticLog(Module& module, int index, uint16_t size, std::vector<
     for (const Controller& c : twView(module).controllers())
         if (c.index == index) {
             const std::string text = c.get("diagnostic-log");
-            std::memcpy(out.data(), text.data(), std::min<size_t>(text.size(), size));
+            // A log asked with no room gets nothing (no copy of zero bytes to nowhere).
+            if (size && !text.empty()) std::memcpy(out.data(), text.data(), std::min<size_t>(text.size(), size));
             return FwAnswer{};
         }
     return fwError(kErrUnit);

@@ -33,6 +33,15 @@ constexpr uint16_t kErrNoBattery = 0x000A;   // "No battery backup unit"
 constexpr uint16_t kErrHeader = 0x000B;      // "Invalid command header"
 constexpr uint16_t kErrSgl = 0x000C;         // "Invalid scatter list"
 constexpr uint16_t kErrTableFlag = 0x000D;   // "Table number lacks its flag"
+// The unit commands' (tw_config.h) and the tasks' (tw_tasks.h).
+constexpr uint16_t kErrUnitConfig = 0x0020;  // "Invalid unit configuration"
+constexpr uint16_t kErrDriveInUse = 0x0021;  // "Drive belongs to a unit"
+constexpr uint16_t kErrNoDrive = 0x0022;     // "No drive on port"
+constexpr uint16_t kErrNoUnitRoom = 0x0023;  // "No free unit number"
+constexpr uint16_t kErrNotCarried = 0x0024;  // "Drive carries no unit to form"
+constexpr uint16_t kErrUnitState = 0x0025;   // "Unit state does not allow the task"
+constexpr uint16_t kErrTaskConfig = 0x0026;  // "Unit configuration does not allow the task"
+constexpr uint16_t kErrDriveSmall = 0x0027;  // "Drive too small"
 
 struct FwAnswer {
     uint8_t status = 0;

@@ -9,6 +9,7 @@
 
 #include "manifest.h"
 #include "module.h"
+#include "tw_tasks.h"
 
 namespace sim::tw {
 namespace {
@@ -443,6 +444,8 @@ bool TwView::update(int index, const std::function<bool(Controller&)>& change)
         if (text.empty()) return false;
         Controller c = parseController(text, index);
         if (!change(c)) return false;
+        // What the change set going on the clock starts at once (tw_tasks.h).
+        settleTasks(c, module_.manifest(), module_.nowUs());
         text = formatController(c);
         return true;
     });
@@ -458,10 +461,13 @@ void TwView::settle()
     for (const Controller& c : controllers_) {
         bool testDone = c.num("test-in-progress") == 1 && static_cast<uint64_t>(c.num("test-ends")) <= now;
         bool lockGone = !c.lockHolder.empty() && c.lockExpires <= now;
-        if (testDone || lockGone) due.push_back(c.index);
+        // Tasks on the clock, pulls noticed, battery events (tw_tasks.h).
+        const bool tasks = tasksDue(c, module_.manifest(), now);
+        if (testDone || lockGone || tasks) due.push_back(c.index);
     }
     for (int index : due)
         update(index, [&](Controller& c) {
+            settleTasks(c, module_.manifest(), now);
             if (c.num("test-in-progress") == 1 && static_cast<uint64_t>(c.num("test-ends")) <= now) {
                 const int64_t ended = c.num("test-ends");
                 c.setNum("test-in-progress", 0);

@@ -191,6 +191,25 @@ constexpr size_t kMaxEvents = 128;
 constexpr uint16_t kEventDriveRemoved = 20;
 constexpr uint16_t kEventDriveFound = 21;
 constexpr uint16_t kEventUnitDegraded = 22;
+// Codes of the tasks on the clock and the battery (tw_tasks.h); the five
+// the checks read keep their meanings: 37 and 95 cache errors (raised only
+// through tavsim), 78 a battery test passed, 80 one failed, 83 a test overdue.
+constexpr uint16_t kEventRebuildStarted = 41;
+constexpr uint16_t kEventRebuildEnded = 42;
+constexpr uint16_t kEventVerifyStarted = 43;
+constexpr uint16_t kEventVerifyEnded = 44;
+constexpr uint16_t kEventInitStarted = 45;
+constexpr uint16_t kEventInitEnded = 46;
+constexpr uint16_t kEventUnitUnusable = 47;
+constexpr uint16_t kEventRebuildPaused = 48;
+constexpr uint16_t kEventRebuildResumed = 49;
+constexpr uint16_t kEventVerifyStopped = 50;
+constexpr uint16_t kEventBatteryTestStarted = 51;
+constexpr uint16_t kEventCacheError = 37;
+constexpr uint16_t kEventBatteryTestPassed = 78;
+constexpr uint16_t kEventBatteryTestFailed = 80;
+constexpr uint16_t kEventBatteryOverdue = 83;
+constexpr uint16_t kEventCacheDataLost = 95;
 void raiseEvent(Controller& c, uint64_t nowUs, uint16_t code, uint8_t severity, const std::string& text);
 
 // "15-Mar-2006" of a time in seconds since the epoch (UTC).

@@ -963,3 +963,38 @@ int tw_unit_is_initialized(tw_id_type unit_id, int* initialized)
 int tw_remove_drive(tw_id_type drive_id) { return controller.remove_drive(drive_id); }
 
 int tw_add_drive(tw_id_type port_id) { return controller.add_drive(port_id); }
+
+// Unit tasks and the drives' ATA side.
+
+int tw_rebuild_unit(tw_id_type unit_id, const tw_id_list_type* drive_id_list)
+{
+    return controller.rebuild_unit(unit_id, drive_id_list);
+}
+
+int tw_pause_rebuild_unit(tw_id_type unit_id) { return controller.pause_rebuild_unit(unit_id); }
+
+int tw_resume_rebuild_unit(tw_id_type unit_id) { return controller.resume_rebuild_unit(unit_id); }
+
+int tw_verify_unit(tw_id_type unit_id) { return controller.verify_unit(unit_id); }
+
+int tw_stop_verify_unit(tw_id_type unit_id) { return controller.stop_verify_unit(unit_id); }
+
+int tw_flush_unit_write_cache(tw_id_type unit_id) { return controller.flush_unit_write_cache(unit_id); }
+
+int tw_ata_passthrough(tw_id_type drive_id, tw_ata_registers_type* registers, unsigned char* data)
+{
+    if (!registers) return null_argument();
+    return controller.ata_passthrough(drive_id, registers, data);
+}
+
+int tw_get_drive_ident_data(tw_id_type drive_id, unsigned char data[TW_SECTOR_SIZE])
+{
+    if (!data) return null_argument();
+    return controller.get_drive_ident_data(drive_id, data);
+}
+
+int tw_get_drive_smart_data(tw_id_type drive_id, unsigned char data[TW_SECTOR_SIZE])
+{
+    if (!data) return null_argument();
+    return controller.get_drive_smart_data(drive_id, data);
+}

@@ -339,6 +339,42 @@ int tw_split_mirror(tw_id_type unit_id, int notify_os, tw_id_list_type* unit_id_
 int tw_rescan_controller(tw_id_type controller_id, int notify_os, tw_id_list_type* unit_id_list,
                          tw_id_list_type* drive_id_list);
 
+/* ------------------------------------------ unit tasks and the drives' ATA side */
+/* A rebuild of a degraded redundant unit of depth 1 onto free drives (or
+ * drives of a spare unit), one for each missing member at most; pause and
+ * resume move it between 0xAF and 0xDF. A verify runs on a healthy
+ * redundant unit. The progress moves with the controller's clock at the
+ * background rates. */
+int tw_rebuild_unit(tw_id_type unit_id, const tw_id_list_type* drive_id_list);
+int tw_pause_rebuild_unit(tw_id_type unit_id);
+int tw_resume_rebuild_unit(tw_id_type unit_id);
+int tw_verify_unit(tw_id_type unit_id);
+int tw_stop_verify_unit(tw_id_type unit_id);
+int tw_flush_unit_write_cache(tw_id_type unit_id);
+
+/* The task file of an ATA command passed through to a drive, in and out:
+ * out, `feature` holds the error register and `command` the status. */
+typedef struct tw_ata_registers_tag {
+    unsigned char feature;
+    unsigned char count;
+    unsigned char sector;
+    unsigned char cylinder_low;
+    unsigned char cylinder_high;
+    unsigned char device;
+    unsigned char command;
+} tw_ata_registers_type;
+
+#define TW_SECTOR_SIZE 512
+
+/* The command goes to the drive now in the port; `data` takes one sector,
+ * or is NULL for a command without data. An ATA error is the caller's to
+ * read in the registers. */
+int tw_ata_passthrough(tw_id_type drive_id, tw_ata_registers_type* registers, unsigned char* data);
+/* The drive's identify sector and its SMART attribute page, from the drive
+ * now in the port (a drive swapped behind the controller answers). */
+int tw_get_drive_ident_data(tw_id_type drive_id, unsigned char data[TW_SECTOR_SIZE]);
+int tw_get_drive_smart_data(tw_id_type drive_id, unsigned char data[TW_SECTOR_SIZE]);
+
 #ifdef __cplusplus
 }
 
@@ -373,6 +409,7 @@ static_assert(offsetof(tw_day_schedule_type, selftest) == 0);
 static_assert(offsetof(tw_day_schedule_type, rebuild) == 2);
 static_assert(offsetof(tw_day_schedule_type, verify) == 6);
 static_assert(sizeof(tw_task_schedule_type) == 70);
+static_assert(sizeof(tw_ata_registers_type) == 7);
 #endif
 
 #endif /* TW_API_TW_API_H */

@@ -604,3 +604,50 @@ int cil::add_drive(tw_id_type id)
 {
     return dispatch(id, TW_ID_KIND_DRIVE, [&](controller_base& c) { return c.add_drive(id); });
 }
+
+// Unit tasks and the drives' ATA side.
+
+int cil::rebuild_unit(tw_id_type id, const tw_id_list_type* drive_id_list)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.rebuild_unit(id, drive_id_list); });
+}
+
+int cil::pause_rebuild_unit(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.pause_rebuild_unit(id); });
+}
+
+int cil::resume_rebuild_unit(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.resume_rebuild_unit(id); });
+}
+
+int cil::verify_unit(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.verify_unit(id); });
+}
+
+int cil::stop_verify_unit(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.stop_verify_unit(id); });
+}
+
+int cil::flush_unit_write_cache(tw_id_type id)
+{
+    return dispatch(id, TW_ID_KIND_UNIT, [&](controller_base& c) { return c.flush_unit_write_cache(id); });
+}
+
+int cil::ata_passthrough(tw_id_type id, tw_ata_registers_type* registers, unsigned char* data)
+{
+    return dispatch(id, TW_ID_KIND_DRIVE, [&](controller_base& c) { return c.ata_passthrough(id, registers, data); });
+}
+
+int cil::get_drive_ident_data(tw_id_type id, unsigned char* data)
+{
+    return dispatch(id, TW_ID_KIND_DRIVE, [&](controller_base& c) { return c.get_drive_ident_data(id, data); });
+}
+
+int cil::get_drive_smart_data(tw_id_type id, unsigned char* data)
+{
+    return dispatch(id, TW_ID_KIND_DRIVE, [&](controller_base& c) { return c.get_drive_smart_data(id, data); });
+}

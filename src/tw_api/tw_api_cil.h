@@ -139,6 +139,17 @@ public:
     int split_mirror(tw_id_type unit_id, int notify, tw_id_list_type* units);
     int migrate_unit(tw_id_type unit_id, const tw_id_list_type* drives, int configuration, int stripe);
     int rescan_controller(tw_id_type id, int notify, tw_id_list_type* units, tw_id_list_type* drives);
+
+    // Unit tasks and the drives' ATA side (tw_api_tasks.cpp, tw_api_ata.cpp).
+    int rebuild_unit(tw_id_type id, const tw_id_list_type* drive_id_list);
+    int pause_rebuild_unit(tw_id_type id);
+    int resume_rebuild_unit(tw_id_type id);
+    int verify_unit(tw_id_type id);
+    int stop_verify_unit(tw_id_type id);
+    int flush_unit_write_cache(tw_id_type id);
+    int ata_passthrough(tw_id_type id, tw_ata_registers_type* registers, unsigned char* data);
+    int get_drive_ident_data(tw_id_type id, unsigned char* data);
+    int get_drive_smart_data(tw_id_type id, unsigned char* data);
 };
 
 extern cil controller;

@@ -87,6 +87,22 @@ protected:
     int send_import(tw_id_type id, TAG_TW_Unit_Config& record) override;
     // One drive: the unit its configuration names, formed from every drive of it.
     int max_import_drives() override { return 1; }
+
+    // ---- Unit tasks and the ATA side (tw_api_tasks.cpp, tw_api_ata.cpp).
+public:
+    // Starts the rebuild of unit `unit` onto the drives replaced into it.
+    int ioctl_rebuild_unit(tw_id_type id, int unit);
+    // The drive of port `port` takes the unit's first missing member slot.
+    int ioctl_replace_drive(tw_id_type id, int unit, int port);
+    // Sends a firmware image in chunks of twp::kFirmwareChunkSize7000; the
+    // controller takes it when the last chunk came.
+    int firmware_download(tw_id_type id, const unsigned char* image, uint32_t size);
+    // Each drive replaced into the unit, then the rebuild.
+    int rebuild_unit(tw_id_type unit_id, const tw_id_list_type* drives) override;
+
+protected:
+    int send_unit_task(tw_id_type unit_id, int unit, uint8_t action, uint32_t ports) override;
+    int send_ata(tw_id_type drive_id, uint8_t (&registers)[12], void* data, uint32_t length) override;
 };
 
 extern controller_7000 c7000;

@@ -73,6 +73,11 @@ public:
 
 protected:
     int unit_command(tw_id_type id, uint8_t opcode, void* record, uint32_t length) override;
+
+    // ---- Unit tasks and the ATA side (tw_api_tasks.cpp, tw_api_ata.cpp).
+protected:
+    int send_unit_task(tw_id_type unit_id, int unit, uint8_t action, uint32_t ports) override;
+    int send_ata(tw_id_type drive_id, uint8_t (&registers)[12], void* data, uint32_t length) override;
 };
 
 extern controller_9000 c9000;

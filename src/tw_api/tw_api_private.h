@@ -975,4 +975,62 @@ protected:
     // Sends a create, tells the kernel when asked.
     int make_unit(tw_id_type controller_id, uint8_t opcode, TAG_TW_Unit_Config& record, int notify, tw_id_type* unit_id);
     int delete_unit(tw_id_type unit_id, int notify, bool keep, uint32_t no_unit_code);
+
+    // ---- Unit tasks and the drives' ATA side (tw_api_tasks.cpp, tw_api_ata.cpp).
+public:
+    // Checked here with their API codes before any command goes out; the
+    // firmware refuses what still breaks its rules.
+    virtual int rebuild_unit(tw_id_type unit_id, const tw_id_list_type* drives);
+    int pause_rebuild_unit(tw_id_type unit_id);
+    int resume_rebuild_unit(tw_id_type unit_id);
+    int verify_unit(tw_id_type unit_id);
+    int stop_verify_unit(tw_id_type unit_id);
+    int flush_unit_write_cache(tw_id_type unit_id);
+    // The 12 register bytes of the pass-through: see twp::kAta...
+    int ata_passthrough(tw_id_type drive_id, tw_ata_registers_type* registers, unsigned char* data);
+    int get_drive_ident_data(tw_id_type drive_id, unsigned char* data);
+    int get_drive_smart_data(tw_id_type drive_id, unsigned char* data);
+
+protected:
+    // One unit task command of the family (twp::TaskAction) with a port mask.
+    virtual int send_unit_task(tw_id_type unit_id, int unit, uint8_t action, uint32_t ports) = 0;
+    // The ATA pass-through to the drive's port: 12 register bytes in and
+    // out, `length` bytes of data (0 or 512).
+    virtual int send_ata(tw_id_type drive_id, uint8_t (&registers)[12], void* data, uint32_t length) = 0;
+    // The unit of depth 1 checked for a task: its tree and root node.
+    int task_unit(tw_id_type unit_id, unit_tree& tree, int* root);
+    // The checks of a rebuild; the drives' ports as a mask.
+    int check_rebuild(tw_id_type unit_id, const tw_id_list_type* drives, uint32_t* ports);
 };
+
+// ---- Unit tasks and the ATA pass-through: the command layouts.
+namespace twp {
+// The unit task command (both families): the action in the first byte of
+// the command's own data (the 7000's byte 8, the 9000's cdb), a port mask
+// in bytes 4 to 7; the unit in the 7000's unit bits or the 9000's unit byte.
+constexpr uint8_t kOpUnitTask = 0x18;
+constexpr uint8_t kSizeUnitTask = 4;
+enum class TaskAction : uint8_t { Rebuild = 1, Pause = 2, Resume = 3, Verify = 4, StopVerify = 5, Flush = 6, Replace = 7 };
+// The ATA pass-through: opcode 0x11 with a scatter list offset of 5; the
+// task file as 16-bit registers from byte 8 of the 7000's command (the
+// 9000's cdb): feature, count, sector, cylinder low, cylinder high, then
+// the device byte and the command byte. The 7000 also sets flags 1 and
+// byte 6 to 13, and its size is 7 words.
+constexpr uint8_t kOpAtaPassThrough = 0x11;
+constexpr uint8_t kSglOffsetAta = 5;
+constexpr uint8_t kSizeAta = 7;
+constexpr uint8_t kAtaByte6 = 13;
+static_assert(byte0Of(kOpAtaPassThrough, kSglOffsetAta) == 0xB1);
+constexpr size_t kAtaRegisters = 12;
+constexpr uint8_t kAtaIdentify = 0xEC;
+constexpr uint8_t kAtaSmart = 0xB0;
+constexpr uint8_t kSmartReadData = 0xD0;
+constexpr uint8_t kSmartCylinderLow = 0x4F;
+constexpr uint8_t kSmartCylinderHigh = 0xC2;
+constexpr uint8_t kAtaStatusError = 0x01;  // the status register's error bit
+constexpr uint32_t kSectorSize = 512;
+// The 7000's firmware download: chunk number and count (16 bits each) and
+// the image's size (32 bits) in the command's own data, the chunk as data.
+constexpr uint8_t kOpFirmwareDownload = 0x1A;
+constexpr uint32_t kFirmwareChunkSize7000 = 1024;
+}  // namespace twp

@@ -47,3 +47,41 @@ TEST(TwFuzzReplay, KeptInputsOfBothTargetsRunToTheirEnd)
         expectTerminatedText();
     }
 }
+
+// The driver target's kept inputs, on a 9000 and a 7000 module.
+#include <fcntl.h>
+#include <sys/sysmacros.h>
+
+#include "fuzz/tw_driver_input.h"
+#include "tw_fixture.h"
+
+TEST(TwFuzzReplay, KeptInputsOfTheDriverTargetRunToTheirEnd)
+{
+    const auto inputs = corpus("tw_driver");
+    ASSERT_FALSE(inputs.empty());
+    twtest::TwModule k9(9), k7(2);
+    int fd9 = -1, fd7 = -1;
+    {
+        plat::ScopedPlatform scope(k9.p);
+        fd9 = plat::open("/dev/twa0", O_RDWR, 0);
+    }
+    {
+        plat::ScopedPlatform scope(k7.p);
+        fd7 = plat::open("/dev/twe0", O_RDWR, 0);
+    }
+    ASSERT_GE(fd9, 0);
+    ASSERT_GE(fd7, 0);
+    for (const auto& input : inputs) twfuzz::driverInput(k9.p, fd9, k7.p, fd7, input.data(), input.size());
+    // The drivers still answer after all of it.
+    plat::ScopedPlatform scope(k9.p);
+    sim::resetTwApi();
+    tw_id_type c;
+    tw_create_controller_id(0, &c);
+    char model[TW_MODEL_SIZE];
+    EXPECT_EQ(tw_get_model(c, model), 0);
+    plat::close(fd9);
+    {
+        plat::ScopedPlatform s7(k7.p);
+        plat::close(fd7);
+    }
+}
