@@ -402,6 +402,18 @@ TEST(TwUnitOps, ADriveReplacedBehindTheControllerIsFoundByARescan)
     EXPECT_EQ(units.length, 0) << "the old drive's unit stands; the new drive carries none";
     ASSERT_EQ(tw_get_drive_serial_number(driveId(1), serial), 0);
     EXPECT_EQ(std::string(serial), after);
+
+    // A spare unit made of the new drive: the controller rebuilds onto it by itself.
+    tw_id_list_type spare = drives({1});
+    tw_id_type spareUnit;
+    ASSERT_EQ(tw_create_unit(&spare, 13, 0, 1, &spareUnit), 0) << apiCode();
+    t.p.module().advance(60'000'000);
+    EXPECT_EQ(modeOf(unitId(0)), 0xAF);
+    EXPECT_EQ(modeOf(spareUnit), 0xAF);
+    t.p.module().advance(100ull * 3600 * 1'000'000);
+    EXPECT_EQ(modeOf(unitId(0)), 0xFF);
+    EXPECT_EQ(unitNumbers(), std::vector<int>{0}) << "the spare's drive is a member now";
+    EXPECT_EQ(members(0), (std::vector<int>{0, 1, 2, 3}));
 }
 
 TEST(TwUnitOps, DestroyWipesWhatExportKeeps)
