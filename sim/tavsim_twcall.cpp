@@ -226,6 +226,16 @@ tw_id_type driveId(const Args& a, std::string& why)
     return id;
 }
 
+tw_id_type portId(const Args& a, std::string& why)
+{
+    tw_id_type id;
+    std::memset(&id, 0xff, sizeof id);
+    int c = 0, d = 0;
+    if (a.size() != 2 || !number(a[0], c) || !number(a[1], d) || tw_create_port_id(c, d, &id) != 0)
+        why = "expected CONTROLLER PORT";
+    return id;
+}
+
 std::string idText(const tw_id_type& id)
 {
     std::string out;
@@ -448,6 +458,11 @@ const std::map<std::string, Caller>& callers()
         {"tw_get_last_event", eventGetter(tw_get_last_event, false)},
         {"tw_get_next_event", eventGetter(tw_get_next_event, true)},
         {"tw_get_previous_event", eventGetter(tw_get_previous_event, true)},
+        // The identifier readers, on identifiers made of the arguments.
+        {"tw_get_controller_number", idGetter(controllerId, tw_get_controller_number, "controller_number")},
+        {"tw_get_unit_number", idGetter(unitId, tw_get_unit_number, "unit_number")},
+        {"tw_get_drive_number", idGetter(driveId, tw_get_drive_number, "drive_number")},
+        {"tw_get_port_number", idGetter(portId, tw_get_port_number, "port_number")},
         {"tw_get_unit_id_list", listGetter(controllerOnly, tw_get_unit_id_list, "unit")},
         {"tw_get_subunit_id_list", listGetter(unitId, tw_get_subunit_id_list, "unit")},
         {"tw_get_number_of_subunits", idGetter<int>(unitId, tw_get_number_of_subunits, "number_of_subunits")},
