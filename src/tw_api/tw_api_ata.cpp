@@ -10,14 +10,6 @@
 
 namespace {
 
-void set_api(uint32_t code)
-{
-    tw_api_clear_error();
-    tw_api_set_error(twp::kFlagApi, code, 0, 0, 0, nullptr);
-}
-
-constexpr uint32_t kApiDriveError = 32;
-
 // The task file as the command carries it: 16-bit registers, then the
 // device and command bytes.
 void put_registers(uint8_t (&out)[twp::kAtaRegisters], const tw_ata_registers_type& r)
@@ -68,7 +60,7 @@ int read_sector(controller_base& c, tw_id_type drive_id, tw_ata_registers_type r
     unsigned char sector[twp::kSectorSize] = {};
     if (c.ata_passthrough(drive_id, &r, sector) != 0) return -1;
     if (r.command & twp::kAtaStatusError) {
-        set_api(kApiDriveError);
+        twp::refuse_api(twp::kApiDriveError);
         return -1;
     }
     std::memcpy(data, sector, sizeof sector);

@@ -11,11 +11,6 @@
 
 namespace {
 
-void set_api(uint32_t code) { tw_api_set_error(twp::kFlagApi, code, 0, 0, 0, nullptr); }
-
-// A parameter size the one-byte size field cannot carry: "Invalid configuration".
-constexpr uint32_t kApiBadSize = 33;
-
 } // namespace
 
 int controller_7000::send(tw_id_type id, TAG_GP_Command& command, void* data, uint32_t length)
@@ -32,13 +27,13 @@ int controller_7000::param_command(tw_id_type id, bool set, int table, int param
                                    int unit)
 {
     if (size <= 0 || unsigned(size) > twp::kMax7000ParamSize) {
-        set_api(kApiBadSize);
+        twp::set_api(twp::kApiInvalidConfig);
         return -1;
     }
     const uint32_t length = uint32_t(size) + sizeof(TAG_GP_Param);
     std::unique_ptr<uint8_t[]> record(new (std::nothrow) uint8_t[length]());
     if (!record) {
-        set_api(7);
+        twp::set_api(7);
         return -1;
     }
     TAG_GP_Param param {};
@@ -84,7 +79,7 @@ int controller_7000::ioctl_portscan(tw_id_type id)
     if (get_number_of_ports(id, &ports) != 0) return -1;
     const int port = id.id[2];
     if (port >= ports) {
-        set_api(24);
+        twp::set_api(24);
         return -1;
     }
     TAG_GP_Command command {};
@@ -100,7 +95,7 @@ int controller_7000::ioctl_get_diagnostic_log(tw_id_type id, unsigned char* buff
 {
     std::unique_ptr<uint8_t[]> log(new (std::nothrow) uint8_t[twp::kDiagnosticLogSize]());
     if (!log) {
-        set_api(7);
+        twp::set_api(7);
         return -1;
     }
     TAG_GP_Command command {};
@@ -157,7 +152,7 @@ int controller_7000::get_driver_version(tw_id_type id, char* version)
     std::fclose(in);
     if (!found) {
         // The driver names no version: "Feature not supported".
-        set_api(2);
+        twp::set_api(2);
         return -1;
     }
     return 0;
@@ -167,7 +162,7 @@ int controller_7000::get_7000_unit_status(tw_id_type unit_id, int* status)
 {
     const int unit = unit_id.id[4];
     if (unit >= twp::kMaxUnits) {
-        set_api(9);
+        twp::set_api(9);
         return -1;
     }
     uint8_t bytes[twp::kMaxUnits] = {};
@@ -175,7 +170,7 @@ int controller_7000::get_7000_unit_status(tw_id_type unit_id, int* status)
     if (read_param(unit_id, table_[twp::Item::UnitStatus], 0, bytes) != 0) return -1;
     if (bytes[unit] == 0xFF) {
         // No such unit: "Failed to get unit status".
-        set_api(16);
+        twp::set_api(16);
         return -1;
     }
     *status = bytes[unit] & 0x7F;
@@ -188,7 +183,7 @@ int controller_7000::get_unit_descriptor(tw_id_type id, int unit, uint8_t* buffe
 {
     const twp::Param& p = table_[twp::Item::UnitDescriptor];
     if (size < p.size) {
-        set_api(kApiBadSize);
+        twp::set_api(twp::kApiInvalidConfig);
         return -1;
     }
     return read_param(id, p, unit, buffer);

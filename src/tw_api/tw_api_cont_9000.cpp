@@ -8,10 +8,6 @@
 
 namespace {
 
-void set_api(uint32_t code) { tw_api_set_error(twp::kFlagApi, code, 0, 0, 0, nullptr); }
-
-// A parameter size out of reach: "Invalid configuration".
-constexpr uint32_t kApiBadSize = 33;
 constexpr int kMaxParamSize = 0xFFFF;
 
 } // namespace
@@ -24,13 +20,13 @@ int controller_9000::param_command(tw_id_type id, bool set, int table, int param
                                    int bufferLength)
 {
     if (size <= 0 || size > kMaxParamSize || bufferLength < 0) {
-        set_api(kApiBadSize);
+        twp::set_api(twp::kApiInvalidConfig);
         return -1;
     }
     const uint32_t length = uint32_t(size) + sizeof(TAG_GP_Param_Apache);
     std::unique_ptr<uint8_t[]> record(new (std::nothrow) uint8_t[length]());
     if (!record) {
-        set_api(7);
+        twp::set_api(7);
         return -1;
     }
     int fd = -1;
@@ -136,7 +132,7 @@ int controller_9000::get_unit_status(tw_id_type unit_id, int* status)
     const int depth = unit_id.id[3];
     const int unit = unit_id.id[4];
     if (depth < 1 || depth > twp::kMaxUnitDepth || unit >= twp::kMaxUnits) {
-        set_api(9);
+        twp::set_api(9);
         return -1;
     }
     if (depth != 1) {
@@ -150,7 +146,7 @@ int controller_9000::get_unit_descriptors(tw_id_type id, int unit, uint8_t* buff
 {
     const twp::Param& p = table_[twp::Item::UnitDescriptor];
     if (size < p.size) {
-        set_api(kApiBadSize);
+        twp::set_api(twp::kApiInvalidConfig);
         return -1;
     }
     return read_param(id, p, unit, buffer);

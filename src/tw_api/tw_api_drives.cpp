@@ -6,15 +6,6 @@
 
 namespace {
 
-void set_api(uint32_t code)
-{
-    tw_api_clear_error();
-    tw_api_set_error(twp::kFlagApi, code, 0, 0, 0, nullptr);
-}
-
-constexpr uint32_t kApiInvalidDrive = 10;
-constexpr uint32_t kApiPortEmpty = 30;
-constexpr uint32_t kApiNoDriveList = 19;
 constexpr uint8_t kUnused = 0xFF;
 
 tw_id_type drive_id_of(tw_id_type controller_id, int drive)
@@ -40,20 +31,20 @@ int controller_base::read_drive_item(tw_id_type drive_id, twp::Item item, void* 
     const int port = drive_id.id[2];
     int ports = 0;
     if (port >= twp::kMaxPorts) {
-        set_api(kApiInvalidDrive);
+        twp::refuse_api(twp::kApiInvalidDrive);
         return -1;
     }
     if (!supported(item) || !supported(twp::Item::DriveList)) return -1;
     if (get_number_of_ports(drive_id, &ports) != 0) return -1;
     if (port >= ports) {
-        set_api(kApiInvalidDrive);
+        twp::refuse_api(twp::kApiInvalidDrive);
         return -1;
     }
     uint8_t held[twp::kMaxPorts];
     const twp::Param& list = table_[twp::Item::DriveList];
     if (list.size != sizeof held || read_param(drive_id, list, 0, held) != 0) return -1;
     if (held[port] != 1) {
-        set_api(kApiPortEmpty);
+        twp::refuse_api(twp::kApiPortEmpty);
         return -1;
     }
     twp::Param p = table_[item];
@@ -99,7 +90,7 @@ int controller_base::get_drive_id_list_from_unit_id(tw_id_type unit_id, tw_id_li
         if (tree.node[i].children != 0) continue;
         const uint8_t d = tree.node[i].drive;
         if (d != twp::kNoDrive && d >= twp::kMaxPorts) {
-            set_api(kApiNoDriveList);
+            twp::refuse_api(twp::kApiNoDriveList);
             return -1;
         }
         list->list[list->length++] = drive_id_of(unit_id, d);
@@ -146,12 +137,12 @@ int controller_base::get_port_id(tw_id_type id)
 {
     int ports = 0;
     if (id.id[2] >= twp::kMaxPorts) {
-        set_api(kApiInvalidDrive);
+        twp::refuse_api(twp::kApiInvalidDrive);
         return -1;
     }
     if (get_number_of_ports(id, &ports) != 0) return -1;
     if (id.id[2] >= ports) {
-        set_api(kApiInvalidDrive);
+        twp::refuse_api(twp::kApiInvalidDrive);
         return -1;
     }
     return 0;
@@ -211,14 +202,14 @@ int controller_base::remove_drive(tw_id_type drive_id)
         int root = 0;
         if (find_node(unit_id, tree, &root) != 0) return -1;
         if (tree.node[root].mode == twp::kModeVerifying) {
-            set_api(56);
+            twp::refuse_api(56);
             return -1;
         }
         int leaf = -1;
         for (int i = 0; i < tree.count; ++i)
             if (tree.node[i].children == 0 && tree.node[i].drive == drive_id.id[2]) leaf = i;
         if (leaf < 0 || !survives(tree, leaf)) {
-            set_api(48);
+            twp::refuse_api(48);
             return -1;
         }
     } else {
@@ -241,7 +232,7 @@ int controller_base::add_drive(tw_id_type port_id)
     if (get_port_id(port_id) != 0 || get_drive_id_list(port_id, &held) != 0) return -1;
     for (int i = 0; i < held.length; ++i)
         if (held.list[i].id[2] == port_id.id[2]) {
-            set_api(23);
+            twp::refuse_api(23);
             return -1;
         }
     twp::Param p = table_[twp::Item::DriveAdd];

@@ -25,7 +25,6 @@ namespace {
 constexpr mode_t kNodeMode = 8576;
 static_assert(kNodeMode == (S_IFCHR | 0600));
 
-void set_api(uint32_t code) { tw_api_set_error(twp::kFlagApi, code, 0, 0, 0, nullptr); }
 void set_os(int error) { tw_api_set_error(twp::kFlagOs, 0, uint32_t(error), 0, 0, nullptr); }
 
 // The host number an entry name gives: its leading digits, from `skip` on.
@@ -51,7 +50,7 @@ linux_os::linux_os()
     found_controllers_ = 0;
     setup_nodes("twe", "3w-xxxx");
     setup_nodes("twa", "3w-9xxx");
-    if (found_controllers_ == 0) set_api(1);
+    if (found_controllers_ == 0) twp::set_api(1);
 }
 
 const char* linux_os::node(int controller) const
@@ -106,7 +105,7 @@ int linux_os::setup_nodes(const char* prefix, const char* driver)
     }
     // 2.
     if (major < 0) {
-        set_api(1);
+        twp::set_api(1);
         return -1;
     }
 
@@ -183,7 +182,7 @@ int linux_os::slot_of(tw_id_type id)
     const int slot = id.id[1];
     if (slot >= kSlots || nodes_[slot][0] == '\0') {
         tw_api_clear_error();
-        set_api(8);
+        twp::set_api(8);
         return -1;
     }
     return slot;
@@ -223,18 +222,18 @@ int linux_os::controllers_architecture(tw_id_type id)
         ? c7000.ioctl_get_param(id, compat.table, compat.parameter, compat.size, bytes, 0)
         : c9000.get_parameter(id, bytes, sizeof bytes, compat.table, compat.parameter, compat.size);
     if (read != 0) {
-        set_api(71);
+        twp::set_api(71);
         return -1;
     }
     const int number = bytes[0] | (bytes[1] << 8);
     const int low = family == 3 ? twp::kCompat7000Low : twp::kCompat9000Low;
     const int high = family == 3 ? twp::kCompat7000High : twp::kCompat9000High;
     if (number <= low) {
-        set_api(66);
+        twp::set_api(66);
         return -1;
     }
     if (number >= high) {
-        set_api(67);
+        twp::set_api(67);
         return -1;
     }
     return family;
@@ -246,7 +245,7 @@ int linux_os::send_7000_ioctl_to_controller(int fd, TAG_GP_Command* command, voi
     const size_t total = size_t(length) + twp::k7000DataOffset;
     std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[total]());
     if (!buffer) {
-        set_api(7);
+        twp::set_api(7);
         return -1;
     }
     TAG_TW_New_Ioctl head {};
@@ -282,7 +281,7 @@ int linux_os::send_9000_ioctl_to_controller(int fd, TAG_GP_Command_Driver* drive
     const size_t total = size_t(length) + twp::k9000DataOffset;
     std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[total]());
     if (!buffer) {
-        set_api(7);
+        twp::set_api(7);
         return -1;
     }
     TAG_TW_Ioctl_Apache head {};
@@ -330,7 +329,7 @@ int linux_os::wasOSNotified(int host, int id, bool* present)
     *present = false;
     FILE* in = plat::fopen("/proc/scsi/scsi", "r");
     if (!in) {
-        set_api(21);
+        twp::set_api(21);
         return -1;
     }
     char line[200];
@@ -340,7 +339,7 @@ int linux_os::wasOSNotified(int host, int id, bool* present)
         if (!at) continue;
         int h = 0, channel = 0, target = 0;
         if (std::sscanf(at, "Host: scsi%d Channel: %d Id: %d Lun:", &h, &channel, &target) != 3) {
-            set_api(21);
+            twp::set_api(21);
             result = -1;
             break;
         }
@@ -353,7 +352,7 @@ int linux_os::wasOSNotified(int host, int id, bool* present)
 int linux_os::scan_bus_for_units(int controller, int unit, int add)
 {
     if (add != 0 && add != 1) {
-        set_api(21);
+        twp::set_api(21);
         return -1;
     }
     bool present = false;

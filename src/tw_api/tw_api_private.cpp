@@ -6,15 +6,10 @@ using twp::Item;
 
 namespace {
 
-void set_api(uint32_t code) { tw_api_set_error(twp::kFlagApi, code, 0, 0, 0, nullptr); }
-
-// A day outside Sunday (0) to Saturday (6): "Invalid configuration".
-constexpr uint32_t kApiBadDay = 33;
-
 bool day_ok(int day)
 {
     if (day >= 0 && day < TW_SCHEDULE_DAYS) return true;
-    set_api(kApiBadDay);
+    twp::set_api(twp::kApiInvalidConfig);
     return false;
 }
 
@@ -42,8 +37,7 @@ void copy_text(char* out, size_t outSize, const char* text)
 bool controller_base::supported(Item item)
 {
     if (table_[item].present) return true;
-    tw_api_clear_error();
-    set_api(2);
+    twp::refuse_api(twp::kApiNotSupported);
     return false;
 }
 
@@ -89,7 +83,7 @@ int controller_base::set_checked(tw_id_type id, Item item, int value, int low, i
 {
     if (!supported(item)) return -1;
     if (value < low || value > high) {
-        set_api(code);
+        twp::set_api(code);
         return -1;
     }
     return set_number(id, item, value);
@@ -304,7 +298,7 @@ int controller_base::disable_jbod_online(tw_id_type id) { return set_number(id, 
 int controller_base::set_boot_unit(tw_id_type unit_id)
 {
     if (unit_id.id[0] != TW_ID_KIND_UNIT) {
-        set_api(9);
+        twp::set_api(9);
         return -1;
     }
     return set_number(unit_id, Item::BootUnit, unit_id.id[4]);
@@ -391,8 +385,7 @@ int controller_base::get_bbu_factory_data(tw_id_type id, char* factory_data)
 namespace {
 int not_supported()
 {
-    tw_api_clear_error();
-    set_api(2);
+    twp::refuse_api(twp::kApiNotSupported);
     return -1;
 }
 } // namespace
@@ -401,3 +394,15 @@ int controller_base::get_first_event(tw_id_type, tw_event_info_type*) { return n
 int controller_base::get_last_event(tw_id_type, tw_event_info_type*) { return not_supported(); }
 int controller_base::get_next_event(tw_id_type, tw_event_info_type*) { return not_supported(); }
 int controller_base::get_previous_event(tw_id_type, tw_event_info_type*) { return not_supported(); }
+
+namespace twp {
+
+void set_api(uint32_t code) { tw_api_set_error(kFlagApi, code, 0, 0, 0, nullptr); }
+
+void refuse_api(uint32_t code)
+{
+    tw_api_clear_error();
+    tw_api_set_error(kFlagApi, code, 0, 0, 0, nullptr);
+}
+
+} // namespace twp

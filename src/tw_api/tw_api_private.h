@@ -1034,3 +1034,49 @@ constexpr uint32_t kSectorSize = 512;
 constexpr uint8_t kOpFirmwareDownload = 0x1A;
 constexpr uint32_t kFirmwareChunkSize7000 = 1024;
 }  // namespace twp
+
+// ---- API codes the calls set (their texts are tw_message's), and the two
+// ways of setting one.
+namespace twp {
+constexpr uint32_t kApiNotSupported = 2;
+constexpr uint32_t kApiInvalidUnit = 9;
+constexpr uint32_t kApiInvalidDrive = 10;
+constexpr uint32_t kApiBadDescriptor = 13;
+constexpr uint32_t kApiNoDriveList = 19;
+constexpr uint32_t kApiConfigNotSupported = 25;
+constexpr uint32_t kApiDriveCount = 26;
+constexpr uint32_t kApiStripe = 27;
+constexpr uint32_t kApiTwoControllers = 28;
+constexpr uint32_t kApiDuplicate = 29;
+constexpr uint32_t kApiPortEmpty = 30;
+constexpr uint32_t kApiOtherUnit = 31;
+constexpr uint32_t kApiDriveError = 32;
+constexpr uint32_t kApiInvalidConfig = 33;
+constexpr uint32_t kApiNoUnitId = 34;
+constexpr uint32_t kApiNoDrives = 36;
+constexpr uint32_t kApiImportMultiple = 37;
+constexpr uint32_t kApiImportTwoControllers = 38;
+constexpr uint32_t kApiImportPortEmpty = 39;
+constexpr uint32_t kApiImportInUse = 41;
+constexpr uint32_t kApiNoUnit = 43;
+constexpr uint32_t kApiUnitOk = 49;
+constexpr uint32_t kApiRebuilding = 50;
+constexpr uint32_t kApiUnitBusy = 51;
+constexpr uint32_t kApiRebuildConfig = 52;
+constexpr uint32_t kApiReplacementConfig = 53;
+constexpr uint32_t kApiReplacementSmall = 54;
+constexpr uint32_t kApiPercentConfig = 55;
+constexpr uint32_t kApiNoUnitToDelete = 59;
+constexpr uint32_t kApiStripeForConfig = 60;
+constexpr uint32_t kApiNotRebuilding = 64;
+constexpr uint32_t kApiImportDuplicate = 65;
+constexpr uint32_t kApiVerifyMode = 72;
+constexpr uint32_t kApiVerifyConfig = 73;
+constexpr uint32_t kApiNotMirror = 81;
+// Adds the API code to the error record: flags and codes of errors met
+// before stay, as the frame's calls keep them.
+void set_api(uint32_t code);
+// The record cleared, then the API code: a check that refuses a call before
+// any command goes out leaves no code of an earlier call behind.
+void refuse_api(uint32_t code);
+} // namespace twp

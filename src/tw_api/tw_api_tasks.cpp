@@ -11,30 +11,6 @@
 
 namespace {
 
-void set_api(uint32_t code)
-{
-    tw_api_clear_error();
-    tw_api_set_error(twp::kFlagApi, code, 0, 0, 0, nullptr);
-}
-
-constexpr uint32_t kApiInvalidUnit = 9;
-constexpr uint32_t kApiInvalidDrive = 10;
-constexpr uint32_t kApiDriveCount = 26;
-constexpr uint32_t kApiOtherController = 28;
-constexpr uint32_t kApiDuplicate = 29;
-constexpr uint32_t kApiPortEmpty = 30;
-constexpr uint32_t kApiNoDrives = 36;
-constexpr uint32_t kApiNoUnit = 43;
-constexpr uint32_t kApiUnitOk = 49;
-constexpr uint32_t kApiRebuilding = 50;
-constexpr uint32_t kApiUnitBusy = 51;
-constexpr uint32_t kApiRebuildConfig = 52;
-constexpr uint32_t kApiReplacementConfig = 53;
-constexpr uint32_t kApiReplacementSmall = 54;
-constexpr uint32_t kApiNotRebuilding = 64;
-constexpr uint32_t kApiVerifyMode = 72;
-constexpr uint32_t kApiVerifyConfig = 73;
-
 bool redundant(int configuration) { return configuration == 5 || configuration == 6; }
 
 uint32_t api_code()
@@ -50,13 +26,13 @@ int controller_base::task_unit(tw_id_type unit_id, unit_tree& tree, int* root)
 {
     // Tasks run on whole units: depth 1.
     if (unit_id.id[3] != 1 || unit_id.id[4] >= twp::kMaxUnits) {
-        set_api(kApiInvalidUnit);
+        twp::refuse_api(twp::kApiInvalidUnit);
         return -1;
     }
     uint8_t units[twp::kMaxUnits];
     if (read_unit_list(unit_id, units) != 0) return -1;
     if (units[unit_id.id[4]] == 0xFF) {
-        set_api(kApiNoUnit);
+        twp::refuse_api(twp::kApiNoUnit);
         return -1;
     }
     return find_node(unit_id, tree, root);
@@ -69,18 +45,18 @@ int controller_base::check_rebuild(tw_id_type unit_id, const tw_id_list_type* dr
     if (task_unit(unit_id, tree, &root) != 0) return -1;
     const TAG_TW_Unit_Node& u = tree.node[root];
     if (!redundant(u.configuration)) {
-        set_api(kApiRebuildConfig);
+        twp::refuse_api(twp::kApiRebuildConfig);
         return -1;
     }
     switch (u.mode) {
     case twp::kModeDegraded: break;
-    case twp::kModeOk: set_api(kApiUnitOk); return -1;
+    case twp::kModeOk: twp::refuse_api(twp::kApiUnitOk); return -1;
     case twp::kModeRebuilding:
-    case twp::kModeRebuildPaused: set_api(kApiRebuilding); return -1;
-    default: set_api(kApiUnitBusy); return -1;
+    case twp::kModeRebuildPaused: twp::refuse_api(twp::kApiRebuilding); return -1;
+    default: twp::refuse_api(twp::kApiUnitBusy); return -1;
     }
     if (!drives || drives->length == 0) {
-        set_api(kApiNoDrives);
+        twp::refuse_api(twp::kApiNoDrives);
         return -1;
     }
     // The unit's missing slots and the size a member needs.
@@ -92,28 +68,28 @@ int controller_base::check_rebuild(tw_id_type unit_id, const tw_id_list_type* dr
         else if (tree.node[i].capacity > need) need = tree.node[i].capacity;
     }
     if (drives->length < 0 || drives->length > twp::kMaxPorts || drives->length > missing) {
-        set_api(kApiDriveCount);
+        twp::refuse_api(twp::kApiDriveCount);
         return -1;
     }
     uint32_t mask = 0;
     for (int i = 0; i < drives->length; ++i) {
         const tw_id_type& d = drives->list[i];
         if (d.id[0] != TW_ID_KIND_DRIVE || d.id[2] >= twp::kMaxPorts) {
-            set_api(kApiInvalidDrive);
+            twp::refuse_api(twp::kApiInvalidDrive);
             return -1;
         }
         if (d.id[1] != unit_id.id[1]) {
-            set_api(kApiOtherController);
+            twp::refuse_api(twp::kApiTwoControllers);
             return -1;
         }
         if (mask & (1u << d.id[2])) {
-            set_api(kApiDuplicate);
+            twp::refuse_api(twp::kApiDuplicate);
             return -1;
         }
         mask |= 1u << d.id[2];
         uint64_t sectors = 0;
         if (read_drive_item(d, twp::Item::DriveCapacity, &sectors, sizeof sectors) != 0) {
-            if (api_code() == kApiPortEmpty) set_api(kApiPortEmpty);
+            if (api_code() == twp::kApiPortEmpty) twp::refuse_api(twp::kApiPortEmpty);
             return -1;
         }
         // A drive of a spare unit may go; one of any other unit may not.
@@ -122,14 +98,14 @@ int controller_base::check_rebuild(tw_id_type unit_id, const tw_id_list_type* dr
             int configuration = 0;
             if (get_unit_configuration(holder, &configuration) != 0) return -1;
             if (configuration != 13) {
-                set_api(kApiReplacementConfig);
+                twp::refuse_api(twp::kApiReplacementConfig);
                 return -1;
             }
         } else if (api_code() != 34) {
             return -1;
         }
         if (sectors < need) {
-            set_api(kApiReplacementSmall);
+            twp::refuse_api(twp::kApiReplacementSmall);
             return -1;
         }
     }
@@ -153,7 +129,7 @@ int controller_base::pause_rebuild_unit(tw_id_type unit_id)
     int root = 0;
     if (task_unit(unit_id, tree, &root) != 0) return -1;
     if (tree.node[root].mode != twp::kModeRebuilding) {
-        set_api(kApiNotRebuilding);
+        twp::refuse_api(twp::kApiNotRebuilding);
         return -1;
     }
     return locked(unit_id, [&] { return send_unit_task(unit_id, unit_id.id[4], uint8_t(twp::TaskAction::Pause), 0); });
@@ -165,7 +141,7 @@ int controller_base::resume_rebuild_unit(tw_id_type unit_id)
     int root = 0;
     if (task_unit(unit_id, tree, &root) != 0) return -1;
     if (tree.node[root].mode != twp::kModeRebuildPaused) {
-        set_api(kApiNotRebuilding);
+        twp::refuse_api(twp::kApiNotRebuilding);
         return -1;
     }
     return locked(unit_id, [&] { return send_unit_task(unit_id, unit_id.id[4], uint8_t(twp::TaskAction::Resume), 0); });
@@ -177,11 +153,11 @@ int controller_base::verify_unit(tw_id_type unit_id)
     int root = 0;
     if (task_unit(unit_id, tree, &root) != 0) return -1;
     if (!redundant(tree.node[root].configuration)) {
-        set_api(kApiVerifyConfig);
+        twp::refuse_api(twp::kApiVerifyConfig);
         return -1;
     }
     if (tree.node[root].mode != twp::kModeOk) {
-        set_api(kApiVerifyMode);
+        twp::refuse_api(twp::kApiVerifyMode);
         return -1;
     }
     return locked(unit_id, [&] { return send_unit_task(unit_id, unit_id.id[4], uint8_t(twp::TaskAction::Verify), 0); });
@@ -193,7 +169,7 @@ int controller_base::stop_verify_unit(tw_id_type unit_id)
     int root = 0;
     if (task_unit(unit_id, tree, &root) != 0) return -1;
     if (tree.node[root].mode != twp::kModeVerifying) {
-        set_api(kApiVerifyMode);
+        twp::refuse_api(twp::kApiVerifyMode);
         return -1;
     }
     return locked(unit_id, [&] { return send_unit_task(unit_id, unit_id.id[4], uint8_t(twp::TaskAction::StopVerify), 0); });
@@ -240,7 +216,7 @@ int controller_7000::ioctl_rebuild_unit(tw_id_type id, int unit)
 int controller_7000::ioctl_replace_drive(tw_id_type id, int unit, int port)
 {
     if (port < 0 || port >= twp::kMaxPorts) {
-        set_api(kApiInvalidDrive);
+        twp::refuse_api(twp::kApiInvalidDrive);
         return -1;
     }
     return send_unit_task(id, unit, uint8_t(twp::TaskAction::Replace), 1u << port);
@@ -262,7 +238,7 @@ int controller_7000::firmware_download(tw_id_type id, const unsigned char* image
     const uint32_t chunk = twp::kFirmwareChunkSize7000;
     const uint32_t chunks = (size + chunk - 1) / chunk;
     if (!image || size == 0 || chunks > 0xFFFF) {
-        set_api(33);  // "Invalid configuration"
+        twp::refuse_api(33);  // "Invalid configuration"
         return -1;
     }
     unsigned char buffer[twp::kFirmwareChunkSize7000];

@@ -12,36 +12,7 @@
 
 namespace {
 
-void set_api(uint32_t code)
-{
-    tw_api_clear_error();
-    tw_api_set_error(twp::kFlagApi, code, 0, 0, 0, nullptr);
-}
-
 constexpr uint8_t kUnused = 0xFF;
-
-// API codes of the checks.
-constexpr uint32_t kApiNotSupported = 2;
-constexpr uint32_t kApiInvalidUnit = 9;
-constexpr uint32_t kApiInvalidDrive = 10;
-constexpr uint32_t kApiNoUnitId = 34;
-constexpr uint32_t kApiConfigNotSupported = 25;
-constexpr uint32_t kApiDriveCount = 26;
-constexpr uint32_t kApiStripe = 27;
-constexpr uint32_t kApiTwoControllers = 28;
-constexpr uint32_t kApiDuplicate = 29;
-constexpr uint32_t kApiPortEmpty = 30;
-constexpr uint32_t kApiOtherUnit = 31;
-constexpr uint32_t kApiNoDrives = 36;
-constexpr uint32_t kApiImportMultiple = 37;
-constexpr uint32_t kApiImportTwoControllers = 38;
-constexpr uint32_t kApiImportPortEmpty = 39;
-constexpr uint32_t kApiImportInUse = 41;
-constexpr uint32_t kApiNoUnit = 43;
-constexpr uint32_t kApiNoUnitToDelete = 59;
-constexpr uint32_t kApiStripeForConfig = 60;
-constexpr uint32_t kApiImportDuplicate = 65;
-constexpr uint32_t kApiNotMirror = 81;
 
 tw_id_type unit_id_of(tw_id_type controller_id, int unit)
 {
@@ -79,26 +50,26 @@ struct list_codes {
 int check_list(const tw_id_list_type* drives, const list_codes& codes)
 {
     if (!drives || drives->length == 0) {
-        set_api(kApiNoDrives);
+        twp::refuse_api(twp::kApiNoDrives);
         return -1;
     }
     if (drives->length < 0 || drives->length > 16) {
-        set_api(kApiDriveCount);
+        twp::refuse_api(twp::kApiDriveCount);
         return -1;
     }
     for (int i = 0; i < drives->length; ++i) {
         const tw_id_type& d = drives->list[i];
         if (d.id[0] != TW_ID_KIND_DRIVE || d.id[2] >= twp::kMaxPorts) {
-            set_api(kApiInvalidDrive);
+            twp::refuse_api(twp::kApiInvalidDrive);
             return -1;
         }
         if (d.id[1] != drives->list[0].id[1]) {
-            set_api(codes.two_controllers);
+            twp::refuse_api(codes.two_controllers);
             return -1;
         }
         for (int j = 0; j < i; ++j)
             if (drives->list[j].id[2] == d.id[2]) {
-                set_api(codes.duplicate);
+                twp::refuse_api(codes.duplicate);
                 return -1;
             }
     }
@@ -115,19 +86,19 @@ int check_free(controller_base& c, const tw_id_list_type* drives, uint32_t empty
         for (int j = 0; j < held.length; ++j)
             if (held.list[j].id[2] == drives->list[i].id[2]) found = true;
         if (!found) {
-            set_api(empty_code);
+            twp::refuse_api(empty_code);
             return -1;
         }
     }
     for (int i = 0; i < drives->length; ++i) {
         tw_id_type unit;
         if (c.get_unit_id_from_drive_id(drives->list[i], &unit) == 0) {
-            set_api(in_unit_code);
+            twp::refuse_api(in_unit_code);
             return -1;
         }
         tw_api_error_type e;
         tw_get_error_information(&e);
-        if (e.api_error_code != kApiNoUnitId) return -1;
+        if (e.api_error_code != twp::kApiNoUnitId) return -1;
     }
     tw_api_clear_error();
     return 0;
@@ -190,24 +161,24 @@ bool controller_base::isStripeSizeValid(int configuration, int stripe)
 int controller_base::check_new_unit(const tw_id_list_type* drives, int configuration, int stripe, int subunit_size,
                                     TAG_TW_Unit_Config& out)
 {
-    if (check_list(drives, {kApiTwoControllers, kApiDuplicate}) != 0) return -1;
+    if (check_list(drives, {twp::kApiTwoControllers, twp::kApiDuplicate}) != 0) return -1;
     if (!isFeatureValid(configuration, subunit_size)) {
-        set_api(kApiConfigNotSupported);
+        twp::refuse_api(twp::kApiConfigNotSupported);
         return -1;
     }
     if (!isDriveCountValid(configuration, drives->length, subunit_size)) {
-        set_api(kApiDriveCount);
+        twp::refuse_api(twp::kApiDriveCount);
         return -1;
     }
     if (stripe != 0 && (stripe < twp::kStripeMin || stripe > twp::kStripeMax)) {
-        set_api(kApiStripe);
+        twp::refuse_api(twp::kApiStripe);
         return -1;
     }
     if (!isStripeSizeValid(configuration, stripe)) {
-        set_api(kApiStripeForConfig);
+        twp::refuse_api(twp::kApiStripeForConfig);
         return -1;
     }
-    if (check_free(*this, drives, kApiPortEmpty, kApiOtherUnit) != 0) return -1;
+    if (check_free(*this, drives, twp::kApiPortEmpty, twp::kApiOtherUnit) != 0) return -1;
     std::memset(&out, 0, sizeof out);
     out.configuration = uint8_t(configuration);
     out.stripe = uint8_t(stripe);
@@ -221,7 +192,7 @@ int controller_base::check_new_unit(const tw_id_list_type* drives, int configura
 int controller_base::unit_present(tw_id_type unit_id)
 {
     if (unit_id.id[0] != TW_ID_KIND_UNIT || unit_id.id[3] != 1 || unit_id.id[4] >= twp::kMaxUnits) {
-        set_api(kApiInvalidUnit);
+        twp::refuse_api(twp::kApiInvalidUnit);
         return -1;
     }
     tw_id_list_type units;
@@ -248,7 +219,7 @@ int controller_base::make_unit(tw_id_type controller_id, uint8_t opcode, TAG_TW_
                                tw_id_type* unit_id)
 {
     if (notify != 0 && notify != 1) {
-        set_api(21);
+        twp::refuse_api(21);
         return -1;
     }
     const int sent = locked(controller_id, [&] {
@@ -256,7 +227,7 @@ int controller_base::make_unit(tw_id_type controller_id, uint8_t opcode, TAG_TW_
     });
     if (sent != 0) return -1;
     if (record.unit >= twp::kMaxUnits) {
-        set_api(kApiNoUnitId);
+        twp::refuse_api(twp::kApiNoUnitId);
         return -1;
     }
     if (unit_id) *unit_id = unit_id_of(controller_id, record.unit);
@@ -278,13 +249,13 @@ int controller_base::create_unit(const tw_id_list_type* drives, int configuratio
 int controller_base::delete_unit(tw_id_type unit_id, int notify, bool keep, uint32_t no_unit_code)
 {
     if (notify != 0 && notify != 1) {
-        set_api(21);
+        twp::refuse_api(21);
         return -1;
     }
     const int present = unit_present(unit_id);
     if (present < 0) return -1;
     if (present > 0) {
-        set_api(no_unit_code);
+        twp::refuse_api(no_unit_code);
         return -1;
     }
     // The kernel lets go of the disk first: a unit the kernel still uses
@@ -302,17 +273,17 @@ int controller_base::delete_unit(tw_id_type unit_id, int notify, bool keep, uint
 
 int controller_base::destroy_unit(tw_id_type unit_id, int notify)
 {
-    return delete_unit(unit_id, notify, false, kApiNoUnitToDelete);
+    return delete_unit(unit_id, notify, false, twp::kApiNoUnitToDelete);
 }
 
-int controller_base::export_unit(tw_id_type unit_id, int notify) { return delete_unit(unit_id, notify, true, kApiNoUnit); }
+int controller_base::export_unit(tw_id_type unit_id, int notify) { return delete_unit(unit_id, notify, true, twp::kApiNoUnit); }
 
 int controller_base::remove_unit(tw_id_type unit_id, int notify)
 {
     tw_id_list_type members;
     const int present = unit_present(unit_id);
     if (present != 0) {
-        if (present > 0) set_api(kApiNoUnit);
+        if (present > 0) twp::refuse_api(twp::kApiNoUnit);
         return -1;
     }
     if (get_drive_id_list_from_unit_id(unit_id, &members) != 0) return -1;
@@ -324,12 +295,12 @@ int controller_base::remove_unit(tw_id_type unit_id, int notify)
 
 int controller_base::import_unit(const tw_id_list_type* drives, int notify, tw_id_type* unit_id)
 {
-    if (check_list(drives, {kApiImportTwoControllers, kApiImportDuplicate}) != 0) return -1;
+    if (check_list(drives, {twp::kApiImportTwoControllers, twp::kApiImportDuplicate}) != 0) return -1;
     if (drives->length > max_import_drives()) {
-        set_api(kApiImportMultiple);
+        twp::refuse_api(twp::kApiImportMultiple);
         return -1;
     }
-    if (check_free(*this, drives, kApiImportPortEmpty, kApiImportInUse) != 0) return -1;
+    if (check_free(*this, drives, twp::kApiImportPortEmpty, twp::kApiImportInUse) != 0) return -1;
     TAG_TW_Unit_Config record {};
     record.count = uint8_t(drives->length);
     for (int i = 0; i < drives->length; ++i)
@@ -339,13 +310,13 @@ int controller_base::import_unit(const tw_id_list_type* drives, int notify, tw_i
 
 int controller_base::split_mirror(tw_id_type, int, tw_id_list_type*)
 {
-    set_api(kApiNotSupported);
+    twp::refuse_api(twp::kApiNotSupported);
     return -1;
 }
 
 int controller_base::migrate_unit(tw_id_type, const tw_id_list_type*, int, int)
 {
-    set_api(kApiNotSupported);
+    twp::refuse_api(twp::kApiNotSupported);
     return -1;
 }
 
@@ -354,7 +325,7 @@ int controller_base::rescan_controller(tw_id_type id, int notify, tw_id_list_typ
     clear_list(units);
     clear_list(drives);
     if (notify != 0 && notify != 1) {
-        set_api(21);
+        twp::refuse_api(21);
         return -1;
     }
     TAG_TW_Rescan_Report report {};
@@ -476,7 +447,7 @@ bool controller_7000::isDriveCountValid(int configuration, int count, int subuni
 int controller_7000::unit_exists(tw_id_type unit_id)
 {
     const int present = unit_present(unit_id);
-    if (present > 0) set_api(kApiNoUnit);
+    if (present > 0) twp::refuse_api(twp::kApiNoUnit);
     return present == 0 ? 0 : -1;
 }
 
@@ -484,13 +455,13 @@ int controller_7000::drive_exists(tw_id_type drive_id)
 {
     tw_id_list_type held;
     if (drive_id.id[2] >= twp::kMaxPorts) {
-        set_api(kApiInvalidDrive);
+        twp::refuse_api(twp::kApiInvalidDrive);
         return -1;
     }
     if (get_drive_id_list(drive_id, &held) != 0) return -1;
     for (int i = 0; i < held.length; ++i)
         if (held.list[i].id[2] == drive_id.id[2]) return 0;
-    set_api(kApiPortEmpty);
+    twp::refuse_api(twp::kApiPortEmpty);
     return -1;
 }
 
@@ -512,7 +483,7 @@ int controller_9000::unit_command(tw_id_type id, uint8_t opcode, void* record, u
     // A status that ends the call with nothing copied answers nothing: the
     // command did not run.
     if (result == 0 && (driver.status == twp::kDriverStatusNoEvent || driver.status == twp::kDriverStatusEventOutOfRange)) {
-        set_api(kApiNoUnitId);
+        twp::refuse_api(twp::kApiNoUnitId);
         return -1;
     }
     return result;
@@ -522,12 +493,12 @@ int controller_9000::split_mirror(tw_id_type unit_id, int notify, tw_id_list_typ
 {
     clear_list(units);
     if (notify != 0 && notify != 1) {
-        set_api(21);
+        twp::refuse_api(21);
         return -1;
     }
     const int present = unit_present(unit_id);
     if (present != 0) {
-        if (present > 0) set_api(kApiNoUnit);
+        if (present > 0) twp::refuse_api(twp::kApiNoUnit);
         return -1;
     }
     int configuration = 0;
@@ -535,7 +506,7 @@ int controller_9000::split_mirror(tw_id_type unit_id, int notify, tw_id_list_typ
     if (get_unit_configuration(unit_id, &configuration) != 0 || get_drive_id_list_from_unit_id(unit_id, &members) != 0)
         return -1;
     if (configuration != twp::kConfigMirror || members.length != 2) {
-        set_api(kApiNotMirror);
+        twp::refuse_api(twp::kApiNotMirror);
         return -1;
     }
     TAG_TW_Unit_Config record {};
@@ -557,40 +528,40 @@ int controller_9000::migrate_unit(tw_id_type unit_id, const tw_id_list_type* dri
 {
     const int present = unit_present(unit_id);
     if (present != 0) {
-        if (present > 0) set_api(kApiNoUnit);
+        if (present > 0) twp::refuse_api(twp::kApiNoUnit);
         return -1;
     }
     const bool adding = drives && drives->length != 0;
-    if (adding && check_list(drives, {kApiTwoControllers, kApiDuplicate}) != 0) return -1;
+    if (adding && check_list(drives, {twp::kApiTwoControllers, twp::kApiDuplicate}) != 0) return -1;
     if (adding && drives->list[0].id[1] != unit_id.id[1]) {
-        set_api(kApiTwoControllers);
+        twp::refuse_api(twp::kApiTwoControllers);
         return -1;
     }
     tw_id_list_type members;
     int mode = 0;
     if (get_drive_id_list_from_unit_id(unit_id, &members) != 0 || get_unit_mode(unit_id, &mode) != 0) return -1;
     if (mode != twp::kModeOk) {
-        set_api(51);
+        twp::refuse_api(51);
         return -1;
     }
     const int count = members.length + (adding ? drives->length : 0);
     if (configuration == twp::kConfigSpare || !isFeatureValid(configuration, 0)) {
-        set_api(kApiConfigNotSupported);
+        twp::refuse_api(twp::kApiConfigNotSupported);
         return -1;
     }
     if (!isDriveCountValid(configuration, count, 0)) {
-        set_api(kApiDriveCount);
+        twp::refuse_api(twp::kApiDriveCount);
         return -1;
     }
     if (stripe != 0 && (stripe < twp::kStripeMin || stripe > twp::kStripeMax)) {
-        set_api(kApiStripe);
+        twp::refuse_api(twp::kApiStripe);
         return -1;
     }
     if (!isStripeSizeValid(configuration, stripe)) {
-        set_api(kApiStripeForConfig);
+        twp::refuse_api(twp::kApiStripeForConfig);
         return -1;
     }
-    if (adding && check_free(*this, drives, kApiPortEmpty, kApiOtherUnit) != 0) return -1;
+    if (adding && check_free(*this, drives, twp::kApiPortEmpty, twp::kApiOtherUnit) != 0) return -1;
     TAG_TW_Unit_Config record {};
     record.unit = unit_id.id[4];
     record.configuration = uint8_t(configuration);
@@ -620,7 +591,7 @@ template <class Call>
 int on_unit(tw_id_type unit_id, Call call)
 {
     if (unit_id.id[0] != TW_ID_KIND_UNIT) {
-        set_api(kApiInvalidUnit);
+        twp::refuse_api(twp::kApiInvalidUnit);
         return -1;
     }
     return by_family(unit_id, call);
@@ -630,7 +601,7 @@ int on_unit(tw_id_type unit_id, Call call)
 template <class Call>
 int on_drives(const tw_id_list_type* drives, Call call)
 {
-    if (check_list(drives, {kApiTwoControllers, kApiDuplicate}) != 0) return -1;
+    if (check_list(drives, {twp::kApiTwoControllers, twp::kApiDuplicate}) != 0) return -1;
     return by_family(drives->list[0], call);
 }
 
@@ -656,7 +627,7 @@ int cil::export_unit(tw_id_type unit_id, int notify)
 
 int cil::import_unit(const tw_id_list_type* drives, int notify, tw_id_type* unit_id)
 {
-    if (check_list(drives, {kApiImportTwoControllers, kApiImportDuplicate}) != 0) return -1;
+    if (check_list(drives, {twp::kApiImportTwoControllers, twp::kApiImportDuplicate}) != 0) return -1;
     return by_family(drives->list[0], [&](controller_base& c) { return c.import_unit(drives, notify, unit_id); });
 }
 
@@ -678,7 +649,7 @@ int cil::migrate_unit(tw_id_type unit_id, const tw_id_list_type* drives, int con
 int cil::rescan_controller(tw_id_type id, int notify, tw_id_list_type* units, tw_id_list_type* drives)
 {
     if (id.id[0] != TW_ID_KIND_CONTROLLER) {
-        set_api(8);
+        twp::refuse_api(8);
         return -1;
     }
     return by_family(id, [&](controller_base& c) { return c.rescan_controller(id, notify, units, drives); });

@@ -6,16 +6,6 @@
 
 namespace {
 
-void set_api(uint32_t code)
-{
-    tw_api_clear_error();
-    tw_api_set_error(twp::kFlagApi, code, 0, 0, 0, nullptr);
-}
-
-constexpr uint32_t kApiInvalidUnit = 9;
-constexpr uint32_t kApiBadDescriptor = 13;
-constexpr uint32_t kApiPercentConfig = 55;
-constexpr uint32_t kApiNoUnitId = 34;
 constexpr uint8_t kUnused = 0xFF;
 
 tw_id_type unit_id_of(tw_id_type controller_id, int unit, const uint8_t* path, int depth)
@@ -120,7 +110,7 @@ int controller_base::find_node(tw_id_type unit_id, unit_tree& tree, int* node)
     const int depth = unit_id.id[3];
     const int unit = unit_id.id[4];
     if (depth < 1 || depth > twp::kMaxUnitDepth || unit >= twp::kMaxUnits) {
-        set_api(kApiInvalidUnit);
+        twp::refuse_api(twp::kApiInvalidUnit);
         return -1;
     }
     if (!supported(twp::Item::UnitDescriptor)) return -1;
@@ -129,7 +119,7 @@ int controller_base::find_node(tw_id_type unit_id, unit_tree& tree, int* node)
     if (p.size > sizeof bytes) return -1;
     if (read_unit_descriptor(unit_id, unit, bytes, p.size) != 0) return -1;
     if (!tree.parse(bytes, p.size)) {
-        set_api(kApiBadDescriptor);
+        twp::refuse_api(twp::kApiBadDescriptor);
         return -1;
     }
     walk_stack stack;
@@ -140,7 +130,7 @@ int controller_base::find_node(tw_id_type unit_id, unit_tree& tree, int* node)
             ok = push_peer(tree, stack);
     }
     if (!ok) {
-        set_api(kApiInvalidUnit);
+        twp::refuse_api(twp::kApiInvalidUnit);
         return -1;
     }
     *node = stack.at[stack.size - 1];
@@ -228,7 +218,7 @@ int controller_base::get_unit_percentage_complete(tw_id_type unit_id, int* perce
     int n = 0;
     if (find_node(unit_id, tree, &n) != 0) return -1;
     if (!twp::modeHasPercent(tree.node[n].mode)) {
-        set_api(kApiPercentConfig);
+        twp::refuse_api(twp::kApiPercentConfig);
         return -1;
     }
     *percent = tree.node[n].percent > 100 ? 100 : tree.node[n].percent;
@@ -240,7 +230,7 @@ int controller_base::get_unit_id_from_drive_id(tw_id_type drive_id, tw_id_type* 
 {
     const int drive = drive_id.id[2];
     if (drive >= 16) {
-        set_api(10);
+        twp::refuse_api(10);
         return -1;
     }
     uint8_t units[twp::kMaxUnits];
@@ -257,7 +247,7 @@ int controller_base::get_unit_id_from_drive_id(tw_id_type drive_id, tw_id_type* 
                 return 0;
             }
     }
-    set_api(kApiNoUnitId);
+    twp::refuse_api(twp::kApiNoUnitId);
     return -1;
 }
 
@@ -265,7 +255,7 @@ int controller_base::change_unit_policy(tw_id_type unit_id, uint8_t bit, bool on
 {
     const int unit = unit_id.id[4];
     if (unit_id.id[3] != 1 || unit >= twp::kMaxUnits) {
-        set_api(kApiInvalidUnit);
+        twp::refuse_api(twp::kApiInvalidUnit);
         return -1;
     }
     if (!supported(twp::Item::UnitPolicy)) return -1;
