@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -93,5 +94,26 @@ inline uint64_t nowMicros()
     plat::gettimeofday(&tv);
     return uint64_t(tv.tv_sec) * 1000000u + uint64_t(tv.tv_usec);
 }
+
+// Keeps the descriptors of driver nodes that are open, for the fault sweeps.
+class OpenNodes : public plat::ForwardingPlatform {
+public:
+    explicit OpenNodes(plat::Platform& inner) : ForwardingPlatform(inner) {}
+    int open(const char* path, int flags, mode_t mode) override
+    {
+        const int fd = inner().open(path, flags, mode);
+        if (fd >= 0 && std::string(path).rfind("/dev/tw", 0) == 0) open_.insert(fd);
+        return fd;
+    }
+    int close(int fd) override
+    {
+        open_.erase(fd);
+        return inner().close(fd);
+    }
+    size_t count() const { return open_.size(); }
+
+private:
+    std::set<int> open_;
+};
 
 } // namespace twtest

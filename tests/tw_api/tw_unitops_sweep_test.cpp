@@ -13,29 +13,10 @@
 #include "tw_fixture.h"
 
 using twtest::controllerId;
+using twtest::OpenNodes;
 using twtest::TwModule;
 
 namespace {
-
-class OpenNodes : public plat::ForwardingPlatform {
-public:
-    explicit OpenNodes(plat::Platform& inner) : ForwardingPlatform(inner) {}
-    int open(const char* path, int flags, mode_t mode) override
-    {
-        const int fd = inner().open(path, flags, mode);
-        if (fd >= 0 && std::string(path).rfind("/dev/tw", 0) == 0) open_.insert(fd);
-        return fd;
-    }
-    int close(int fd) override
-    {
-        open_.erase(fd);
-        return inner().close(fd);
-    }
-    size_t count() const { return open_.size(); }
-
-private:
-    std::set<int> open_;
-};
 
 // The sequence; the step that failed (1 to 4), or 0.
 int sequence()
