@@ -42,9 +42,7 @@ sim::SimPlatform& card()
 {
     static sim::SimPlatform& p = [] () -> sim::SimPlatform& {
         sim::CreateOptions options;
-        char templ[] = "/tmp/nvram-recover-fuzz.XXXXXX";
-        if (!mkdtemp(templ)) std::abort();
-        std::string dir = std::string(templ) + "/m";
+        std::string dir = fuzzmodule::tempDir("nvram-recover-fuzz") + "/m";
         options.identityOnly = true;
         if (!sim::createModule(dir, options).empty()) std::abort();
         static sim::SimPlatform platform(dir);

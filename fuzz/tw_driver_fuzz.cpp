@@ -12,6 +12,7 @@
 #include "sim/sim_platform.h"
 #include "sim/tw_driver.h"
 #include "sim/tw_state.h"
+#include "fuzz_module.h"
 #include "tw_driver_input.h"
 
 namespace {
@@ -23,8 +24,7 @@ struct Target {
 
 Target make(int platform, const char* node, unsigned major)
 {
-    std::string templ = "/tmp/tw-driver-fuzz.XXXXXX";
-    if (!mkdtemp(templ.data())) std::abort();
+    const std::string templ = fuzzmodule::tempDir("tw-driver-fuzz");
     sim::CreateOptions options;
     options.platform = platform;
     options.sectors = 65536;
