@@ -4,27 +4,8 @@
 
 #include "tw_api/tw_api_private.h"
 
-namespace {
-
-constexpr uint8_t kUnused = 0xFF;
-
-tw_id_type drive_id_of(tw_id_type controller_id, int drive)
-{
-    tw_id_type id;
-    std::memset(id.id, kUnused, sizeof id.id);
-    id.id[0] = TW_ID_KIND_DRIVE;
-    id.id[1] = controller_id.id[1];
-    id.id[2] = uint8_t(drive);
-    return id;
-}
-
-void clear_list(tw_id_list_type* list)
-{
-    std::memset(list, kUnused, sizeof *list);
-    list->length = 0;
-}
-
-} // namespace
+using twp::clear_list;
+using twp::drive_id_of;
 
 int controller_base::read_drive_item(tw_id_type drive_id, twp::Item item, void* buffer, size_t size)
 {

@@ -405,4 +405,34 @@ void refuse_api(uint32_t code)
     tw_api_set_error(kFlagApi, code, 0, 0, 0, nullptr);
 }
 
+tw_id_type unit_id_of(tw_id_type controller_id, int unit, const uint8_t* path, int depth)
+{
+    tw_id_type id;
+    std::memset(id.id, 0xFF, sizeof id.id);
+    id.id[0] = TW_ID_KIND_UNIT;
+    id.id[1] = controller_id.id[1];
+    id.id[3] = uint8_t(depth);
+    id.id[4] = uint8_t(unit);
+    for (int i = 0; i + 1 < depth; ++i)
+        id.id[5 + i] = path[i];
+    return id;
+}
+
+tw_id_type drive_id_of(tw_id_type controller_id, int drive)
+{
+    tw_id_type id;
+    std::memset(id.id, 0xFF, sizeof id.id);
+    id.id[0] = TW_ID_KIND_DRIVE;
+    id.id[1] = controller_id.id[1];
+    id.id[2] = uint8_t(drive);
+    return id;
+}
+
+void clear_list(tw_id_list_type* list)
+{
+    if (!list) return;
+    std::memset(list, 0xFF, sizeof *list);
+    list->length = 0;
+}
+
 } // namespace twp

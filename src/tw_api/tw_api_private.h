@@ -1079,4 +1079,12 @@ void set_api(uint32_t code);
 // The record cleared, then the API code: a check that refuses a call before
 // any command goes out leaves no code of an earlier call behind.
 void refuse_api(uint32_t code);
+
+// Identifiers the API makes of numbers it has checked, on the controller of
+// `controller_id`; unused bytes 0xFF. A unit of depth D takes D - 1 subunit
+// bytes from `path`.
+tw_id_type unit_id_of(tw_id_type controller_id, int unit, const uint8_t* path = nullptr, int depth = 1);
+tw_id_type drive_id_of(tw_id_type controller_id, int drive);
+// An output list emptied: length 0, every identifier unused. A null list is left alone.
+void clear_list(tw_id_list_type* list);
 } // namespace twp

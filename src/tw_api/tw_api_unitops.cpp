@@ -10,37 +10,11 @@
 #include "tw_api/tw_api_cont_9000.h"
 #include "tw_api/tw_api_osil.h"
 
+using twp::clear_list;
+using twp::drive_id_of;
+using twp::unit_id_of;
+
 namespace {
-
-constexpr uint8_t kUnused = 0xFF;
-
-tw_id_type unit_id_of(tw_id_type controller_id, int unit)
-{
-    tw_id_type id;
-    std::memset(id.id, kUnused, sizeof id.id);
-    id.id[0] = TW_ID_KIND_UNIT;
-    id.id[1] = controller_id.id[1];
-    id.id[3] = 1;
-    id.id[4] = uint8_t(unit);
-    return id;
-}
-
-tw_id_type drive_id_of(tw_id_type controller_id, int drive)
-{
-    tw_id_type id;
-    std::memset(id.id, kUnused, sizeof id.id);
-    id.id[0] = TW_ID_KIND_DRIVE;
-    id.id[1] = controller_id.id[1];
-    id.id[2] = uint8_t(drive);
-    return id;
-}
-
-void clear_list(tw_id_list_type* list)
-{
-    if (!list) return;
-    std::memset(list, kUnused, sizeof *list);
-    list->length = 0;
-}
 
 // A caller's list of drives: its length, the kind and controller of each,
 // no drive twice. The codes differ between a create and an import.

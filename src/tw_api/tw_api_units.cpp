@@ -4,24 +4,8 @@
 
 #include "tw_api/tw_api_private.h"
 
-namespace {
-
-constexpr uint8_t kUnused = 0xFF;
-
-tw_id_type unit_id_of(tw_id_type controller_id, int unit, const uint8_t* path, int depth)
-{
-    tw_id_type id;
-    std::memset(id.id, kUnused, sizeof id.id);
-    id.id[0] = TW_ID_KIND_UNIT;
-    id.id[1] = controller_id.id[1];
-    id.id[3] = uint8_t(depth);
-    id.id[4] = uint8_t(unit);
-    for (int i = 0; i + 1 < depth; ++i)
-        id.id[5 + i] = path[i];
-    return id;
-}
-
-} // namespace
+using twp::unit_id_of;
+constexpr uint8_t kUnused = 0xFF;  // no unit at this number
 
 bool unit_tree::parse(const uint8_t* bytes, size_t size)
 {
