@@ -95,6 +95,14 @@ inline uint64_t nowMicros()
     return uint64_t(tv.tv_sec) * 1000000u + uint64_t(tv.tv_usec);
 }
 
+// The API code of the error record.
+inline uint32_t apiCode()
+{
+    tw_api_error_type e;
+    tw_get_error_information(&e);
+    return e.api_error_code;
+}
+
 // Keeps the descriptors of driver nodes that are open, for the fault sweeps.
 class OpenNodes : public plat::ForwardingPlatform {
 public:

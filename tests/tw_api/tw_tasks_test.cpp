@@ -14,6 +14,8 @@
 
 namespace {
 
+using twtest::apiCode;
+
 using twtest::controllerId;
 using twtest::Recorder;
 
@@ -47,13 +49,6 @@ struct Module {
     sim::SimPlatform p;
     plat::ScopedPlatform scope;
 };
-
-uint32_t apiCode()
-{
-    tw_api_error_type e;
-    tw_get_error_information(&e);
-    return e.api_error_code;
-}
 
 tw_id_type unitId(int controller, int unit, int subunit = -1)
 {

@@ -12,6 +12,8 @@
 
 namespace {
 
+using twtest::apiCode;
+
 using twtest::controllerId;
 using twtest::TwModule;
 
@@ -56,13 +58,6 @@ int mode(tw_id_type id)
     int m = -1;
     EXPECT_EQ(tw_get_unit_mode(id, &m), 0);
     return m;
-}
-
-uint32_t apiCode()
-{
-    tw_api_error_type e;
-    tw_get_error_information(&e);
-    return e.api_error_code;
 }
 
 TEST(TwUnits, ListsAndTreeOfAMirrorOfStripesOn9000)

@@ -16,15 +16,10 @@
 
 namespace {
 
+using twtest::apiCode;
+
 using twtest::controllerId;
 using twtest::TwModule;
-
-uint32_t apiCode()
-{
-    tw_api_error_type e;
-    tw_get_error_information(&e);
-    return e.api_error_code;
-}
 
 tw_id_type driveId(int n, int controller = 0)
 {
