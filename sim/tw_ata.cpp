@@ -46,21 +46,6 @@ bool parseLine(const std::string& line, std::string& serial, SmartState& s)
     return true;
 }
 
-const Bay* bayOfPort(const Manifest& m, const Controller& c, unsigned port)
-{
-    for (const Bay& b : m.bays) {
-        unsigned host = 0, bus = 0, target = 0, lun = 0;
-        if (c.family == 7000) {
-            if (std::sscanf(b.device.c_str(), "/dev/scsi/host%u/bus%u/target%u/lun%u/", &host, &bus, &target, &lun) == 4 &&
-                static_cast<int>(host) == c.host && target == port)
-                return &b;
-        } else if (b.number == static_cast<int>(port) + 1) {
-            return &b;
-        }
-    }
-    return nullptr;
-}
-
 } // namespace
 
 SmartState smartState(Module& module, const std::string& serial)
@@ -165,7 +150,7 @@ FwAnswer runAtaPassThrough(Module& module, int index, unsigned port, uint8_t* r,
     const Port* p = c ? c->port(static_cast<int>(port)) : nullptr;
     if (!p || p->drive.empty()) return fwError(kErrPort);
     const Manifest m = module.manifest();
-    const Bay* bay = bayOfPort(m, *c, port);
+    const Bay* bay = bayOfPort(m, *c, static_cast<int>(port));
     const Drive* d = bay ? m.driveInBay(bay->number) : nullptr;
     if (!d) return fwError(kErrPort);
     const uint8_t feature = r[0], sector = r[4], cylLow = r[6], cylHigh = r[8], command = r[11];

@@ -438,11 +438,7 @@ FwAnswer rescan(Module& module, Controller& c, TAG_TW_Rescan_Report& report, std
         if (!p.drive.empty()) continue;
         const Drive* d = driveOfPort(m, c, p.number);
         if (!d) continue;
-        p.drive = d->serial;
-        p.foundModel = d->model;
-        p.foundSerial = d->serial;
-        p.foundFirmware = d->firmware;
-        p.foundSectors = d->sectors;
+        p.found(d);
         raiseEvent(c, now, kEventDriveFound, 3, "drive found on port " + std::to_string(p.number));
         if (report.drive_count < 16) report.drives[report.drive_count++] = static_cast<uint8_t>(p.number);
     }

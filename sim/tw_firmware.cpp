@@ -166,25 +166,7 @@ uint8_t modeByte(const std::string& mode)
 }
 
 // The controller reads the drive now in the port's bay, or finds none.
-void attachDrive(const Manifest& m, const Controller& c, Port* p)
-{
-    // The drive now on the port, as the bay holds it.
-    const Drive* d = nullptr;
-    for (const Bay& b : m.bays) {
-        const bool k7 = c.family == 7000;
-        unsigned host = 0, bus = 0, target = 0, lun = 0;
-        const bool here = k7 ? std::sscanf(b.device.c_str(), "/dev/scsi/host%u/bus%u/target%u/lun%u/", &host, &bus,
-                           &target, &lun) == 4 &&
-                       static_cast<int>(host) == c.host && static_cast<int>(target) == p->number
-                 : b.number == p->number + 1;
-        if (here) d = m.driveInBay(b.number);
-    }
-    p->drive = d ? d->serial : "";
-    p->foundModel = d ? d->model : "";
-    p->foundSerial = d ? d->serial : "";
-    p->foundFirmware = d ? d->firmware : "";
-    p->foundSectors = d ? d->sectors : 0;
-}
+void attachDrive(const Manifest& m, const Controller& c, Port* p) { p->found(driveOfPort(m, c, p->number)); }
 
 // A unit loses the member on `port`: its slot goes missing and reads the
 // degraded mode, as does every node above it and the unit; the healthy

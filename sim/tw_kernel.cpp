@@ -285,27 +285,7 @@ std::string createControllers(Module& module, Manifest& m, const std::string& un
     for (int index = 0; index < controllers; ++index) {
         Controller c = freshController(index, k7 ? 7000 : 9000, index, ports);
         if (!procScsi) c.setNum("proc-scsi", 0);
-        // The bays of each port: platform 2 by host and target, the others in port order.
-        auto bayOf = [&](int port) -> const Bay* {
-            for (const Bay& b : m.bays) {
-                unsigned host = 0, bus = 0, target = 0, lun = 0;
-                if (k7 && std::sscanf(b.device.c_str(), "/dev/scsi/host%u/bus%u/target%u/lun%u/", &host, &bus, &target, &lun) == 4 &&
-                    static_cast<int>(host) == index && static_cast<int>(target) == port)
-                    return &b;
-                if (!k7 && b.number == port + 1) return &b;
-            }
-            return nullptr;
-        };
-        for (Port& p : c.ports) {
-            const Bay* b = bayOf(p.number);
-            const Drive* d = b ? m.driveInBay(b->number) : nullptr;
-            if (!d) continue;
-            p.drive = d->serial;
-            p.foundModel = d->model;
-            p.foundSerial = d->serial;
-            p.foundFirmware = d->firmware;
-            p.foundSectors = d->sectors;
-        }
+        for (Port& p : c.ports) p.found(driveOfPort(m, c, p.number));
         auto driveSectors = [&](int port) {
             const Port* p = c.port(port);
             return p ? p->foundSectors : 0;

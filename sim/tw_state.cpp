@@ -619,4 +619,34 @@ void logCall(Module& module, const std::string& line) { twView(module).log(line)
 
 void flushLog(Module& module) { twView(module).flushLog(); }
 
+void Port::found(const Drive* d)
+{
+    drive = d ? d->serial : "";
+    foundModel = d ? d->model : "";
+    foundSerial = d ? d->serial : "";
+    foundFirmware = d ? d->firmware : "";
+    foundSectors = d ? d->sectors : 0;
+}
+
+const Bay* bayOfPort(const Manifest& m, const Controller& c, int port)
+{
+    for (const Bay& b : m.bays) {
+        unsigned host = 0, bus = 0, target = 0, lun = 0;
+        if (c.family == 7000) {
+            if (std::sscanf(b.device.c_str(), "/dev/scsi/host%u/bus%u/target%u/lun%u/", &host, &bus, &target, &lun) == 4 &&
+                static_cast<int>(host) == c.host && static_cast<int>(target) == port)
+                return &b;
+        } else if (b.number == port + 1) {
+            return &b;
+        }
+    }
+    return nullptr;
+}
+
+const Drive* driveOfPort(const Manifest& m, const Controller& c, int port)
+{
+    const Bay* b = bayOfPort(m, c, port);
+    return b ? m.driveInBay(b->number) : nullptr;
+}
+
 } // namespace sim::tw

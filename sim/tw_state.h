@@ -33,6 +33,8 @@ namespace sim {
 
 class Module;
 struct Manifest;
+struct Bay;
+struct Drive;
 
 namespace tw {
 
@@ -46,6 +48,9 @@ struct Port {
     std::string drive;  // serial of the drive on the port, "" none
     std::string foundModel, foundSerial, foundFirmware;
     uint64_t foundSectors = 0;
+    // The controller finds `d` on the port and reads its identity; null
+    // leaves the port empty.
+    void found(const Drive* d);
     int status = 0xFF;  // the drive's status byte: 0xFF good, 0 failed or offline, 0xFE unsupported
 };
 
@@ -111,6 +116,13 @@ struct Controller {
     const char* nodePrefix() const { return family == 7000 ? "twe" : "twa"; }
     unsigned major() const { return family == 7000 ? kMajor7000 : kMajor9000; }
 };
+
+// The bay of a controller's port: platform 2 by host and target of the
+// bay's device path, the others in port order (port N is bay N + 1); null
+// when no bay is wired to it.
+const Bay* bayOfPort(const Manifest& m, const Controller& c, int port);
+// The drive now in that bay, null none.
+const Drive* driveOfPort(const Manifest& m, const Controller& c, int port);
 
 // The keys a controller file holds, with their meaning, in the order written.
 struct KeyInfo {

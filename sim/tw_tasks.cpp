@@ -217,23 +217,6 @@ void finish(Controller& c, Unit& u, uint64_t at)
     if (mode != "VERIFYING" && self->autoVerify && self->mode == "OK" && redundant(*self)) startVerify(c, *self, at);
 }
 
-// The bay of a port: platform 2 by host and target of the bay's device
-// path, the others in port order.
-const Bay* bayOfPort(const Manifest& m, const Controller& c, int port)
-{
-    for (const Bay& b : m.bays) {
-        unsigned host = 0, bus = 0, target = 0, lun = 0;
-        if (c.family == 7000) {
-            if (std::sscanf(b.device.c_str(), "/dev/scsi/host%u/bus%u/target%u/lun%u/", &host, &bus, &target, &lun) == 4 &&
-                static_cast<int>(host) == c.host && static_cast<int>(target) == port)
-                return &b;
-        } else if (b.number == port + 1) {
-            return &b;
-        }
-    }
-    return nullptr;
-}
-
 bool pulled(const Manifest& m, const Controller& c, const Port& p)
 {
     if (p.drive.empty()) return false;
@@ -377,12 +360,6 @@ bool unitUsable(Module& module, int unitBay)
     const Controller* c = twView(module).byHost(host);
     const Unit* u = c ? c->unit(target) : nullptr;
     return !u || u->mode != "INOPERABLE";
-}
-
-const Drive* driveOfPort(const Manifest& m, const Controller& c, int port)
-{
-    const Bay* b = bayOfPort(m, c, port);
-    return b ? m.driveInBay(b->number) : nullptr;
 }
 
 int livePercent(const Controller& c, const Unit& u, uint64_t nowUs)

@@ -84,9 +84,6 @@ enum class TaskAction : uint8_t {
 // unit is not usable, so that its reads and writes fail with EIO.
 bool unitUsable(Module& module, int unitBay);
 
-// The drive now in the bay of the controller's port, null none.
-const Drive* driveOfPort(const Manifest& m, const Controller& c, int port);
-
 // The percentage of the unit's running task now (its stored one otherwise).
 int livePercent(const Controller& c, const Unit& u, uint64_t nowUs);
 
