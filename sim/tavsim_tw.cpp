@@ -17,7 +17,7 @@
 namespace sim::cli {
 namespace {
 
-// The drive now in the port's bay (tw_tasks.h), "" none.
+// The serial of the drive now in the port's bay (tw_state.h), "" none.
 std::string realSerial(const Manifest& m, const tw::Controller& c, int port)
 {
     const Drive* d = tw::driveOfPort(m, c, port);
