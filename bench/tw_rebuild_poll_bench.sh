@@ -8,7 +8,7 @@ set -euo pipefail
 
 build=${1:-build}
 polls=${2:-3600}
-runs=${3:-2}
+runs=${3:-3}
 bench=$build/bench/tw_poll
 [ -x "$bench" ] || { echo "missing $bench: cmake --build $build --target tw_poll" >&2; exit 1; }
 "$bench" rebuild "$polls" "$runs"
